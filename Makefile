@@ -1,0 +1,38 @@
+# Entry points for people and CI. `make test` is the one command that installs what is missing,
+# configures, builds and runs every test.
+PRESET ?= release
+
+.PHONY: all deps configure build test test-asan test-tsan bench format format-check clean
+
+all: build
+
+deps:
+	scripts/install-deps
+
+configure: deps
+	cmake --preset $(PRESET)
+
+build: configure
+	cmake --build --preset $(PRESET)
+
+test: build
+	ctest --preset $(PRESET)
+
+test-asan:
+	$(MAKE) test PRESET=asan-ubsan
+
+test-tsan:
+	$(MAKE) test PRESET=tsan
+
+bench:
+	$(MAKE) build PRESET=release
+	scripts/run-benchmarks build/release
+
+format:
+	git ls-files '*.cpp' '*.hpp' | xargs clang-format -i
+
+format-check:
+	git ls-files '*.cpp' '*.hpp' | xargs clang-format --dry-run --Werror
+
+clean:
+	rm -rf build

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# The shared library exports the C entry points under their plain names and keeps private
+# classes hidden.
+set -euo pipefail
+library=$1
+symbols=$(nm -D --defined-only "$library")
+
+status=0
+for name in terrane_common_get_major_version terrane_common_get_minor_version \
+    terrane_common_get_patch_version terrane_common_get_version_string \
+    terrane_common_offline_service_register_observer \
+    terrane_common_offline_service_unregister_observer; do
+  if ! grep -qE " T ${name}\$" <<<"$symbols"; then
+    echo "missing exported function: $name"
+    status=1
+  fi
+done
+
+# Private classes never leave the library.
+if grep -E 'TaskQueue|OfflineServiceWorker' <<<"$(nm -DC --defined-only "$library")"; then
+  echo "private symbols are exported"
+  status=1
+fi
+exit $status
