@@ -17,10 +17,9 @@ inline constexpr null_value_t null_value{};
 
 struct value;
 
-using value_base =
-    util::variant<null_value_t, bool, std::uint64_t, std::int64_t, double, std::string,
-                  util::recursive_wrapper<std::vector<value>>,
-                  util::recursive_wrapper<std::unordered_map<std::string, value>>>;
+using value_base = util::variant<null_value_t, bool, std::uint64_t, std::int64_t, double,
+                                 std::string, util::recursive_wrapper<std::vector<value>>,
+                                 util::recursive_wrapper<std::unordered_map<std::string, value>>>;
 
 // A dynamically typed value: null, bool, unsigned and signed 64-bit integers, double, string,
 // array and string-keyed object, in that order. A default-constructed value is null.

@@ -10,7 +10,7 @@ namespace terrane::util {
 // destroyed or assigned to.
 template <typename T>
 class recursive_wrapper {
-public:
+  public:
     recursive_wrapper() : p_(std::make_unique<T>()) {}
     recursive_wrapper(const T& operand) : p_(std::make_unique<T>(operand)) {}
     recursive_wrapper(T&& operand) : p_(std::make_unique<T>(std::move(operand))) {}
@@ -47,7 +47,7 @@ public:
         return a.get() == b.get();
     }
 
-private:
+  private:
     std::unique_ptr<T> p_;
 };
 

@@ -38,7 +38,7 @@ const T& unwrap(const recursive_wrapper<T>& wrapper) {
 // and match(), all of which look through recursive_wrapper.
 template <typename... Ts>
 class variant : public std::variant<Ts...> {
-public:
+  public:
     using base_type = std::variant<Ts...>;
     using base_type::base_type;
     using base_type::operator=;
@@ -93,8 +93,7 @@ public:
     }
     template <typename F>
     decltype(auto) visit(F&& f) {
-        return std::visit([&](auto& a) -> decltype(auto) { return f(detail::unwrap(a)); },
-                          base());
+        return std::visit([&](auto& a) -> decltype(auto) { return f(detail::unwrap(a)); }, base());
     }
 
     template <typename... Fs>
