@@ -1,0 +1,227 @@
+#include "accounts/accounts_manager.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "terrane/accounts/token_generator.hpp"
+#include "terrane/util/md5.hpp"
+
+namespace terrane::common {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::nanoseconds;
+using testing::MatchesRegex;
+
+// A monotonic clock that only moves when a test moves it.
+struct ManualClock {
+    using duration = nanoseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = TokenTimePoint;
+    static constexpr bool is_steady = true;
+
+    static time_point now() { return current; }
+    static inline time_point current{hours{1000}};
+};
+
+class AccountsManagerTest : public testing::Test {
+  protected:
+    void SetUp() override { ManualClock::current = TokenTimePoint{hours{1000}}; }
+
+    std::string token(SKUIdentifier sku) { return manager.getSKUToken<ManualClock>(sku); }
+
+    AccountsManager manager;
+};
+
+constexpr auto tokenPattern = "1(00|03|04|06)[0-9a-zA-Z]{8}[0-9a-f]{32}";
+
+std::string randomizerOf(const std::string& token) {
+    return token.substr(3, 8);
+}
+std::string digestOf(const std::string& token) {
+    return token.substr(11);
+}
+
+TEST_F(AccountsManagerTest, TokensHaveTheDocumentedShape) {
+    const std::string expectedCodes[] = {"00", "03", "04", "06"};
+    for (std::uint32_t value = 0; value < 4; ++value) {
+        AccountsManager fresh;
+        const std::string text = fresh.getSKUToken<ManualClock>(static_cast<SKUIdentifier>(value));
+        EXPECT_EQ(text.size(), 43u);
+        EXPECT_THAT(text, MatchesRegex(tokenPattern));
+        EXPECT_EQ(text.substr(0, 3), "1" + expectedCodes[value]);
+    }
+}
+
+TEST_F(AccountsManagerTest, TokenTextIsVersionCodeRandomizerAndDigestOfTheUserId) {
+    GeneratedToken generated = manager.generateToken<ManualClock>(SKUIdentifier::Code04);
+    EXPECT_EQ(generated.sku, SKUIdentifier::Code04);
+    EXPECT_EQ(generated.expiry, ManualClock::current + hours{1});
+    EXPECT_FALSE(generated.cachedToken.has_value());
+
+    const std::string text = generated.token();
+    EXPECT_EQ(text, "104" + generated.userRandomizer + util::md5String(generated.userId));
+    EXPECT_EQ(generated.cachedToken, text);
+    // The id is upper case, its digest in the token lower case.
+    EXPECT_THAT(generated.userId, MatchesRegex("[0-9A-F]{32}"));
+    EXPECT_THAT(digestOf(text), MatchesRegex("[0-9a-f]{32}"));
+}
+
+TEST_F(AccountsManagerTest, SameSkuWithinTheHourGetsTheSameToken) {
+    const std::string first = token(SKUIdentifier::Code04);
+    ManualClock::current += hours{1} - nanoseconds{1};
+    EXPECT_EQ(token(SKUIdentifier::Code04), first);
+    // Each SKU has its own entry.
+    EXPECT_NE(token(SKUIdentifier::Code06), first);
+    EXPECT_EQ(token(SKUIdentifier::Code04), first);
+}
+
+TEST_F(AccountsManagerTest, TokenIsValidAtItsExpiryAndRenewedRightAfter) {
+    const std::string first = token(SKUIdentifier::Code00);
+    ManualClock::current += hours{1};
+    EXPECT_EQ(token(SKUIdentifier::Code00), first);
+
+    ManualClock::current += nanoseconds{1};
+    const std::string renewed = token(SKUIdentifier::Code00);
+    EXPECT_NE(renewed, first);
+    EXPECT_EQ(renewed.substr(0, 3), "100");
+    EXPECT_NE(digestOf(renewed), digestOf(first));
+    // The renewed token lives for an hour from its own making.
+    ManualClock::current += hours{1};
+    EXPECT_EQ(token(SKUIdentifier::Code00), renewed);
+}
+
+TEST_F(AccountsManagerTest, LiveServiceTokenIsReturnedForEverySku) {
+    EXPECT_FALSE(manager.maybeServiceToken<ManualClock>().has_value());
+    const std::string before = token(SKUIdentifier::Code00);
+    EXPECT_EQ(before.substr(0, 3), "100");
+
+    const std::string service = token(SKUIdentifier::Code03);
+    EXPECT_EQ(service.substr(0, 3), "103");
+    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
+    EXPECT_EQ(token(SKUIdentifier::Code00), service);
+    EXPECT_EQ(token(SKUIdentifier::Code06), service);
+    EXPECT_EQ(token(static_cast<SKUIdentifier>(42)), service);
+}
+
+TEST_F(AccountsManagerTest, ExpiredServiceTokenIsRenewedAndStillWins) {
+    const std::string service = token(SKUIdentifier::Code03);
+    ManualClock::current += hours{1};
+    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
+
+    ManualClock::current += nanoseconds{1};
+    const std::string renewed = token(SKUIdentifier::Code04);
+    EXPECT_NE(renewed, service);
+    EXPECT_EQ(renewed.substr(0, 3), "103");
+    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), renewed);
+}
+
+TEST_F(AccountsManagerTest, GeneratingDoesNotReplaceACachedEntry) {
+    const std::string cached = token(SKUIdentifier::Code06);
+    GeneratedToken another = manager.generateToken<ManualClock>(SKUIdentifier::Code06);
+    EXPECT_NE(another.token(), cached);
+    EXPECT_EQ(token(SKUIdentifier::Code06), cached);
+}
+
+TEST_F(AccountsManagerTest, UnknownSkusGetCodelessTokensSharingOneEntry) {
+    const std::string unknown = token(static_cast<SKUIdentifier>(4));
+    EXPECT_EQ(unknown.size(), 41u);
+    EXPECT_THAT(unknown, MatchesRegex("1[0-9a-zA-Z]{8}[0-9a-f]{32}"));
+    EXPECT_EQ(token(static_cast<SKUIdentifier>(0xFFFFFFFF)), unknown);
+    EXPECT_NE(token(SKUIdentifier::Code00), unknown);
+}
+
+TEST_F(AccountsManagerTest, RandomCharactersFollowRandModulo62WithoutReseeding) {
+    std::srand(20240229);
+    std::string expected;
+    for (int i = 0; i < 8; ++i) {
+        expected.push_back(
+            AccountsManager::CHARACTER_MAP[static_cast<std::size_t>(std::rand()) % 62]);
+    }
+    std::srand(20240229);
+    EXPECT_EQ(manager.userRandomizer(), expected);
+
+    std::srand(20240229);
+    const std::string token = manager.generateToken<ManualClock>(SKUIdentifier::Code00).token();
+    EXPECT_EQ(randomizerOf(token), expected);
+}
+
+TEST_F(AccountsManagerTest, RandomBase62StringsHaveTheAskedLength) {
+    EXPECT_EQ(manager.randomBase62String(0), "");
+    const std::string text = manager.randomBase62String(500);
+    EXPECT_EQ(text.size(), 500u);
+    EXPECT_THAT(text, MatchesRegex("[0-9a-zA-Z]*"));
+    EXPECT_EQ(AccountsManager::CHARACTER_MAP,
+              "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ");
+}
+
+TEST_F(AccountsManagerTest, EveryUserIdIsANewVersion4Uuid) {
+    std::set<std::string> ids;
+    for (int i = 0; i < 100; ++i) {
+        const std::string id = manager.getUserID();
+        ASSERT_THAT(id, MatchesRegex("[0-9A-F]{12}4[0-9A-F]{3}[89AB][0-9A-F]{15}"));
+        ids.insert(id);
+    }
+    EXPECT_EQ(ids.size(), 100u);
+}
+
+TEST(AccountsManagerConcurrency, ThreadsAskingForTheSameSkusShareTheirTokens) {
+    AccountsManager manager;
+    constexpr int threadCount = 6;
+    constexpr int requests = 300;
+    const SKUIdentifier skus[] = {SKUIdentifier::Code00, SKUIdentifier::Code04,
+                                  SKUIdentifier::Code06};
+    std::vector<std::vector<std::string>> seen(threadCount);
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < threadCount; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < requests; ++i) {
+                    seen[t].push_back(manager.getSKUToken(skus[(t + i) % 3]));
+                }
+            });
+        }
+    }
+    std::set<std::string> distinct;
+    for (const auto& tokens : seen) {
+        distinct.insert(tokens.begin(), tokens.end());
+    }
+    ASSERT_EQ(distinct.size(), 3u);
+    std::set<std::string> prefixes;
+    for (const auto& text : distinct) {
+        prefixes.insert(text.substr(0, 3));
+    }
+    EXPECT_EQ(prefixes, (std::set<std::string>{"100", "104", "106"}));
+}
+
+// The only test that touches the process-wide instance, so the order inside it is under control.
+TEST(TokenGenerator, ServesTokensFromTheProcessWideCache) {
+    std::vector<std::string> seen(4);
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t t = 0; t < seen.size(); ++t) {
+            threads.emplace_back(
+                [&, t] { seen[t] = TokenGenerator::getSKUToken(SKUIdentifier::Code04); });
+        }
+    }
+    for (const auto& text : seen) {
+        EXPECT_EQ(text, seen[0]);
+    }
+    EXPECT_THAT(seen[0], MatchesRegex("104[0-9a-zA-Z]{8}[0-9a-f]{32}"));
+    EXPECT_EQ(AccountsManager::getInstance().getSKUToken(SKUIdentifier::Code04), seen[0]);
+
+    const std::string service = TokenGenerator::getSKUToken(SKUIdentifier::Code03);
+    EXPECT_EQ(service.substr(0, 3), "103");
+    EXPECT_EQ(TokenGenerator::getSKUToken(SKUIdentifier::Code00), service);
+}
+
+}  // namespace
+}  // namespace terrane::common

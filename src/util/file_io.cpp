@@ -1,0 +1,238 @@
+#include "util/file_io.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <random>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace terrane::base::io {
+
+namespace {
+
+using terrane::common::expected;
+using terrane::common::unexpected;
+
+constexpr std::size_t readChunkSize = 64 * 1024;
+// Leaves room in NAME_MAX (255) for the dot and the ".tmp-XXXXXX" suffix.
+constexpr std::size_t maxTemporaryStemLength = 200;
+constexpr int temporaryNameAttempts = 100;
+
+unexpected<std::string> systemError(int error) {
+    return unexpected(std::generic_category().message(error));
+}
+
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+
+    int get() const { return fd_; }
+
+    // Closes now, for the callers that must know whether the close succeeded: some file
+    // systems report a failed write only there. Returns 0 or the error number.
+    int close() {
+        const int fd = fd_;
+        fd_ = -1;
+        // Linux frees the descriptor even when close fails with EINTR, so it is not retried.
+        return ::close(fd) == 0 ? 0 : errno;
+    }
+
+  private:
+    int fd_;
+};
+
+int openRetrying(const char* path, int flags, mode_t mode = 0) {
+    int fd;
+    do {
+        fd = ::open(path, flags, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+int fsyncRetrying(int fd) {
+    int result;
+    do {
+        result = ::fsync(fd);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? 0 : errno;
+}
+
+// Returns 0 or the error number.
+int writeAll(int fd, std::string_view contents) {
+    while (!contents.empty()) {
+        const ssize_t written = ::write(fd, contents.data(), contents.size());
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        // A write of nothing for a non-empty buffer makes no progress; only a full device
+        // should do that, and looping on it would spin.
+        if (written == 0) {
+            return ENOSPC;
+        }
+        contents.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+std::string randomSuffix() {
+    static constexpr std::string_view alphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    thread_local std::mt19937_64 engine{std::random_device{}()};
+    std::uniform_int_distribution<std::size_t> pick(0, alphabet.size() - 1);
+    std::string suffix(6, '\0');
+    for (auto& character : suffix) {
+        character = alphabet[pick(engine)];
+    }
+    return suffix;
+}
+
+// Removes the temporary file unless release() was called (after the rename had taken it).
+class TemporaryFile {
+  public:
+    TemporaryFile(std::filesystem::path path, int fd) : path_(std::move(path)), fd_(fd) {}
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    ~TemporaryFile() {
+        if (!released_) {
+            ::unlink(path_.c_str());
+        }
+    }
+
+    const std::filesystem::path& path() const { return path_; }
+    FileDescriptor& descriptor() { return fd_; }
+    void release() { released_ = true; }
+
+  private:
+    std::filesystem::path path_;
+    FileDescriptor fd_;
+    bool released_ = false;
+};
+
+// Creates the temporary beside `target` with O_EXCL rather than mkstemp, so that the kernel
+// applies the umask to 0666 and the file ends up with the permissions of any other created file.
+expected<int, int> createTemporary(const std::filesystem::path& target,
+                                   std::filesystem::path& temporary) {
+    std::string stem = target.filename().string();
+    if (stem.size() > maxTemporaryStemLength) {
+        stem.resize(maxTemporaryStemLength);
+    }
+    const std::filesystem::path directory = target.parent_path();
+    for (int attempt = 0; attempt < temporaryNameAttempts; ++attempt) {
+        temporary = directory / ("." + stem + ".tmp-" + randomSuffix());
+        const int fd =
+            openRetrying(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            return fd;
+        }
+        if (errno != EEXIST) {
+            return unexpected(errno);
+        }
+    }
+    return unexpected(EEXIST);
+}
+
+// Makes the rename itself durable.
+int syncDirectory(const std::filesystem::path& directory) {
+    const int fd = openRetrying(directory.empty() ? "." : directory.c_str(),
+                                O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    FileDescriptor descriptor(fd);
+    const int error = fsyncRetrying(descriptor.get());
+    // Some file systems cannot flush a directory at all; there is nothing more to be had there.
+    if (error == EINVAL || error == ENOTSUP) {
+        return 0;
+    }
+    return error;
+}
+
+}  // namespace
+
+expected<std::string, std::string> readFile(const std::filesystem::path& path) {
+    // O_NONBLOCK keeps the open of a FIFO without a writer from waiting; it is refused below.
+    const int fd = openRetrying(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        return systemError(errno);
+    }
+    FileDescriptor descriptor(fd);
+
+    struct stat status {};
+    if (::fstat(descriptor.get(), &status) != 0) {
+        return systemError(errno);
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return systemError(EISDIR);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return unexpected(std::string("Not a regular file"));
+    }
+
+    std::string contents;
+    if (status.st_size > 0) {
+        contents.reserve(static_cast<std::size_t>(status.st_size));
+    }
+    std::array<char, readChunkSize> chunk;
+    for (;;) {
+        const ssize_t count = ::read(descriptor.get(), chunk.data(), chunk.size());
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return systemError(errno);
+        }
+        if (count == 0) {
+            return contents;
+        }
+        contents.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+}
+
+expected<void, std::string> writeFileAtomically(const std::filesystem::path& path,
+                                                std::string_view contents) {
+    std::filesystem::path temporaryPath;
+    const auto created = createTemporary(path, temporaryPath);
+    if (!created) {
+        return systemError(created.error());
+    }
+    TemporaryFile temporary(temporaryPath, *created);
+
+    if (const int error = writeAll(temporary.descriptor().get(), contents)) {
+        return systemError(error);
+    }
+    // Without this the rename could reach the disk before the data, and a crash would leave an
+    // empty or partial file under the target's name.
+    if (const int error = fsyncRetrying(temporary.descriptor().get())) {
+        return systemError(error);
+    }
+    if (const int error = temporary.descriptor().close()) {
+        return systemError(error);
+    }
+    if (::rename(temporary.path().c_str(), path.c_str()) != 0) {
+        return systemError(errno);
+    }
+    temporary.release();
+
+    if (const int error = syncDirectory(path.parent_path())) {
+        return systemError(error);
+    }
+    return {};
+}
+
+}  // namespace terrane::base::io

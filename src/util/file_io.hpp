@@ -1,0 +1,37 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "terrane/expected.hpp"
+
+// Whole-file reading and writing for the small records the library keeps on disk. Failures come
+// back as the system's error text (strerror wording, for example "No such file or directory"),
+// ready to be put into a log line or an error message.
+//
+// Both functions are reentrant and may be called from any thread; they keep no state between
+// calls. Two writers of the same path at once each leave a whole file, and the last rename wins.
+
+namespace terrane::base::io {
+
+// Reads the whole file. Only regular files are read: a directory fails with "Is a directory",
+// and a FIFO, socket or device with "Not a regular file", so that a stray special file never
+// blocks the caller.
+terrane::common::expected<std::string, std::string> readFile(const std::filesystem::path& path);
+
+// Replaces the file at `path` with `contents`, so that the path holds either the old file or the
+// whole new one, also across a crash or power loss: the contents go to a new file in the same
+// directory (named "." + the target's name + ".tmp-" + six random characters, a hidden name that
+// nothing scanning the tree takes for a region, revision or pack), are flushed to the disk, and
+// the new file is renamed over the target; then the directory is flushed too. The new file gets
+// the usual permissions of a created file (0666 less the umask), not the old file's.
+//
+// On failure the temporary file is removed, the target is left as it was, and the error is the
+// system's text for the step that failed (a full disk gives "No space left on device"). The
+// directory must exist. If only the final flush of the directory fails, the new contents are in
+// place but may not survive a crash; that is still reported as a failure.
+terrane::common::expected<void, std::string> writeFileAtomically(const std::filesystem::path& path,
+                                                                 std::string_view contents);
+
+}  // namespace terrane::base::io

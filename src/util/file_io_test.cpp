@@ -1,0 +1,213 @@
+#include "util/file_io.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace terrane::base::io {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FileIoTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "terrane-file-io-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        directory_ = pattern;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::permissions(directory_, fs::perms::owner_all, fs::perm_options::add, ignored);
+        fs::remove_all(directory_, ignored);
+    }
+
+    // Names in the directory, to show that no temporary file was left behind.
+    std::vector<std::string> entries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(directory_)) {
+            names.push_back(entry.path().filename().string());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    static void put(const fs::path& path, const std::string& contents) {
+        std::ofstream(path, std::ios::binary) << contents;
+    }
+
+    fs::path directory_;
+};
+
+std::string patternedBytes(std::size_t size, char seed) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>(seed + i * 7);
+    }
+    return bytes;
+}
+
+// Lowers the file size limit of the process for its lifetime, so that a write fails part way
+// with EFBIG; this works for root too, which ignores permissions. SIGXFSZ, which would end the
+// process, is ignored meanwhile.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &previous_);
+        rlimit lowered = previous_;
+        lowered.rlim_cur = bytes;
+        active_ = ::setrlimit(RLIMIT_FSIZE, &lowered) == 0;
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, previousHandler_);
+    }
+    bool active() const { return active_; }
+
+  private:
+    rlimit previous_{};
+    void (*previousHandler_)(int) = nullptr;
+    bool active_ = false;
+};
+
+// ---- readFile -------------------------------------------------------------------------------
+
+TEST_F(FileIoTest, ReadsTheWholeFileByteForByte) {
+    const std::string contents = patternedBytes(200 * 1024 + 3, '\0');
+    put(directory_ / "data", contents);
+    const auto read = readFile(directory_ / "data");
+    ASSERT_TRUE(read.has_value()) << read.error();
+    EXPECT_EQ(*read, contents);
+
+    put(directory_ / "empty", "");
+    EXPECT_EQ(readFile(directory_ / "empty"), "");
+}
+
+TEST_F(FileIoTest, ReadFailuresCarryTheSystemText) {
+    EXPECT_EQ(readFile(directory_ / "missing"),
+              common::unexpected(std::string("No such file or directory")));
+    EXPECT_EQ(readFile(directory_), common::unexpected(std::string("Is a directory")));
+}
+
+TEST_F(FileIoTest, ReadRefusesAFifoWithoutWaitingForAWriter) {
+    const fs::path fifo = directory_ / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(readFile(fifo), common::unexpected(std::string("Not a regular file")));
+}
+
+// ---- writeFileAtomically --------------------------------------------------------------------
+
+TEST_F(FileIoTest, WritesANewFileAndLeavesNoTemporaryBehind) {
+    const fs::path target = directory_ / "metadata.json";
+    const std::string contents = patternedBytes(100000, 'a');
+    ASSERT_TRUE(writeFileAtomically(target, contents).has_value());
+    EXPECT_EQ(readFile(target), contents);
+    EXPECT_EQ(entries(), std::vector<std::string>{"metadata.json"});
+}
+
+TEST_F(FileIoTest, ReplacesAnExistingFileWhole) {
+    const fs::path target = directory_ / "1.json";
+    put(target, std::string(5000, 'x'));
+    ASSERT_TRUE(writeFileAtomically(target, "{}").has_value());
+    EXPECT_EQ(readFile(target), "{}");
+    ASSERT_TRUE(writeFileAtomically(target, "").has_value());
+    EXPECT_EQ(readFile(target), "");
+    EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
+}
+
+TEST_F(FileIoTest, NewFilesGetTheUsualPermissions) {
+    const mode_t previous = ::umask(022);
+    const auto written = writeFileAtomically(directory_ / "configuration.json", "{}");
+    ::umask(previous);
+    ASSERT_TRUE(written.has_value()) << written.error();
+    struct stat status {};
+    ASSERT_EQ(::stat((directory_ / "configuration.json").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+}
+
+TEST_F(FileIoTest, MissingDirectoryIsAnError) {
+    EXPECT_EQ(writeFileAtomically(directory_ / "absent" / "metadata.json", "{}"),
+              common::unexpected(std::string("No such file or directory")));
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(FileIoTest, TargetThatIsADirectoryIsLeftAlone) {
+    const fs::path target = directory_ / "maps";
+    fs::create_directory(target);
+    put(target / "1", "pack");
+    EXPECT_EQ(writeFileAtomically(target, "{}"), common::unexpected(std::string("Is a directory")));
+    EXPECT_EQ(readFile(target / "1"), "pack");
+    EXPECT_EQ(entries(), std::vector<std::string>{"maps"});
+}
+
+TEST_F(FileIoTest, FailedWriteKeepsTheOldContents) {
+    const fs::path target = directory_ / "1.json";
+    put(target, "old contents");
+    const std::string large = patternedBytes(256 * 1024, 'n');
+    common::expected<void, std::string> written;
+    {
+        FileSizeLimit limit(4096);
+        ASSERT_TRUE(limit.active());
+        // The first write stops short at the limit, the next one fails.
+        written = writeFileAtomically(target, large);
+    }
+    EXPECT_EQ(written, common::unexpected(std::string("File too large")));
+    EXPECT_EQ(readFile(target), "old contents");
+    EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
+}
+
+TEST_F(FileIoTest, UnwritableDirectoryIsAnError) {
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "root ignores directory permissions";
+    }
+    const fs::path target = directory_ / "metadata.json";
+    put(target, "old");
+    fs::permissions(directory_, fs::perms::owner_write, fs::perm_options::remove);
+    EXPECT_EQ(writeFileAtomically(target, "new"),
+              common::unexpected(std::string("Permission denied")));
+    fs::permissions(directory_, fs::perms::owner_write, fs::perm_options::add);
+    EXPECT_EQ(readFile(target), "old");
+    EXPECT_EQ(entries(), std::vector<std::string>{"metadata.json"});
+}
+
+TEST_F(FileIoTest, ReadersNeverSeeAPartialFile) {
+    const fs::path target = directory_ / "metadata.json";
+    const std::string first = patternedBytes(64 * 1024, 'a');
+    const std::string second = patternedBytes(96 * 1024, 'b');
+    ASSERT_TRUE(writeFileAtomically(target, first).has_value());
+
+    std::atomic<bool> done{false};
+    std::atomic<int> torn{0};
+    std::thread reader([&] {
+        while (!done) {
+            const auto read = readFile(target);
+            if (!read || (*read != first && *read != second)) {
+                ++torn;
+            }
+        }
+    });
+    for (int round = 0; round < 50; ++round) {
+        EXPECT_TRUE(writeFileAtomically(target, round % 2 == 0 ? second : first).has_value());
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(torn, 0);
+    EXPECT_EQ(entries(), std::vector<std::string>{"metadata.json"});
+}
+
+}  // namespace
+}  // namespace terrane::base::io
