@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "terrane/expected.hpp"
+#include "terrane/http/http_request.hpp"
+#include "terrane/http/http_response.hpp"
+
+namespace terrane::common {
+
+// The values cross the platform boundary as plain integers, so they must never be renumbered.
+enum class DownloadState : std::uint32_t {
+    Pending = 0,      // the first report of every download
+    Downloading = 1,  // bytes are arriving, or the download resumed
+    Failed = 2,       // final; the status carries an error
+    Finished = 3,     // final; the file is at the destination path
+};
+
+// After a final state the service never reports on that download again.
+constexpr bool isFinal(DownloadState state) {
+    return state == DownloadState::Failed || state == DownloadState::Finished;
+}
+
+enum class DownloadErrorCode : std::uint32_t {
+    // The destination directory is missing (reported as "not writable"), or the finished file
+    // could not be moved into place.
+    FileSystemError = 0,
+    // The transfer failed or timed out.
+    NetworkError = 1,
+};
+
+struct DownloadError {
+    DownloadErrorCode code = DownloadErrorCode::FileSystemError;
+    std::string message;
+
+    friend bool operator==(const DownloadError&, const DownloadError&) = default;
+};
+
+// A file download: the request to fetch and where the finished file must end up.
+struct DownloadOptions {
+    HttpRequest request;
+    std::string localPath;
+    // Continue from resume data stored for this destination and URL, when the service has valid
+    // data; otherwise start afresh.
+    bool resume = false;
+
+    DownloadOptions() = default;
+
+    DownloadOptions(HttpRequest request, std::string localPath, bool resume = false)
+        : request(std::move(request)), localPath(std::move(localPath)), resume(resume) {}
+
+    friend bool operator==(const DownloadOptions&, const DownloadOptions&) = default;
+};
+
+// The state of one download. A service keeps one such record per download, updates it on every
+// event and delivers a copy each time.
+struct DownloadStatus {
+    // The id download() returned.
+    std::uint64_t downloadId = 0;
+    DownloadState state = DownloadState::Pending;
+    // Set only with DownloadState::Failed.
+    optional<DownloadError> error;
+    // Set once the expected size is known.
+    optional<std::uint64_t> totalBytes;
+    std::uint64_t receivedBytes = 0;
+    // A copy of what was asked.
+    DownloadOptions downloadOptions;
+    // The response head (headers and code, no body) once a response arrived.
+    optional<HttpResult> httpResult;
+
+    DownloadStatus() = default;
+
+    DownloadStatus(std::uint64_t downloadId, DownloadState state, optional<DownloadError> error,
+                   optional<std::uint64_t> totalBytes, std::uint64_t receivedBytes,
+                   DownloadOptions downloadOptions, optional<HttpResult> httpResult)
+        : downloadId(downloadId),
+          state(state),
+          error(std::move(error)),
+          totalBytes(totalBytes),
+          receivedBytes(receivedBytes),
+          downloadOptions(std::move(downloadOptions)),
+          httpResult(std::move(httpResult)) {}
+
+    // The short form applications use; id, state and byte count keep their defaults.
+    DownloadStatus(optional<DownloadError> error, optional<std::uint64_t> totalBytes,
+                   DownloadOptions downloadOptions, optional<HttpResult> httpResult)
+        : error(std::move(error)),
+          totalBytes(totalBytes),
+          downloadOptions(std::move(downloadOptions)),
+          httpResult(std::move(httpResult)) {}
+
+    friend bool operator==(const DownloadStatus&, const DownloadStatus&) = default;
+};
+
+}  // namespace terrane::common

@@ -1,0 +1,210 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "terrane/expected.hpp"
+#include "terrane/http/download.hpp"
+#include "terrane/http/http_request.hpp"
+#include "terrane/http/http_response.hpp"
+#include "terrane/http/http_service_interface.hpp"
+
+namespace terrane::common::test {
+
+class FakeHttpState;
+
+// A request issued by the code under test, and the means to answer it. A handle: copies refer to
+// the same exchange and share its state with the service, and every member may be called from any
+// thread. An exchange answered twice is a test failure. Handles may outlive their service; answers
+// given then are dropped.
+class FakeRequest {
+  public:
+    std::uint64_t id() const { return id_; }
+    const HttpRequest& request() const { return request_; }
+    HttpMethod method() const { return request_.method; }
+    const std::string& url() const { return request_.url; }
+    const HttpHeaders& headers() const { return request_.headers; }
+    // The value of a request header, its name compared without regard to case.
+    optional<std::string> header(std::string_view name) const;
+    std::string bodyText() const { return {request_.body.begin(), request_.body.end()}; }
+
+    // Whether an answer (a response, an error or a cancellation) has been given.
+    bool isAnswered() const;
+
+    // Answers with an HTTP response; 4xx and 5xx statuses are responses too.
+    void respond(std::int64_t code, std::string_view body = {}, HttpHeaders headers = {}) const;
+    void respond(HttpResponseData data) const;
+    // Answers with a transport failure.
+    void fail(HttpRequestErrorType type, std::string message) const;
+    // What an automatic answer to a cancellation of this request says (the service-wide default
+    // otherwise).
+    void answerCancelWith(bool answer) const;
+
+  private:
+    friend class FakeHttpState;
+    FakeRequest(std::shared_ptr<FakeHttpState> state, std::uint64_t id, HttpRequest request);
+
+    std::shared_ptr<FakeHttpState> state_;
+    std::uint64_t id_;
+    HttpRequest request_;
+};
+
+// A download started by the code under test, and the means to script its progress. The fake keeps
+// one status record per download, as a real service does: every call below updates it and
+// delivers a copy. Members may be called from any thread. Nothing is delivered on its own, not even
+// the first Pending. Scripting a download after its final state is a test failure; after it has
+// been cancelled, scripting is silently dropped (the cancellation may have crossed the answer).
+class FakeDownload {
+  public:
+    std::uint64_t id() const { return id_; }
+    const DownloadOptions& options() const { return options_; }
+    const HttpRequest& request() const { return options_.request; }
+    const std::string& url() const { return options_.request.url; }
+    const std::string& localPath() const { return options_.localPath; }
+    bool resume() const { return options_.resume; }
+
+    // The status record as last scripted.
+    DownloadStatus status() const;
+    bool isOver() const;       // a final state has been scripted
+    bool isCancelled() const;  // the code under test cancelled it before its final state
+
+    // Pending, then Downloading with nothing received yet: what a real service reports when a
+    // download starts afresh.
+    void start() const;
+    void pending() const;
+    // Downloading with this many bytes received (and the expected size, once known).
+    void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
+    // Records the response head that later reports carry, without reporting anything.
+    void head(std::int64_t code, HttpHeaders headers = {}) const;
+    void headError(HttpRequestErrorType type, std::string message) const;
+    // Writes content to localPath (replacing any file there), then reports Finished with all bytes
+    // received; without a scripted head the response is a 200. A file that cannot be written
+    // reports Failed with FileSystemError "<localPath> is not writable.", as a real service does.
+    void finish(std::string_view content) const;
+    void finish(std::string_view content, std::int64_t code, HttpHeaders headers = {}) const;
+    void fail(DownloadErrorCode code, std::string message) const;
+    // Delivers a status record exactly as given, for cases the helpers above do not cover.
+    void report(DownloadStatus status) const;
+    // What an automatic answer to a cancellation of this download says (the service-wide default
+    // otherwise).
+    void answerCancelWith(bool answer) const;
+
+  private:
+    friend class FakeHttpState;
+    FakeDownload(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options);
+
+    std::shared_ptr<FakeHttpState> state_;
+    std::uint64_t id_;
+    DownloadOptions options_;
+};
+
+// A cancelRequest call of the code under test. A handle like FakeRequest; any thread.
+class FakeCancellation {
+  public:
+    // The id the code under test asked to cancel.
+    std::uint64_t id() const { return id_; }
+    bool isAnswered() const;
+    // Answers the cancellation (only needed in manual mode): true also delivers RequestCancelled
+    // to a plain request not answered yet. Answering twice is a test failure.
+    void answer(bool answer) const;
+
+  private:
+    friend class FakeHttpState;
+    FakeCancellation(std::shared_ptr<FakeHttpState> state, std::size_t index, std::uint64_t id);
+
+    std::shared_ptr<FakeHttpState> state_;
+    std::size_t index_;
+    std::uint64_t id_;
+};
+
+// A scriptable in-memory HttpServiceInterface. It records every call of the code under test, lets
+// a test wait for the next request, download or cancellation, and answer each later from any
+// thread. Answers are delivered in the order they were given, on one delivery thread owned by the
+// fake (never the caller's thread), as a real service's serial queue would.
+//
+//     auto http = std::make_shared<FakeHttpService>();
+//     HttpServiceFactory::setUserDefined(http);
+//     ... the code under test lists the regions ...
+//     auto listing = http->nextRequest();
+//     EXPECT_EQ(listing.url(), "https://example.test/offline-data/v1/alice/regions");
+//     listing.respond(200, R"({"region": {}})");
+//
+// Cancellations are answered at once by default: false for an id that names nothing in flight;
+// for a live exchange the exchange's scripted answer, else the service-wide one (true). A
+// cancelled download reports nothing more; a plain request cancelled with true then receives
+// RequestCancelled. In manual mode the test answers each FakeCancellation itself.
+//
+// Waiting calls give up after a generous guard timeout and throw std::runtime_error, which fails
+// the test at that line instead of hanging it. Destroying the fake delivers the answers already
+// given, then joins the delivery thread; exchanges never answered end without a callback. The fake
+// must not be destroyed by one of its own callbacks (that aborts).
+class FakeHttpService final : public HttpServiceInterface {
+  public:
+    static constexpr std::chrono::milliseconds kDefaultGuardTimeout{30'000};
+
+    FakeHttpService();
+    ~FakeHttpService() override;
+    FakeHttpService(const FakeHttpService&) = delete;
+    FakeHttpService& operator=(const FakeHttpService&) = delete;
+
+    // HttpServiceInterface: callable from any thread, including the fake's callbacks.
+    void setMaxRequestsPerHost(std::uint8_t max) override;
+    std::uint64_t request(HttpRequest&& request, HttpResponseCallback&& callback) override;
+    void cancelRequest(std::uint64_t id, ResultCallback&& callback) override;
+    bool supportsKeepCompression() override;
+    std::uint64_t download(DownloadOptions&& options, DownloadStatusCallback&& callback) override;
+
+    // Waiting for the code under test. Each returns the oldest exchange not yet returned by an
+    // earlier call; requests and downloads answered automatically are skipped. Not from the
+    // delivery thread.
+    FakeRequest nextRequest();
+    FakeDownload nextDownload();
+    FakeCancellation nextCancellation();
+    // Blocks until every answer given so far has been delivered and its callback has returned.
+    void waitUntilDelivered();
+    void setGuardTimeout(std::chrono::milliseconds timeout);
+
+    // Everything recorded so far, in the order of the calls. The queries below may be called from
+    // any thread.
+    std::vector<FakeRequest> requests() const;
+    std::vector<FakeDownload> downloads() const;
+    std::vector<FakeCancellation> cancellations() const;
+    // Throw std::out_of_range for an id the fake never issued.
+    FakeRequest requestWithId(std::uint64_t id) const;
+    FakeDownload downloadWithId(std::uint64_t id) const;
+    // The last value given to setMaxRequestsPerHost.
+    optional<std::uint8_t> maxRequestsPerHost() const;
+    // The thread on which every callback runs.
+    std::thread::id deliveryThreadId() const { return delivery_.get_id(); }
+
+    // Scripting in advance, from any thread; each setting applies to calls made after it.
+    void setSupportsKeepCompression(bool supported);
+    void answerCancellationsWith(bool answer);
+    void answerCancellationsManually(bool manual = true);
+    // Every later request fails at once with this error; takes precedence over canned responses.
+    void failEveryRequest(HttpRequestErrorType type, std::string message);
+    // Every later download reports Pending, then Failed with this error.
+    void failEveryDownload(DownloadErrorCode code, std::string message);
+    // Later requests whose URL starts with prefix are answered at once with this response. The
+    // first matching rule wins.
+    void respondToUrlsStartingWith(std::string prefix, std::int64_t code, std::string body,
+                                   HttpHeaders headers = {});
+    // Later downloads whose URL starts with prefix run to the end at once: Pending, Downloading,
+    // then content is written to localPath and Finished is reported with a head of code and
+    // headers. The first matching rule wins.
+    void serveDownloadsStartingWith(std::string prefix, std::string content,
+                                    std::int64_t code = 200, HttpHeaders headers = {});
+    // Removes every fault switch and canned answer; later exchanges wait for the test again.
+    void clearAutomaticAnswers();
+
+  private:
+    std::shared_ptr<FakeHttpState> state_;
+    std::thread delivery_;
+};
+
+}  // namespace terrane::common::test
