@@ -1,0 +1,60 @@
+#pragma once
+
+#include <array>
+#include <bit>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+#include "offline/task.hpp"
+
+namespace terrane::common {
+
+// The queue between the threads that post work and the one worker thread that runs it. Tasks come
+// out by ascending priority, in posting order within a priority, so a task posted later with a
+// smaller priority overtakes those already waiting.
+//
+// Threads: put() and stop() from any thread; get() from the worker thread (several getters would
+// work, but the worker relies on being the only one). Held by shared pointer: the WorkerThread
+// owns it, Proxies only watch it.
+class TaskQueue {
+  public:
+    TaskQueue() = default;
+    TaskQueue(const TaskQueue&) = delete;
+    TaskQueue& operator=(const TaskQueue&) = delete;
+
+    // Appends the task and wakes one waiting get(). A null task is ignored and wakes nobody.
+    // Tasks put after stop() are still returned by get() while it keeps being called.
+    void put(std::unique_ptr<Task> task);
+
+    // Removes and returns the first task in priority order, waiting while the queue is empty. Null
+    // means "stop": the queue is empty and stop() has been called, so every task put before the
+    // stop has been handed out.
+    std::unique_ptr<Task> get();
+
+    // Lets get() return null once the queue has drained; wakes every waiter.
+    void stop();
+
+  private:
+    static constexpr std::size_t priorityCount = 256;
+    static constexpr std::size_t wordBits = 64;
+
+    // Keeping one FIFO per priority value gives the order of a stable sort by priority without
+    // sorting: the first non-empty FIFO, found in the bitmap, holds the next task. A FIFO is
+    // created when its priority is first used and kept, so that a busy priority does not
+    // reallocate.
+    using Fifo = std::deque<std::unique_ptr<Task>>;
+
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::array<std::unique_ptr<Fifo>, priorityCount> fifos;
+    // Bit p set: fifos[p] is non-empty.
+    std::array<std::uint64_t, priorityCount / wordBits> nonEmpty{};
+    std::size_t size = 0;
+    bool stopped = false;
+};
+
+}  // namespace terrane::common
