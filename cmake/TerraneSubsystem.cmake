@@ -5,18 +5,25 @@
 
 set_property(GLOBAL PROPERTY TERRANE_SUBSYSTEMS "")
 
-# terrane_subsystem(<name> [DEPENDS <subsystem>...] [LIBRARIES <target>...]
-#                   [TEST_LIBRARIES <target>...])
-#   Sources: src/<name>/*.cpp except *_test.cpp; tests: src/<name>/*_test.cpp.
+# terrane_subsystem(<name> [DIRECTORY <dir>] [EXCLUDE <file>...] [DEPENDS <subsystem>...]
+#                   [LIBRARIES <target>...] [TEST_LIBRARIES <target>...])
+#   Sources: src/<dir>/*.cpp except *_test.cpp and the EXCLUDE files (relative to src/<dir>);
+#   tests: src/<dir>/*_test.cpp. <dir> defaults to <name>.
 #   DEPENDS names the subsystems whose objects the tests need, transitively listed.
 function(terrane_subsystem name)
-  cmake_parse_arguments(arg "" "" "DEPENDS;LIBRARIES;TEST_LIBRARIES" ${ARGN})
-  set(dir ${CMAKE_CURRENT_SOURCE_DIR}/${name})
+  cmake_parse_arguments(arg "" "DIRECTORY" "EXCLUDE;DEPENDS;LIBRARIES;TEST_LIBRARIES" ${ARGN})
+  if(NOT arg_DIRECTORY)
+    set(arg_DIRECTORY ${name})
+  endif()
+  set(dir ${CMAKE_CURRENT_SOURCE_DIR}/${arg_DIRECTORY})
   file(GLOB sources CONFIGURE_DEPENDS ${dir}/*.cpp)
   file(GLOB tests CONFIGURE_DEPENDS ${dir}/*_test.cpp)
   if(tests)
     list(REMOVE_ITEM sources ${tests})
   endif()
+  foreach(excluded IN LISTS arg_EXCLUDE)
+    list(REMOVE_ITEM sources ${dir}/${excluded})
+  endforeach()
 
   set(target terrane_${name})
   if(sources)
