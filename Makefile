@@ -2,7 +2,7 @@
 # configures, builds and runs every test.
 PRESET ?= release
 
-.PHONY: all deps configure build test test-asan test-tsan bench format format-check clean
+.PHONY: all deps configure build test test-asan test-tsan bench fuzz format format-check clean
 
 all: build
 
@@ -27,6 +27,13 @@ test-tsan:
 bench:
 	$(MAKE) build PRESET=release
 	scripts/run-benchmarks build/release
+
+# Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS (default 60).
+fuzz:
+	scripts/install-deps --fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	scripts/run-fuzzers
 
 format:
 	git ls-files '*.cpp' '*.hpp' | xargs clang-format -i

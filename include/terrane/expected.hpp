@@ -7,15 +7,11 @@ namespace terrane::common {
 
 // Every fallible result that crosses a subsystem boundary is a value or an error, never an
 // exception.
-template <typename T, typename E>
-using expected = std::expected<T, E>;
-
-template <typename E>
-using unexpected = std::unexpected<E>;
-
-template <typename T>
-using optional = std::optional<T>;
-
+// Using-declarations rather than alias templates, so that class template argument deduction
+// (`return unexpected(message);`) works with every compiler.
+using std::expected;
 using std::nullopt;
+using std::optional;
+using std::unexpected;
 
 }  // namespace terrane::common
