@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "util/file_descriptor.hpp"
+
 namespace terrane::base::io {
 
 namespace {
@@ -27,32 +29,6 @@ constexpr int temporaryNameAttempts = 100;
 unexpected<std::string> systemError(int error) {
     return unexpected(std::generic_category().message(error));
 }
-
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-
-    int get() const { return fd_; }
-
-    // Closes now, for the callers that must know whether the close succeeded: some file
-    // systems report a failed write only there. Returns 0 or the error number.
-    int close() {
-        const int fd = fd_;
-        fd_ = -1;
-        // Linux frees the descriptor even when close fails with EINTR, so it is not retried.
-        return ::close(fd) == 0 ? 0 : errno;
-    }
-
-  private:
-    int fd_;
-};
 
 int openRetrying(const char* path, int flags, mode_t mode = 0) {
     int fd;

@@ -10,10 +10,13 @@
 #include <memory>
 #include <system_error>
 
+#include "util/file_descriptor.hpp"
 #include "util/md5_digest.hpp"
 
 namespace terrane::common::util {
 namespace {
+
+using terrane::base::io::FileDescriptor;
 
 // Large reads keep the per-call overhead of read(2) far below the cost of the digest itself.
 constexpr std::size_t readBufferSize = std::size_t{1} << 20;
@@ -21,22 +24,6 @@ constexpr std::size_t readBufferSize = std::size_t{1} << 20;
 std::string systemError(const char* operation, const std::string& path, int error) {
     return std::string(operation) + " \"" + path + "\": " + std::generic_category().message(error);
 }
-
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 [[noreturn]] void digestUnavailable(const std::string& reason) {
     // md5String has no error channel: without MD5 in libcrypto the library cannot name its
