@@ -2,57 +2,84 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
 
+#include "offline/context.hpp"
+#include "offline/offline_data_pack_holder.hpp"
+#include "offline/offline_data_region_internal.hpp"
 #include "offline/worker_thread.hpp"
 #include "terrane/offline/offline_data.hpp"
 #include "terrane/offline/offline_service.hpp"
 #include "terrane/offline/offline_service_observer.hpp"
+#include "terrane/util/rfc3339.hpp"
 
 namespace terrane::common {
 
 // Ordered by the observers' addresses; an observer appears at most once.
 using OfflineServiceObservers = std::set<std::shared_ptr<OfflineServiceObserver>>;
 
+// Every region revision the worker knows, ordered by region id, then revision.
+using OfflineDataRegions = std::map<RegionKey, OfflineDataRegionInternal>;
+
 // The offline service's state and operations. It lives on the service's worker thread
 // (WorkerThread<OfflineServiceWorker>): it is constructed there, every member below runs there
 // as a posted task or from another member, and it is destroyed there. Nothing in it is locked.
 // It may also be constructed and driven directly on one thread, with a Proxy that has no queue.
+//
+// The members are implemented by concern: construction and the public operations in
+// offline_service_worker.cpp, start-up recovery in worker_recovery.cpp, observer notification
+// and the idle check in worker_observers.cpp, context loading in worker_context.cpp.
 class OfflineServiceWorker {
   public:
-    // Applies the default endpoint, queues the first idle check, reads the stored state and then
-    // tells every observer onInitialized().
+    // Applies the default endpoint, settles the storage root below `path`, queues the first idle
+    // check, recovers the stored packs (telling observers about every visible one and queueing
+    // their follow-ups) and then tells every observer onInitialized(). Never throws for anything
+    // found on disk: problems become log messages to the observers.
     OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy, const std::string& path,
                          const OfflineServiceOptions& options, OfflineServiceObservers observers);
 
     OfflineServiceWorker(const OfflineServiceWorker&) = delete;
     OfflineServiceWorker& operator=(const OfflineServiceWorker&) = delete;
 
-    // Catalogue and pack operations posted by the facade.
+    // ---- Catalogue and pack operations posted by the facade --------------------------------
+
     // Not answered yet: the callback is neither called nor kept.
     void listAvailableRegions(AvailableRegionsCallback callback);
-    // Does nothing yet.
-    void downloadPack(OfflineDataDomain domain, const OfflineDataRegionMetadata& region);
-    // Does nothing yet.
-    void cancelPackDownload(OfflineDataDomain domain, const OfflineDataRegionMetadata& region);
-    // Does nothing yet.
-    void deletePack(OfflineDataDomain domain, const OfflineDataRegionMetadata& region);
+    // The three pack operations refuse a region whose id cannot be a directory name below the
+    // storage root: they touch nothing and log "Invalid region id '<id>'". Otherwise they do
+    // nothing yet.
+    void downloadPack(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
+    void cancelPackDownload(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
+    void deletePack(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
 
-    // Attaches an observer (null is ignored). A new observer of an initialized worker is told the
-    // current state, and only it: onInitialized(), then onIdle() if the worker is idle. One that
-    // is already attached is told nothing.
+    // ---- Follow-ups posted by the worker itself --------------------------------------------
+
+    // Checks a downloaded pack file; posted by start-up for every pack found Verifying.
+    void verifyPackDownload(PackKey key);
+    // Asks the server to extend an Available pack's lease; posted by start-up for every pack
+    // whose lease is in its second half.
+    void extendPackDownloadLease(PackKey key);
+
+    // ---- Observers -------------------------------------------------------------------------
+
+    // Attaches an observer (null is ignored). A new observer of an initialized worker is told
+    // the current state, and only it: every visible stored pack through its state callback (in
+    // region order, maps before navigation), then onInitialized(), then onIdle() if the worker
+    // is idle. One that is already attached is told nothing.
     void addObserver(std::shared_ptr<OfflineServiceObserver> observer);
-    // Detaches an observer; null is ignored.
+    // Detaches an observer (null is ignored) and withdraws every deletion acknowledgement it
+    // still owed, so that no deletion waits for an observer that left.
     void removeObserver(std::shared_ptr<OfflineServiceObserver> observer);
 
     // The idle check, always posted at TaskPriority::Idle so that it runs once no ordinary task is
     // queued. Tells every observer onIdle() once per busy period, when nothing is outstanding.
     void sendIdleNotification();
 
-    // Called at the start of every pack operation: the next idle check will report again, and
-    // one is queued unless one already is.
+    // The common prologue of every operation that has found its pack: the next idle check will
+    // report again, and one is queued unless one already is.
     void markBusy();
 
     // Tells every observer the pack's state through the callback that matches pack.status. An
@@ -66,21 +93,70 @@ class OfflineServiceWorker {
                                    const OfflineDataRegionMetadata& region,
                                    const OfflineDataPack& pack);
 
-    // Formats a diagnostic printf-style and hands it to every observer's onLogMessage.
+    // Formats a diagnostic printf-style and hands it to every observer's onLogMessage. An
+    // observer that throws from there is passed over.
     void logMessage(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+    // ---- Contexts ----------------------------------------------------------------------------
+
+    // For the public operations: finds the region revision, storing a new entry (both packs
+    // Deleted) made from `region` when there is none, then as loadContext(domain, entry).
+    ContextResult loadContext(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
+    // Fails with MetadataMissing when the region has no pack of the domain, or, after logging
+    // "metadata specifies wrong format", when the pack is of another format than this build's.
+    ContextResult loadContext(OfflineDataDomain domain, OfflineDataRegionInternal& region);
+    // For answers from other threads: MetadataMissing when the region revision is not stored
+    // (or as above), Outdated when the holder's generation differs from the key's.
+    ContextResult loadContext(const PackKey& key);
+    // Outdated says nothing; MetadataMissing logs "Failed to retrieve metadata for <domain> pack
+    // of revision <revision> of offline region '<id>'".
+    void logContextError(const ContextError& error);
+
+    // ---- Deletion acknowledgements -----------------------------------------------------------
+
+    // One observer's acknowledgement of the context's deletion, also when it leaves: it is no
+    // longer awaited; once nobody is, completeAcknowledgedDeletion() runs.
+    void removeObserverInternal(Context& context,
+                                const std::shared_ptr<OfflineServiceObserver>& observer);
+
+    // ---- Inspection ----------------------------------------------------------------------------
 
     // The catalogue endpoint in use: the options' base URL, or the default when that is absent
     // or empty.
     const std::string& getBaseURL() const noexcept { return baseURL; }
-    // The directory below which every file of this service lives.
+    // The directory below which every file of this service lives: the service path, then the
+    // account directory of this endpoint and user.
     const std::filesystem::path& getRoot() const noexcept { return root; }
+    // Every region revision known, recovered or asked for.
+    const OfflineDataRegions& getRegions() const noexcept { return regions; }
 
   private:
-    std::filesystem::path storageRoot(const std::string& path) const;
+    // worker_recovery.cpp
     void initialize();
-    void sendLogMessage(const std::string& message);
-    // For reports about a failing observer: one more throwing observer must not escape either.
-    void sendLogMessageIgnoringFailures(const std::string& message) noexcept;
+    void loadExistingRegion(const std::filesystem::path& regionDirectory);
+    // Recovers one revision directory of a region, or logs why it is skipped or ignored.
+    void loadExistingRevision(const std::string& regionId,
+                              const std::filesystem::directory_entry& entry);
+    void loadExistingPack(OfflineDataPackHolder& holder,
+                          const std::filesystem::path& revisionDirectory, OfflineDataDomain domain,
+                          const OfflineDataPackMetadata& pack);
+    void recoverPack(OfflineDataRegionInternal& region, OfflineDataDomain domain,
+                     util::TimePoint now);
+
+    // offline_service_worker.cpp: the entry check of the public pack operations.
+    bool acceptRegionId(const std::string& id);
+
+    // worker_observers.cpp
+    // notifyPackObserver, with the exception guard of notifyPack.
+    void notifyPackObserverGuarded(OfflineServiceObserver& observer, OfflineDataDomain domain,
+                                   const OfflineDataRegionMetadata& region,
+                                   const OfflineDataPack& pack);
+    // The last awaited acknowledgement of the context's deletion has come in (or its observer
+    // left). Completing the deletion belongs to the deletion work; until that is in place the
+    // pack stays in Deleting.
+    void completeAcknowledgedDeletion(Context& context);
+    // Hands the message to every observer's onLogMessage; one that throws is passed over.
+    void sendLogMessage(const std::string& message) noexcept;
 
     Proxy<OfflineServiceWorker> proxy;
     std::string baseURL;
@@ -88,6 +164,7 @@ class OfflineServiceWorker {
     std::string accessToken;
     std::filesystem::path root;
     OfflineServiceObservers observers;
+    OfflineDataRegions regions;
     bool initialized = false;
     bool idleReported = false;
     std::uint32_t activeDownloads = 0;

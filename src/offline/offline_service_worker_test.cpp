@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "testing/recording_observer.hpp"
+#include "testing/storage_tree.hpp"
 
 namespace terrane::common {
 namespace {
@@ -31,11 +32,17 @@ std::shared_ptr<RecordingObserver> makeRecorder() {
     return std::make_shared<RecordingObserver>();
 }
 
+// Where the workers of this file keep their (empty) trees; removed when the tests end.
+const std::filesystem::path& servicePath() {
+    static test::TemporaryDirectory directory;
+    return directory.path();
+}
+
 // A worker driven directly on the test thread. Its proxy has no queue, so what it posts to
 // itself (the idle checks) is dropped; the test calls those members itself.
 OfflineServiceWorker makeDirectWorker(OfflineServiceObservers observers,
                                       OfflineServiceOptions options = {"alice", "tk", nullopt}) {
-    return OfflineServiceWorker(Proxy<OfflineServiceWorker>(), "/srv/offline", options,
+    return OfflineServiceWorker(Proxy<OfflineServiceWorker>(), servicePath().string(), options,
                                 std::move(observers));
 }
 
@@ -47,8 +54,15 @@ TEST(OfflineServiceWorkerStart, UsesTheDefaultEndpointWhenTheBaseUrlIsAbsentOrEm
               "http://127.0.0.1:8080/api");
 }
 
-TEST(OfflineServiceWorkerStart, KeepsItsFilesBelowTheServicePath) {
-    EXPECT_EQ(makeDirectWorker({}).getRoot(), std::filesystem::path("/srv/offline"));
+TEST(OfflineServiceWorkerStart, KeepsItsFilesInADirectoryOfItsEndpointAndUser) {
+    // MD5 of "https://api.terrane.dev/alice": the access token plays no part.
+    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", nullopt}).getRoot(),
+              servicePath() / "f679c5724ffbcc65ff1fd51760271074");
+    EXPECT_EQ(makeDirectWorker({}, {"alice", "other", ""}).getRoot(),
+              servicePath() / "f679c5724ffbcc65ff1fd51760271074");
+    // MD5 of "http://127.0.0.1:9/alice".
+    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", "http://127.0.0.1:9"}).getRoot(),
+              servicePath() / "835e62a67b71f1cbf8170a961da9fd21");
 }
 
 TEST(OfflineServiceWorkerStart, AnnouncesInitializedToEveryObserverItStartsWith) {
@@ -230,7 +244,7 @@ class IdleOnWorkerThread : public ::testing::Test {
   protected:
     std::unique_ptr<WorkerThread<OfflineServiceWorker>> start(OfflineServiceObservers observers) {
         return std::make_unique<WorkerThread<OfflineServiceWorker>>(
-            std::string("/srv/offline"), OfflineServiceOptions{"alice", "tk", nullopt},
+            servicePath().string(), OfflineServiceOptions{"alice", "tk", nullopt},
             std::move(observers));
     }
     void postBurst(WorkerThread<OfflineServiceWorker>& worker, int operations) {

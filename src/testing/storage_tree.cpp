@@ -1,0 +1,107 @@
+#include "testing/storage_tree.hpp"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "offline/offline_storage.hpp"
+#include "util/file_io.hpp"
+
+namespace terrane::common::test {
+
+TemporaryDirectory::TemporaryDirectory() {
+    static std::atomic<unsigned> counter{0};
+    path_ = std::filesystem::temp_directory_path() /
+            ("terrane-test-" + std::to_string(::getpid()) + "-" +
+             std::to_string(std::random_device{}()) + "-" + std::to_string(counter++));
+    std::filesystem::create_directories(path_);
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+StorageTree::StorageTree(const std::filesystem::path& servicePath, std::string_view baseURL,
+                         std::string_view username)
+    : root_(storageRoot(servicePath, baseURL, username)) {
+}
+
+std::filesystem::path StorageTree::revisionDirectory(std::string_view regionId,
+                                                     std::string_view revisionName) const {
+    return root_ / regionId / revisionName;
+}
+
+std::filesystem::path StorageTree::packFile(std::string_view regionId,
+                                            std::string_view revisionName,
+                                            OfflineDataDomain domain) const {
+    return revisionDirectory(regionId, revisionName) / toString(domain) /
+           std::to_string(expectedFormat(domain));
+}
+
+void StorageTree::writeMetadata(std::string_view revisionName,
+                                const OfflineDataRegionMetadata& region) {
+    writeFile(std::filesystem::path(region.id) / revisionName / metadataFileName,
+              serializeMetadata(region));
+}
+
+void StorageTree::writeHeaders(std::string_view regionId, std::string_view revisionName,
+                               OfflineDataDomain domain, const OfflineDataPackHeaders& headers) {
+    const auto record = headerFilePath(packFile(regionId, revisionName, domain));
+    writeFile(std::filesystem::relative(record, root_), serializePackHeaders(headers));
+}
+
+void StorageTree::writeFile(const std::filesystem::path& relative, std::string_view contents) {
+    const auto path = root_ / relative;
+    std::filesystem::create_directories(path.parent_path());
+    if (auto written = base::io::writeFileAtomically(path, contents); !written) {
+        throw std::runtime_error("cannot write " + path.string() + ": " + written.error());
+    }
+}
+
+OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, bool maps,
+                                       bool navigation) {
+    OfflineDataRegionMetadata region;
+    region.id = std::move(id);
+    region.revision = revision;
+    region.name = "Sample";
+    region.description = "A region for tests";
+    region.last_updated = OfflineDataTimePoint(std::chrono::milliseconds(1'700'000'000'000));
+    region.geography =
+        geometry::polygon{geometry::linear_ring{{0, 0}, {1, 0}, {1, 1}, {0, 1}, {0, 0}}};
+    if (maps) {
+        region.mapPack = OfflineDataPackMetadata{"terrane://offline-data/maps.bin",
+                                                 "0123456789abcdef0123456789abcdef", 4096, 1, "v1"};
+    }
+    if (navigation) {
+        region.navigationPack =
+            OfflineDataPackMetadata{"terrane://offline-data/navigation.bin",
+                                    "fedcba9876543210fedcba9876543210", 2048, 1, ""};
+    }
+    return region;
+}
+
+OfflineDataPackHeaders incompleteHeaders(std::uint64_t bytes) {
+    OfflineDataPackHeaders headers;
+    headers.bytes = bytes;
+    return headers;
+}
+
+OfflineDataPackHeaders unverifiedHeaders(std::uint64_t bytes) {
+    auto headers = incompleteHeaders(bytes);
+    headers.complete = true;
+    return headers;
+}
+
+OfflineDataPackHeaders verifiedHeaders(std::uint64_t bytes) {
+    auto headers = unverifiedHeaders(bytes);
+    headers.verified = true;
+    return headers;
+}
+
+}  // namespace terrane::common::test

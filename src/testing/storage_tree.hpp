@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "offline/offline_data_pack_headers.hpp"
+#include "terrane/offline/offline_data.hpp"
+
+namespace terrane::common::test {
+
+// A fresh directory below the system's temporary directory, removed with everything in it when
+// the object goes. Its name is unique within the machine.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    const std::filesystem::path& path() const noexcept { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+// Builds the files of an offline service's storage tree, the way a service that ran before
+// would have left them, for a service started on `servicePath` with `baseURL` and `username`.
+// Revisions are addressed by their directory name, so that tests can also make names that the
+// service must refuse ("0", "01x"). Every write creates the missing directories on the way and
+// throws std::runtime_error (or std::filesystem::filesystem_error) if it fails.
+//
+// A plain helper for one test thread; it keeps no state beyond the root.
+class StorageTree {
+  public:
+    StorageTree(const std::filesystem::path& servicePath, std::string_view baseURL,
+                std::string_view username);
+
+    // The account directory below the service path.
+    const std::filesystem::path& root() const noexcept { return root_; }
+
+    std::filesystem::path revisionDirectory(std::string_view regionId,
+                                            std::string_view revisionName) const;
+    // The pack file (".../maps/1"); its download file and header record are derived from it.
+    std::filesystem::path packFile(std::string_view regionId, std::string_view revisionName,
+                                   OfflineDataDomain domain) const;
+
+    // "metadata.json" of the revision, as the service writes it.
+    void writeMetadata(std::string_view revisionName, const OfflineDataRegionMetadata& region);
+    // The pack's header record.
+    void writeHeaders(std::string_view regionId, std::string_view revisionName,
+                      OfflineDataDomain domain, const OfflineDataPackHeaders& headers);
+    // Any file below the root, with any content.
+    void writeFile(const std::filesystem::path& relative, std::string_view contents);
+
+  private:
+    std::filesystem::path root_;
+};
+
+// A region revision with a maps and/or a navigation pack (format 1) and a small outline.
+OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, bool maps = true,
+                                       bool navigation = false);
+
+// Header records of the three stages of a pack: still downloading, downloaded but not yet
+// checked, checked. `expires` in milliseconds since the epoch (absent: no lease end).
+OfflineDataPackHeaders incompleteHeaders(std::uint64_t bytes);
+OfflineDataPackHeaders unverifiedHeaders(std::uint64_t bytes);
+OfflineDataPackHeaders verifiedHeaders(std::uint64_t bytes);
+
+}  // namespace terrane::common::test
