@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "offline/offline_storage.hpp"
+#include "terrane/http/http_service_factory.hpp"
 
 namespace terrane::common {
 
@@ -44,6 +45,13 @@ bool OfflineServiceWorker::acceptRegionId(const std::string& id) {
     // Built by hand rather than through "%s" so that an id with a NUL byte is shown whole.
     sendLogMessage("Invalid region id '" + id + "'");
     return false;
+}
+
+HttpServiceInterface* OfflineServiceWorker::acquireHttpService() {
+    if (!httpService) {
+        httpService = HttpServiceFactory::getInstance().value_or(nullptr);
+    }
+    return httpService.get();
 }
 
 void OfflineServiceWorker::listAvailableRegions(AvailableRegionsCallback) {

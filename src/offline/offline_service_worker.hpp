@@ -11,6 +11,7 @@
 #include "offline/offline_data_pack_holder.hpp"
 #include "offline/offline_data_region_internal.hpp"
 #include "offline/worker_thread.hpp"
+#include "terrane/http/http_service_interface.hpp"
 #include "terrane/offline/offline_data.hpp"
 #include "terrane/offline/offline_service.hpp"
 #include "terrane/offline/offline_service_observer.hpp"
@@ -145,6 +146,9 @@ class OfflineServiceWorker {
 
     // offline_service_worker.cpp: the entry check of the public pack operations.
     bool acceptRegionId(const std::string& id);
+    // The HTTP service in force, asked of HttpServiceFactory when first needed and kept from then
+    // on; null while there is none (the caller reports "HTTP Service is not available").
+    HttpServiceInterface* acquireHttpService();
 
     // worker_observers.cpp
     // notifyPackObserver, with the exception guard of notifyPack.
@@ -163,6 +167,7 @@ class OfflineServiceWorker {
     std::string username;
     std::string accessToken;
     std::filesystem::path root;
+    std::shared_ptr<HttpServiceInterface> httpService;
     OfflineServiceObservers observers;
     OfflineDataRegions regions;
     bool initialized = false;
