@@ -122,8 +122,12 @@ class HttpServiceFactoryTest : public ::testing::Test {
     void TearDown() override { HttpServiceFactory::setUserDefined(nullptr); }
 };
 
-TEST_F(HttpServiceFactoryTest, WithoutAUserDefinedServiceThereIsNone) {
-    EXPECT_FALSE(HttpServiceFactory::getInstance().has_value());
+TEST_F(HttpServiceFactoryTest, WithoutAUserDefinedServiceThePlatformServiceIsInForce) {
+    auto platform = HttpServiceFactory::getInstance();
+    ASSERT_TRUE(platform.has_value());
+    ASSERT_NE(*platform, nullptr);
+    // While held, the same platform service is handed out again.
+    EXPECT_EQ(HttpServiceFactory::getInstance().value(), *platform);
 }
 
 TEST_F(HttpServiceFactoryTest, TheUserDefinedServiceIsInForceUntilItsLastHolderLetsGo) {
@@ -135,9 +139,12 @@ TEST_F(HttpServiceFactoryTest, TheUserDefinedServiceIsInForceUntilItsLastHolderL
     EXPECT_EQ(*held, custom);
 
     custom.reset();
-    EXPECT_TRUE(HttpServiceFactory::getInstance().has_value());  // still held through `held`
+    EXPECT_EQ(HttpServiceFactory::getInstance().value(), *held);  // still held through `held`
     held.reset();
-    EXPECT_FALSE(HttpServiceFactory::getInstance().has_value());
+    // Released: the platform default takes over.
+    auto fallback = HttpServiceFactory::getInstance();
+    ASSERT_TRUE(fallback.has_value());
+    EXPECT_EQ(dynamic_cast<StubHttpService*>(fallback->get()), nullptr);
 }
 
 TEST_F(HttpServiceFactoryTest, GetInstanceAndSetUserDefinedMayRaceFromManyThreads) {
@@ -153,7 +160,8 @@ TEST_F(HttpServiceFactoryTest, GetInstanceAndSetUserDefinedMayRaceFromManyThread
                     if (t % 2 == 0) {
                         HttpServiceFactory::setUserDefined(round % 2 ? keeper : nullptr);
                     } else if (const auto service = HttpServiceFactory::getInstance();
-                               service && *service != keeper) {
+                               !service || !*service) {
+                        // Either the keeper or the platform default, never nothing.
                         ++wrong;
                     }
                 }

@@ -1,0 +1,297 @@
+// The Linux HTTP service against nginx on loopback, beside the curl command-line tool on the same
+// files in the same run:
+//   - one large file (1 GiB unless TERRANE_BENCH_LARGE_MIB says otherwise) downloaded into a
+//     file: throughput, and the peak resident memory of this process;
+//   - 1,000 small requests with 50 in flight: requests per second (curl --parallel).
+// Needs /usr/sbin/nginx and /usr/bin/curl; without them it says so and exits 0. Files go to a
+// directory under TMPDIR (default /tmp), removed at the end.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/linux/curl_http_service.hpp"
+#include "testing/nginx_server.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using terrane::common::CurlHttpService;
+using terrane::common::DownloadOptions;
+using terrane::common::DownloadState;
+using terrane::common::DownloadStatus;
+using terrane::common::HttpRequest;
+using terrane::common::HttpResponse;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kCurlTool = "/usr/bin/curl";
+constexpr int kSmallRequests = 1000;
+constexpr int kInFlight = 50;
+
+struct Setup {
+    fs::path directory;
+    std::unique_ptr<terrane::common::test::NginxServer> nginx;
+    std::uint64_t largeSize = 0;
+    std::vector<std::string> smallUrls;
+};
+
+Setup* setup = nullptr;
+// Best time of each benchmark, for the comparison printed at the end.
+std::map<std::string, double> bestSeconds;
+
+void remember(const std::string& name, double seconds) {
+    auto [entry, inserted] = bestSeconds.try_emplace(name, seconds);
+    if (!inserted) {
+        entry->second = std::min(entry->second, seconds);
+    }
+}
+
+double peakRssMiB() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_maxrss) / 1024.0;  // ru_maxrss is in KiB
+}
+
+// Runs a program to its end; false when it could not run or failed.
+bool run(const std::vector<std::string>& arguments) {
+    std::vector<char*> argv;
+    for (const auto& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    // The tool's output (curl --parallel draws a progress meter even when silent) goes nowhere.
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) {
+        return false;
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void writeLargeFile(const fs::path& path, std::uint64_t size) {
+    // One random MiB repeated: real bytes on disk, written quickly.
+    std::string block(1024 * 1024, '\0');
+    std::mt19937 random(42);
+    for (auto& byte : block) {
+        byte = static_cast<char>(random());
+    }
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    for (std::uint64_t written = 0; written < size; written += block.size()) {
+        out.write(block.data(), static_cast<std::streamsize>(
+                                    std::min<std::uint64_t>(block.size(), size - written)));
+    }
+}
+
+void BM_ServiceDownloadLargeFile(benchmark::State& state) {
+    const auto service = std::make_shared<CurlHttpService>();
+    const fs::path output = setup->directory / "out" / "service.bin";
+    for (auto _ : state) {
+        std::mutex mutex;
+        std::condition_variable done;
+        std::optional<DownloadStatus> final;
+        const auto started = Clock::now();
+        service->download(DownloadOptions(HttpRequest(setup->nginx->url("/large.bin")), output),
+                          [&](DownloadStatus&& status) {
+                              if (terrane::common::isFinal(status.state)) {
+                                  std::lock_guard lock(mutex);
+                                  final = std::move(status);
+                                  done.notify_all();
+                              }
+                          });
+        std::unique_lock lock(mutex);
+        done.wait(lock, [&] { return final.has_value(); });
+        const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+        if (final->state != DownloadState::Finished || final->receivedBytes != setup->largeSize) {
+            state.SkipWithError("the download failed");
+            return;
+        }
+        state.SetIterationTime(seconds);
+        remember("service download", seconds);
+        fs::remove(output);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(setup->largeSize) * state.iterations());
+    state.counters["peak_rss_MiB"] = peakRssMiB();
+}
+
+void BM_CurlToolDownloadLargeFile(benchmark::State& state) {
+    const fs::path output = setup->directory / "out" / "curl.bin";
+    for (auto _ : state) {
+        const auto started = Clock::now();
+        if (!run({kCurlTool, "-s", "-f", "-o", output.string(), setup->nginx->url("/large.bin")})) {
+            state.SkipWithError("curl failed");
+            return;
+        }
+        const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+        state.SetIterationTime(seconds);
+        remember("curl download", seconds);
+        fs::remove(output);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(setup->largeSize) * state.iterations());
+}
+
+void BM_ServiceSmallRequests(benchmark::State& state) {
+    const auto service = std::make_shared<CurlHttpService>();
+    service->setMaxRequestsPerHost(kInFlight);
+    for (auto _ : state) {
+        std::mutex mutex;
+        std::condition_variable done;
+        int issued = 0;
+        int finished = 0;
+        int failures = 0;
+        std::function<void()> issueNext;
+        // Called under no lock: from here or from callbacks on the engine thread.
+        issueNext = [&] {
+            int index = 0;
+            {
+                std::lock_guard lock(mutex);
+                if (issued == kSmallRequests) {
+                    return;
+                }
+                index = issued++;
+            }
+            service->request(HttpRequest(setup->smallUrls[static_cast<std::size_t>(index)]),
+                             [&](HttpResponse&& response) {
+                                 const bool ok = response.result && response.result->code == 200;
+                                 issueNext();
+                                 // Counted last: the waiter tears everything down once all are.
+                                 std::lock_guard lock(mutex);
+                                 ++finished;
+                                 failures += ok ? 0 : 1;
+                                 done.notify_all();
+                             });
+        };
+        const auto started = Clock::now();
+        for (int slot = 0; slot < kInFlight; ++slot) {
+            issueNext();
+        }
+        std::unique_lock lock(mutex);
+        done.wait(lock, [&] { return finished == kSmallRequests; });
+        const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+        if (failures > 0) {
+            state.SkipWithError("some requests failed");
+            return;
+        }
+        state.SetIterationTime(seconds);
+        remember("service requests", seconds);
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(kSmallRequests) * state.iterations());
+}
+
+void BM_CurlToolSmallRequests(benchmark::State& state) {
+    const fs::path config = setup->directory / "small.curlrc";
+    {
+        std::ofstream out(config);
+        for (const auto& url : setup->smallUrls) {
+            out << "url = \"" << url << "\"\noutput = \"/dev/null\"\n";
+        }
+    }
+    for (auto _ : state) {
+        const auto started = Clock::now();
+        if (!run({kCurlTool, "-s", "-f", "--parallel", "--parallel-max", std::to_string(kInFlight),
+                  "-K", config.string()})) {
+            state.SkipWithError("curl failed");
+            return;
+        }
+        const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+        state.SetIterationTime(seconds);
+        remember("curl requests", seconds);
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(kSmallRequests) * state.iterations());
+}
+
+// The tool first, then the service, so that neither gets a page cache the other warmed alone.
+BENCHMARK(BM_CurlToolDownloadLargeFile)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ServiceDownloadLargeFile)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CurlToolSmallRequests)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ServiceSmallRequests)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (!terrane::common::test::NginxServer::isInstalled() || ::access(kCurlTool, X_OK) != 0) {
+        std::puts("http_download_bench: needs /usr/sbin/nginx and /usr/bin/curl; skipped");
+        return 0;
+    }
+    benchmark::Initialize(&argc, argv);
+
+    const char* temporary = std::getenv("TMPDIR");
+    Setup state;
+    state.directory = fs::path(temporary ? temporary : "/tmp") /
+                      ("terrane_http_bench_" + std::to_string(::getpid()));
+    fs::create_directories(state.directory / "www");
+    fs::create_directories(state.directory / "out");
+    const char* mib = std::getenv("TERRANE_BENCH_LARGE_MIB");
+    state.largeSize = static_cast<std::uint64_t>(mib ? std::atoll(mib) : 1024) * 1024 * 1024;
+    writeLargeFile(state.directory / "www" / "large.bin", state.largeSize);
+    {
+        std::ofstream small(state.directory / "www" / "small.bin");
+        small << std::string(1024, 's');
+    }
+    state.nginx = std::make_unique<terrane::common::test::NginxServer>(state.directory / "www",
+                                                                       state.directory / "nginx");
+    for (int index = 0; index < kSmallRequests; ++index) {
+        state.smallUrls.push_back(state.nginx->url("/small.bin?i=" + std::to_string(index)));
+    }
+    setup = &state;
+
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+
+    const auto ratio = [](const char* ours, const char* theirs) {
+        const auto a = bestSeconds.find(ours);
+        const auto b = bestSeconds.find(theirs);
+        return a == bestSeconds.end() || b == bestSeconds.end() ? 0.0 : b->second / a->second;
+    };
+    const double mebibytes = static_cast<double>(state.largeSize) / (1024.0 * 1024.0);
+    if (bestSeconds.contains("service download") && bestSeconds.contains("curl download")) {
+        std::printf(
+            "large file %.0f MiB: service %.0f MiB/s, curl %.0f MiB/s, ratio %.2f (goal >= 0.90)\n",
+            mebibytes, mebibytes / bestSeconds["service download"],
+            mebibytes / bestSeconds["curl download"], ratio("service download", "curl download"));
+    }
+    if (bestSeconds.contains("service requests") && bestSeconds.contains("curl requests")) {
+        std::printf(
+            "%d small requests, %d in flight: service %.0f req/s, curl --parallel %.0f req/s, "
+            "ratio %.2f\n",
+            kSmallRequests, kInFlight, kSmallRequests / bestSeconds["service requests"],
+            kSmallRequests / bestSeconds["curl requests"],
+            ratio("service requests", "curl requests"));
+    }
+    std::printf("peak RSS of this process: %.1f MiB (goal < 32)\n", peakRssMiB());
+
+    setup = nullptr;
+    state.nginx.reset();
+    std::error_code ignored;
+    fs::remove_all(state.directory, ignored);
+    return 0;
+}

@@ -1,0 +1,94 @@
+#include "platform/linux/easy_request.hpp"
+
+#include <strings.h>
+
+namespace terrane::common {
+
+namespace {
+
+constexpr long kMaxRedirects = 10;
+constexpr const char kAllowedProtocols[] = "http,https";
+constexpr const char kOutOfMemory[] = "Out of memory";
+
+}  // namespace
+
+expected<CurlHeaderList, std::string> buildHeaderList(const HttpRequest& request,
+                                                      const std::string& userAgent,
+                                                      const std::vector<std::string>& extraLines) {
+    CurlHeaderList list;
+    bool ok = true;
+    bool callerSetsExpect = false;
+    for (const auto& [name, value] : request.headers) {
+        if (name == "User-Agent" && value.empty()) {
+            continue;  // an empty value counts as none: the generated one goes out instead
+        }
+        if (name.size() == 6 && strncasecmp(name.c_str(), "expect", 6) == 0) {
+            callerSetsExpect = true;
+        }
+        // libcurl drops a header written "Name:" and sends an empty one written "Name;".
+        ok = ok && list.append(value.empty() ? name + ";" : name + ": " + value);
+    }
+    const auto callerAgent = request.headers.find("User-Agent");
+    if (callerAgent == request.headers.end() || callerAgent->second.empty()) {
+        ok = ok && list.append("User-Agent: " + userAgent);
+    }
+    if (!callerSetsExpect) {
+        ok = ok && list.append("Expect:");
+    }
+    for (const auto& line : extraLines) {
+        ok = ok && list.append(line);
+    }
+    if (!ok) {
+        return unexpected(std::string(kOutOfMemory));
+    }
+    return list;
+}
+
+expected<CurlEasyHandle, std::string> createEasyHandle(const HttpRequest& request,
+                                                       const CurlHeaderList& headers,
+                                                       CurlErrorBuffer& errorBuffer) {
+    CurlEasyHandle easy(curl_easy_init());
+    if (!easy) {
+        return unexpected(std::string(kOutOfMemory));
+    }
+    CURL* handle = easy.get();
+    errorBuffer[0] = '\0';
+    CURLcode result = CURLE_OK;
+    const auto set = [&](CURLoption option, auto value) {
+        if (result == CURLE_OK) {
+            result = curl_easy_setopt(handle, option, value);
+        }
+    };
+    set(CURLOPT_ERRORBUFFER, static_cast<char*>(errorBuffer));
+    set(CURLOPT_URL, request.url.c_str());
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_HTTPHEADER, headers.get());
+    set(CURLOPT_FOLLOWLOCATION, 1L);
+    set(CURLOPT_MAXREDIRS, kMaxRedirects);
+    set(CURLOPT_PROTOCOLS_STR, kAllowedProtocols);
+    set(CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    // An empty list asks for every encoding this libcurl can decode and decodes the body.
+    set(CURLOPT_ACCEPT_ENCODING, "");
+    switch (request.method) {
+        case HttpMethod::Get:
+            set(CURLOPT_HTTPGET, 1L);
+            break;
+        case HttpMethod::Head:
+            set(CURLOPT_NOBODY, 1L);
+            break;
+        case HttpMethod::Post:
+            set(CURLOPT_POST, 1L);
+            set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+            set(CURLOPT_POSTFIELDS,
+                request.body.empty() ? "" : reinterpret_cast<const char*>(request.body.data()));
+            break;
+    }
+    if (result != CURLE_OK) {
+        return unexpected(std::string(curl_easy_strerror(result)));
+    }
+    return easy;
+}
+
+}  // namespace terrane::common

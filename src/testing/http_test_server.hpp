@@ -1,0 +1,121 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "terrane/expected.hpp"
+#include "terrane/http/http_request.hpp"
+
+namespace terrane::common::test {
+
+// A request as the test server received it. Header names are lower-cased; a header sent twice
+// keeps both values, in order.
+struct ReceivedRequest {
+    std::string method;
+    std::string path;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+
+    // Every value sent under the name (compared without regard to case).
+    std::vector<std::string> headerValues(std::string_view name) const;
+    // The first value sent under the name.
+    optional<std::string> header(std::string_view name) const;
+};
+
+// A file the server offers, with the faults a test wants it to show.
+struct TestFile {
+    std::string content{};
+    // Any other status than 200 is sent with the whole content and no range handling.
+    int status = 200;
+    // Sent as ETag when not empty (quotes included, "W/" for a weak tag).
+    std::string etag = "\"v1\"";
+    // Sent as Last-Modified when not empty.
+    std::string lastModified{};
+    std::string contentType = "application/octet-stream";
+    // Sent as Content-Encoding when not empty; content is then already encoded.
+    std::string contentEncoding{};
+    std::string cacheControl{};
+    // Answers "Range: bytes=N-" with 206 (416 beyond the end) unless If-Range names another
+    // version.
+    bool honourRanges = true;
+    // Every response is a new version of the file: a new ETag ("\"v<n>\"") and new content of the
+    // same size.
+    bool newVersionEachRequest = false;
+    // The first faultyResponses responses break the connection off after this many body bytes.
+    optional<std::size_t> dropAfter{};
+    // The first faultyResponses responses stop sending after this many body bytes, until
+    // releaseStalls() or the server's end; then the connection is broken off.
+    optional<std::size_t> stallAfter{};
+    int faultyResponses = 1;
+    // Waits this long before sending the head.
+    std::chrono::milliseconds headDelay{0};
+};
+
+// Deterministic bytes for test files: the same size and seed give the same content.
+std::string testContent(std::size_t size, std::uint32_t seed = 1);
+
+// The content as a gzip stream (stored blocks, no compression) or as a zlib stream (for
+// "Content-Encoding: deflate"), for tests of decoded bodies.
+std::string gzipEncode(std::string_view content);
+std::string zlibEncode(std::string_view content);
+
+// An HTTP server on 127.0.0.1 and a port of the system's choosing, on threads of its own, for the
+// tests of the HTTP service. Test-only; built on cpp-httplib.
+//
+// Fixed routes:
+//   /echo                  any method; 200, body "echo" (or the request body for a POST),
+//                          headers Content-Type, ETag and X-Mixed-Case
+//   /status/<code>/json    that status, {"message":"status <code>"} as application/json
+//   /status/<code>/plain   that status, "status <code>" as text/plain
+//   /slow-head?ms=<n>      waits n ms before answering 200 "slow"
+//   /redirect/<n>          n more redirects (302), then 200 "redirected"
+//   /redirect-to-file      302 to a file: URL
+//   /gzip, /deflate        "decoded body" sent with that Content-Encoding
+//   /hold                  waits until releaseHeld() (or the server's end), then 200 "held";
+//                          heldNow() and heldAtMost() count the requests waiting there
+//   /drop-mid-body         a 64 KiB file whose answer breaks off after 16 KiB, every time
+//   /stall-mid-body        a 64 KiB file whose answer stops after 16 KiB, every time
+//   /changing-etag         a 64 KiB file that is a new version on every request
+// Other paths serve the files given to serve(), else 404.
+//
+// Every member may be called from any thread. Destruction releases every waiting request, stops
+// the server and joins its threads.
+class HttpTestServer {
+  public:
+    HttpTestServer();
+    ~HttpTestServer();
+    HttpTestServer(const HttpTestServer&) = delete;
+    HttpTestServer& operator=(const HttpTestServer&) = delete;
+
+    // Whether this build has the server (it needs cpp-httplib, linked into the test programs with
+    // TERRANE_HAVE_HTTP_TEST_SERVER defined). Tests skip when it has not; constructing the server
+    // then aborts.
+    static bool isAvailable();
+
+    std::uint16_t port() const;
+    // "http://127.0.0.1:<port>" followed by the path.
+    std::string url(std::string_view path) const;
+
+    // Offers the file under the path, replacing an earlier one there.
+    void serve(const std::string& path, TestFile file);
+
+    void releaseStalls();
+    void releaseHeld();
+    int heldNow() const;
+    int heldAtMost() const;
+
+    // Every request received so far, in order of arrival.
+    std::vector<ReceivedRequest> requests() const;
+    std::vector<ReceivedRequest> requestsFor(std::string_view path) const;
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace terrane::common::test

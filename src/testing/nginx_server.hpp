@@ -1,0 +1,199 @@
+#pragma once
+
+// An nginx of the system, started for a test or a benchmark with a configuration of its own: it
+// serves one directory on 127.0.0.1 and a free port, keeps its pid file, logs and temporary files
+// in a work directory of the caller, runs in the foreground as a child process and is stopped by
+// its pid. Header-only, so that the benchmarks (which link no test code) can use it too.
+//
+// One thread at a time; the object owns the child process and waits for it on destruction.
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace terrane::common::test {
+
+class NginxServer {
+  public:
+    static constexpr const char* kExecutable = "/usr/sbin/nginx";
+
+    static bool isInstalled() { return ::access(kExecutable, X_OK) == 0; }
+
+    // Serves `root` at "/" (with "Cache-Control: max-age=3600") and again at "/slow/" at
+    // slowRate bytes per second per connection, so that a test can catch a transfer mid-way. A
+    // sendBuffer (for example "32k") caps the socket's send buffer, which on loopback would
+    // otherwise take megabytes in one burst before any rate limit applies. Throws
+    // std::runtime_error when nginx does not come up.
+    NginxServer(std::filesystem::path root, std::filesystem::path work, std::string slowRate = "2m",
+                std::string sendBuffer = "")
+        : root_(std::move(root)),
+          work_(std::move(work)),
+          slowRate_(std::move(slowRate)),
+          sendBuffer_(std::move(sendBuffer)) {
+        std::filesystem::create_directories(work_);
+        for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
+            port_ = freePort();
+            if (!launch()) {
+                stop();
+            }
+        }
+        if (pid_ <= 0) {
+            throw std::runtime_error("nginx did not start; see " + (work_ / "error.log").string());
+        }
+    }
+
+    ~NginxServer() { stop(); }
+    NginxServer(const NginxServer&) = delete;
+    NginxServer& operator=(const NginxServer&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    }
+
+    // Kills nginx at once: every connection breaks off without a proper end.
+    void kill() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            reap();
+        }
+    }
+
+    // Starts nginx again on the same port.
+    void restart() {
+        stop();
+        for (int attempt = 0; attempt < 50 && pid_ <= 0; ++attempt) {
+            if (!launch()) {
+                stop();
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+        }
+        if (pid_ <= 0) {
+            throw std::runtime_error("nginx did not restart");
+        }
+    }
+
+    void stop() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGTERM);
+            reap();
+        }
+    }
+
+  private:
+    static std::uint16_t freePort() {
+        const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+        ::close(probe);
+        return ntohs(address.sin_port);
+    }
+
+    static bool accepts(std::uint16_t port) {
+        const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
+        const bool connected =
+            ::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::close(probe);
+        return connected;
+    }
+
+    void writeConfiguration() const {
+        const std::string work = work_.string();
+        std::ofstream out(work_ / "nginx.conf", std::ios::trunc);
+        out << "daemon off;\n"
+            << "master_process off;\n"
+            << "worker_processes 1;\n"
+            << "pid " << work << "/nginx.pid;\n"
+            << "error_log " << work << "/error.log warn;\n"
+            << "events { worker_connections 1024; }\n"
+            << "http {\n"
+            << "  access_log off;\n"
+            << "  client_body_temp_path " << work << "/client_body;\n"
+            << "  proxy_temp_path " << work << "/proxy;\n"
+            << "  fastcgi_temp_path " << work << "/fastcgi;\n"
+            << "  uwsgi_temp_path " << work << "/uwsgi;\n"
+            << "  scgi_temp_path " << work << "/scgi;\n"
+            << "  default_type application/octet-stream;\n"
+            << "  sendfile on;\n"
+            << "  tcp_nopush on;\n"
+            << "  keepalive_requests 100000;\n"
+            << "  server {\n"
+            << "    listen 127.0.0.1:" << port_
+            << (sendBuffer_.empty() ? std::string() : " sndbuf=" + sendBuffer_) << ";\n"
+            << "    root " << root_.string() << ";\n"
+            << "    location / { add_header Cache-Control \"max-age=3600\"; }\n"
+            << "    location /slow/ { alias " << root_.string() << "/; limit_rate " << slowRate_
+            << "; }\n"
+            << "  }\n"
+            << "}\n";
+    }
+
+    // Starts the child and waits until it accepts connections; false when it exited instead.
+    bool launch() {
+        writeConfiguration();
+        const std::string prefix = work_.string() + "/";
+        const std::string configuration = (work_ / "nginx.conf").string();
+        const std::string errorLog = (work_ / "error.log").string();
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            // Dies with its parent, even one that crashed, and keeps none of its pipes open.
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const int null = ::open("/dev/null", O_RDWR);
+            ::dup2(null, STDIN_FILENO);
+            ::dup2(null, STDOUT_FILENO);
+            ::dup2(null, STDERR_FILENO);
+            ::execl(kExecutable, kExecutable, "-p", prefix.c_str(), "-c", configuration.c_str(),
+                    "-e", errorLog.c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        if (pid_ < 0) {
+            return false;
+        }
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
+                pid_ = -1;
+                return false;
+            }
+            if (accepts(port_)) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    void reap() {
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+
+    std::filesystem::path root_;
+    std::filesystem::path work_;
+    std::string slowRate_;
+    std::string sendBuffer_;
+    std::uint16_t port_ = 0;
+    pid_t pid_ = -1;
+};
+
+}  // namespace terrane::common::test

@@ -1,0 +1,194 @@
+// The Linux HTTP service against a real nginx on loopback: its Range, If-Range, ETag and
+// Cache-Control behaviour, and downloads cut off mid-way (cancelled, or the server killed) that
+// resume to a file with the right MD5.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include "platform/linux/curl_http_service.hpp"
+#include "platform/linux/curl_test_support.hpp"
+#include "platform/linux/resume_data.hpp"
+#include "terrane/util/md5.hpp"
+#include "testing/http_test_server.hpp"
+#include "testing/nginx_server.hpp"
+
+namespace terrane::common {
+namespace {
+
+namespace fs = std::filesystem;
+using test::NginxServer;
+using test::StatusInbox;
+
+constexpr std::size_t kFileSize = 2 * 1024 * 1024;
+
+class HttpDownloadEndToEndTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!NginxServer::isInstalled()) {
+            GTEST_SKIP() << "nginx is not installed at " << NginxServer::kExecutable;
+        }
+        scratch_ = std::make_unique<test::ScratchDirectory>();
+        fs::create_directories(scratch_->path() / "www");
+        fs::create_directories(scratch_->path() / "out");
+        writeServedFile(test::testContent(kFileSize, 11));
+        // 2 MiB/s per connection: the 2 MiB file takes a second, long enough to cut it off.
+        nginx_ = std::make_unique<NginxServer>(scratch_->path() / "www", scratch_->path() / "nginx",
+                                               "2m", "32k");
+        service_ = std::make_shared<CurlHttpService>();
+        destination_ = (scratch_->path() / "out" / "pack.bin").string();
+    }
+
+    void writeServedFile(const std::string& content) {
+        served_ = content;
+        test::writeWholeFile(scratch_->path() / "www" / "pack.bin", content);
+    }
+
+    std::uint64_t start(StatusInbox& inbox, const std::string& path, bool resume) {
+        return service_->download(
+            DownloadOptions(HttpRequest(nginx_->url(path)), destination_, resume),
+            inbox.callback());
+    }
+
+    bool cancel(std::uint64_t id) {
+        test::AnswerInbox answers;
+        service_->cancelRequest(id, answers.callback());
+        return answers.waitFor(1);
+    }
+
+    static void waitForBytes(StatusInbox& inbox, std::uint64_t bytes) {
+        inbox.waitUntil([bytes](const std::vector<DownloadStatus>& statuses) {
+            return !statuses.empty() && statuses.back().receivedBytes >= bytes;
+        });
+    }
+
+    void expectDestinationMatchesServedFile() {
+        EXPECT_EQ(util::md5File(destination_), util::md5String(served_));
+        EXPECT_FALSE(fs::exists(resumeDataPathFor(destination_)));
+        EXPECT_FALSE(fs::exists(partialFilePathFor(destination_)));
+    }
+
+    std::unique_ptr<test::ScratchDirectory> scratch_;
+    std::unique_ptr<NginxServer> nginx_;
+    std::shared_ptr<CurlHttpService> service_;
+    std::string destination_;
+    std::string served_;
+};
+
+TEST_F(HttpDownloadEndToEndTest, AWholeDownloadCarriesNginxsValidatorsAndCacheControl) {
+    StatusInbox inbox;
+    start(inbox, "/pack.bin", false);
+    const auto final = test::waitForFinal(inbox);
+    ASSERT_EQ(final.state, DownloadState::Finished);
+    EXPECT_EQ(final.totalBytes, kFileSize);
+    const auto& head = **final.httpResult;
+    EXPECT_EQ(head.code, 200);
+    EXPECT_EQ(head.headers.at("cache-control"), "max-age=3600");
+    EXPECT_EQ(head.headers.at("accept-ranges"), "bytes");
+    EXPECT_TRUE(head.headers.at("etag").starts_with("\"")) << head.headers.at("etag");
+    EXPECT_FALSE(head.headers.at("last-modified").empty());
+    expectDestinationMatchesServedFile();
+}
+
+TEST_F(HttpDownloadEndToEndTest, ACancelledDownloadResumesWithARangeAndMatches) {
+    StatusInbox first;
+    const auto id = start(first, "/slow/pack.bin", false);
+    waitForBytes(first, 256 * 1024);
+    ASSERT_TRUE(cancel(id));
+    const auto stored = decodeResumeData(test::readWholeFile(resumeDataPathFor(destination_)));
+    ASSERT_TRUE(stored);
+    EXPECT_GE(stored->bytes, 256u * 1024);
+    EXPECT_LT(stored->bytes, kFileSize);
+    EXPECT_EQ(stored->etag, (**first.items().back().httpResult).headers.at("etag"));
+
+    StatusInbox second;
+    start(second, "/pack.bin", false);  // another URL: the data is not for it
+    ASSERT_EQ(test::waitForFinal(second).state, DownloadState::Finished);
+    fs::remove(destination_);
+    // The first URL's data was replaced by the second download's own, which was then used up.
+    ASSERT_FALSE(fs::exists(resumeDataPathFor(destination_)));
+
+    StatusInbox third;
+    const auto again = start(third, "/slow/pack.bin", false);
+    waitForBytes(third, 256 * 1024);
+    ASSERT_TRUE(cancel(again));
+    const auto offset =
+        decodeResumeData(test::readWholeFile(resumeDataPathFor(destination_)))->bytes;
+
+    StatusInbox resumed;
+    start(resumed, "/slow/pack.bin", true);
+    const auto final = test::waitForFinal(resumed);
+    ASSERT_EQ(final.state, DownloadState::Finished);
+    EXPECT_EQ((**final.httpResult).code, 206);
+    EXPECT_EQ((**final.httpResult).headers.at("content-range"),
+              "bytes " + std::to_string(offset) + "-" + std::to_string(kFileSize - 1) + "/" +
+                  std::to_string(kFileSize));
+    EXPECT_EQ(resumed.items()[1].receivedBytes, offset);
+    EXPECT_EQ(final.receivedBytes, kFileSize);
+    expectDestinationMatchesServedFile();
+}
+
+TEST_F(HttpDownloadEndToEndTest, ADownloadCutOffByAKilledServerResumesAndMatches) {
+    StatusInbox first;
+    start(first, "/slow/pack.bin", false);
+    waitForBytes(first, 256 * 1024);
+    nginx_->kill();
+    const auto failed = test::waitForFinal(first);
+    ASSERT_EQ(failed.state, DownloadState::Failed);
+    EXPECT_EQ(failed.error->code, DownloadErrorCode::NetworkError);
+    const auto stored = decodeResumeData(test::readWholeFile(resumeDataPathFor(destination_)));
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->bytes, fs::file_size(partialFilePathFor(destination_)));
+
+    nginx_->restart();
+    StatusInbox resumed;
+    start(resumed, "/slow/pack.bin", true);
+    const auto final = test::waitForFinal(resumed);
+    ASSERT_EQ(final.state, DownloadState::Finished);
+    EXPECT_EQ((**final.httpResult).code, 206);
+    expectDestinationMatchesServedFile();
+}
+
+TEST_F(HttpDownloadEndToEndTest, AFileChangedOnTheServerIsFetchedWholeAgain) {
+    StatusInbox first;
+    const auto id = start(first, "/slow/pack.bin", false);
+    waitForBytes(first, 256 * 1024);
+    ASSERT_TRUE(cancel(id));
+
+    // nginx's ETag is made of the modification time and the size: both change.
+    writeServedFile(test::testContent(kFileSize / 2, 12));
+    const auto later =
+        fs::last_write_time(scratch_->path() / "www" / "pack.bin") + std::chrono::seconds(5);
+    fs::last_write_time(scratch_->path() / "www" / "pack.bin", later);
+
+    StatusInbox resumed;
+    start(resumed, "/pack.bin", false);
+    test::waitForFinal(resumed);
+    fs::remove(destination_);
+
+    StatusInbox again;
+    start(again, "/slow/pack.bin", true);
+    const auto final = test::waitForFinal(again);
+    ASSERT_EQ(final.state, DownloadState::Finished);
+    EXPECT_EQ((**final.httpResult).code, 200);
+    EXPECT_EQ(final.receivedBytes, kFileSize / 2);
+    expectDestinationMatchesServedFile();
+}
+
+TEST_F(HttpDownloadEndToEndTest, AMissingFileIsAFinished404WithNginxsPage) {
+    StatusInbox inbox;
+    start(inbox, "/missing.bin", false);
+    const auto final = test::waitForFinal(inbox);
+    ASSERT_EQ(final.state, DownloadState::Finished);
+    EXPECT_EQ((**final.httpResult).code, 404);
+    const std::string body((**final.httpResult).data.begin(), (**final.httpResult).data.end());
+    EXPECT_NE(body.find("404 Not Found"), std::string::npos) << body;
+    EXPECT_FALSE(fs::exists(destination_));
+}
+
+}  // namespace
+}  // namespace terrane::common
