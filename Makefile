@@ -2,7 +2,7 @@
 # configures, builds and runs every test.
 PRESET ?= release
 
-.PHONY: all deps configure build test test-asan test-tsan bench fuzz format format-check clean
+.PHONY: all deps configure build test test-asan test-tsan demo bench fuzz format format-check clean
 
 all: build
 
@@ -15,8 +15,14 @@ configure: deps
 build: configure
 	cmake --build --preset $(PRESET)
 
+# The tests run in a network namespace with only loopback (see scripts/isolated).
 test: build
-	ctest --preset $(PRESET)
+	scripts/isolated ctest --preset $(PRESET)
+
+# Publishes a sample catalogue, serves it on loopback and runs the offline tool against it.
+demo: configure
+	cmake --build --preset $(PRESET) --target terrane-offline
+	build/$(PRESET)/tools/terrane-offline demo
 
 test-asan:
 	$(MAKE) test PRESET=asan-ubsan
