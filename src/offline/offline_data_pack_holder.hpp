@@ -82,6 +82,10 @@ class OfflineDataPackHolder {
     // valid for the whole transfer.
     void updateProgress(std::uint64_t bytes) noexcept;
 
+    // The size of the file under verification, once it has been measured: observers are told it
+    // with the outcome. Keeps status and generation; the verification changes state after it.
+    void setVerifiedBytes(std::uint64_t bytes) noexcept { bytes_ = bytes; }
+
     // Bookkeeping that the pack operations change directly; observers never see it.
     DeletionAcknowledgements deletionAcknowledgements;
     // The HTTP download or request in flight for this pack; 0 when there is none.

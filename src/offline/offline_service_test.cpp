@@ -65,7 +65,9 @@ class OfflineServiceTest : public ::testing::Test {
     }
 
     TemporaryDirectory directory;
-    OfflineServiceOptions options{"alice", "tk", nullopt};
+    // A loopback endpoint that refuses connections: whatever a test asks of the network stays
+    // on this machine.
+    OfflineServiceOptions options{"alice", "tk", "http://127.0.0.1:9"};
     std::vector<std::shared_ptr<OfflineServiceObserver>> registered;
 };
 

@@ -54,34 +54,4 @@ HttpServiceInterface* OfflineServiceWorker::acquireHttpService() {
     return httpService.get();
 }
 
-void OfflineServiceWorker::listAvailableRegions(AvailableRegionsCallback) {
-}
-
-void OfflineServiceWorker::downloadPack(OfflineDataDomain, OfflineDataRegionMetadata&& region) {
-    if (!acceptRegionId(region.id)) {
-        return;
-    }
-}
-
-void OfflineServiceWorker::cancelPackDownload(OfflineDataDomain,
-                                              OfflineDataRegionMetadata&& region) {
-    if (!acceptRegionId(region.id)) {
-        return;
-    }
-}
-
-void OfflineServiceWorker::deletePack(OfflineDataDomain, OfflineDataRegionMetadata&& region) {
-    if (!acceptRegionId(region.id)) {
-        return;
-    }
-}
-
-void OfflineServiceWorker::verifyPackDownload(PackKey) {
-    // Checking size and checksum arrives with the verification work.
-}
-
-void OfflineServiceWorker::extendPackDownloadLease(PackKey) {
-    // The conditional request arrives with the lease work.
-}
-
 }  // namespace terrane::common

@@ -32,7 +32,9 @@ using OfflineDataRegions = std::map<RegionKey, OfflineDataRegionInternal>;
 //
 // The members are implemented by concern: construction and the public operations in
 // offline_service_worker.cpp, start-up recovery in worker_recovery.cpp, observer notification
-// and the idle check in worker_observers.cpp, context loading in worker_context.cpp.
+// and the idle check in worker_observers.cpp, context loading in worker_context.cpp; the pack
+// lifecycle in worker_download.cpp, worker_verification.cpp, worker_lease.cpp and
+// worker_deletion.cpp.
 class OfflineServiceWorker {
   public:
     // Applies the default endpoint, settles the storage root below `path`, queues the first idle
@@ -47,11 +49,24 @@ class OfflineServiceWorker {
 
     // ---- Catalogue and pack operations posted by the facade --------------------------------
 
-    // Not answered yet: the callback is neither called nor kept.
+    // Asks the catalogue endpoint for its listing and hands the outcome to `callback` later, on
+    // this thread (at once, with Connection "HTTP Service is not available", when there is no
+    // HTTP service). Never called if the worker is gone before the answer arrives; an empty
+    // callback asks nothing. Not a pack operation: it leaves the idle bookkeeping alone.
     void listAvailableRegions(AvailableRegionsCallback callback);
     // The three pack operations refuse a region whose id cannot be a directory name below the
-    // storage root: they touch nothing and log "Invalid region id '<id>'". Otherwise they do
-    // nothing yet.
+    // storage root: they touch nothing and log "Invalid region id '<id>'". Otherwise they find
+    // (or make) the region's entry and act by the pack's status (worker_download.cpp and
+    // worker_deletion.cpp):
+    // downloadPack starts a full download (Incomplete, Errored, Deleted, most Expired packs), a
+    // re-authorisation (an Expired pack with a stored file and entity tag), or undoes a deletion
+    // still waiting for acknowledgements; a pack under way or Available is left alone.
+    // cancelPackDownload stops a download (the pack becomes Incomplete, or Expired when its lease
+    // is over; the partial file stays for resuming) or a pending verification; for any other
+    // status it only logs "Skipped cancellation of ...: Pack is not downloading".
+    // deletePack removes a pack: at once when nothing may be reading it, after the HTTP service
+    // confirms the cancellation when its download is in flight, and after every observer has
+    // acknowledged onDeleting when it is Available or Expired.
     void downloadPack(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
     void cancelPackDownload(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
     void deletePack(OfflineDataDomain domain, OfflineDataRegionMetadata&& region);
@@ -63,6 +78,50 @@ class OfflineServiceWorker {
     // Asks the server to extend an Available pack's lease; posted by start-up for every pack
     // whose lease is in its second half.
     void extendPackDownloadLease(PackKey key);
+
+    // ---- Pack lifecycle: answers from other threads ----------------------------------------
+    // Posted at TaskPriority::Normal by the callbacks handed to the HTTP service and to
+    // observers, each with the key the request was issued under. An answer whose key is outdated
+    // (the pack changed state since) is dropped without a word; one that arrives once the worker
+    // thread has begun to stop is dropped without touching the disk.
+
+    // A download's status report: progress keeps the key valid; a final state ends the download
+    // (Errored, or the header record written and a verification queued).
+    void updatePackDownloadProgress(PackKey key, DownloadStatus status);
+    // The answer to a lease extension: the lease and header record renewed, or a log line.
+    void finishExtendPackDownloadLease(PackKey key, HttpResponse response);
+    // The answer to a re-authorisation: Available, or Expired (with the error, if any) and the
+    // pack file removed.
+    void finishPackReauth(PackKey key, HttpResponse response);
+    // An observer's acknowledgement of onDeleting. Harmless when repeated.
+    void confirmPackDeletion(PackKey key, std::weak_ptr<OfflineServiceObserver> observer);
+    // The HTTP service has cancelled a deleted pack's download: its files go now.
+    void finishPackDeletion(PackKey key);
+    // The HTTP service has cancelled a download on request. Carries no key: it only settles the
+    // count of outstanding cancellations.
+    void finishCancelPackDownloadInternal();
+
+    // The worker thread has been asked to stop: the remaining tasks are the tail of a shutdown.
+    // Never true for a worker driven without a queue.
+    bool shuttingDown() const { return proxy.stopping(); }
+
+    // ---- Catalogue (worker_catalogue.cpp) --------------------------------------------------
+
+    // listAvailableRegions once the HTTP service has been looked up: sends the listing through
+    // `http`, or, when it is null, answers at once with Connection "HTTP Service is not
+    // available".
+    void requestAvailableRegions(HttpServiceInterface* http, AvailableRegionsCallback callback);
+    // A "terrane://offline-data/<rest>" address expanded onto baseURL with the access token (see
+    // expandOfflineDataURL); any other address unchanged.
+    std::string formatURL(const std::string& url) const;
+    // The listing's answer, brought back from the HTTP service: a transport failure becomes
+    // Connection with its message, a response is read by parseAvailableRegionsList. Failure
+    // messages reach the callback with the access token masked.
+    void receiveAvailableRegions(HttpResponse response, AvailableRegionsCallback callback);
+    // The message with the access token (and its percent-encoded forms) masked. Every failure
+    // text that may quote a request URL or a server's words must pass through here before it
+    // leaves the worker.
+    std::string redactAccessToken(const std::string& message) const;
 
     // ---- Observers -------------------------------------------------------------------------
 
@@ -150,14 +209,36 @@ class OfflineServiceWorker {
     // on; null while there is none (the caller reports "HTTP Service is not available").
     HttpServiceInterface* acquireHttpService();
 
+    // ---- Pack lifecycle ------------------------------------------------------------------------
+    // worker_download.cpp, worker_verification.cpp, worker_lease.cpp, worker_deletion.cpp
+    void downloadPackInternal(Context& context);
+    void finishPackDownload(Context& context, DownloadStatus&& status);
+    // Whether the storage file system has room for the rest of the pack (its size less what a
+    // resumable partial file already holds); if not, the pack is Errored with Filesystem "Not
+    // enough disk space: ...". A file system that cannot be asked is given the benefit of the
+    // doubt: the download itself will fail if it really is full.
+    bool checkFreeSpace(Context& context, bool resume);
+    void reauthPackInternal(Context& context);
+    // The HEAD request with "If-None-Match" shared by lease extension and re-authorisation.
+    HttpRequest conditionalRequest(const Context& context) const;
+    void cancelPackDownloadInternal(Context& context);
+    void deletePackInternal(Context& context);
+    // Removes the pack's header record, pack file, download file and the HTTP service's resume
+    // files beside it; then Deleted (told once), or Errored with Filesystem.
+    void finalizePackDeletion(Context& context);
+    void undeletePackInternal(Context& context);
+    // Tells every observer the context's pack as it is now.
+    void notifyContext(const Context& context);
+    // setError with the code and message, then notifyContext.
+    void failPack(Context& context, OfflineDataErrorCode code, std::string message);
+
     // worker_observers.cpp
     // notifyPackObserver, with the exception guard of notifyPack.
     void notifyPackObserverGuarded(OfflineServiceObserver& observer, OfflineDataDomain domain,
                                    const OfflineDataRegionMetadata& region,
                                    const OfflineDataPack& pack);
     // The last awaited acknowledgement of the context's deletion has come in (or its observer
-    // left). Completing the deletion belongs to the deletion work; until that is in place the
-    // pack stays in Deleting.
+    // left): the deletion is no longer pending, and the files go (worker_deletion.cpp).
     void completeAcknowledgedDeletion(Context& context);
     // Hands the message to every observer's onLogMessage; one that throws is passed over.
     void sendLogMessage(const std::string& message) noexcept;

@@ -53,4 +53,9 @@ void TaskQueue::stop() {
     condition.notify_all();
 }
 
+bool TaskQueue::isStopped() const {
+    std::lock_guard lock(mutex);
+    return stopped;
+}
+
 }  // namespace terrane::common

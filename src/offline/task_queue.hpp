@@ -38,6 +38,10 @@ class TaskQueue {
     // Lets get() return null once the queue has drained; wakes every waiter.
     void stop();
 
+    // Whether stop() has been called. The tasks still run after it are the tail of a shutdown,
+    // and the worker uses this to leave late answers alone. Any thread.
+    bool isStopped() const;
+
   private:
     static constexpr std::size_t priorityCount = 256;
     static constexpr std::size_t wordBits = 64;
@@ -48,7 +52,7 @@ class TaskQueue {
     // reallocate.
     using Fifo = std::deque<std::unique_ptr<Task>>;
 
-    std::mutex mutex;
+    mutable std::mutex mutex;
     std::condition_variable condition;
     std::array<std::unique_ptr<Fifo>, priorityCount> fifos;
     // Bit p set: fifos[p] is non-empty.

@@ -89,10 +89,6 @@ void OfflineServiceWorker::removeObserverInternal(
     completeAcknowledgedDeletion(context);
 }
 
-void OfflineServiceWorker::completeAcknowledgedDeletion(Context&) {
-    // Removing the files and reporting the pack Deleted arrive with the deletion work.
-}
-
 void OfflineServiceWorker::sendIdleNotification() {
     idleCheckPosted = false;
     if (activeDownloads != 0 || pendingDeletions != 0 || pendingCancellations != 0 ||

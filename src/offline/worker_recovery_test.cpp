@@ -1,9 +1,6 @@
-#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +16,7 @@
 #include "offline/task.hpp"
 #include "offline/task_queue.hpp"
 #include "terrane/offline/offline_service.hpp"
+#include "testing/permission_bits.hpp"
 #include "testing/recording_observer.hpp"
 #include "testing/storage_tree.hpp"
 #include "util/file_io.hpp"
@@ -65,12 +63,24 @@ std::string ignoring(const std::string& revision, const std::string& region) {
 }
 
 // Start-up announces stored packs in the order the directories are listed, which the file
-// system decides; everything before onInitialized is compared as a set, and the tail exactly.
-void expectStartUp(const Lines& lines, const std::vector<std::string>& announced) {
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_THAT(Lines(lines.end() - 2, lines.end()), ElementsAre("onInitialized", "onIdle"));
-    EXPECT_THAT(Lines(lines.begin(), lines.end() - 2), UnorderedElementsAreArray(announced));
+// system decides; everything before onInitialized is compared as a set, and the tail exactly:
+// onInitialized, what the follow-ups queued by the start-up reported, and onIdle.
+void expectStartUp(const Lines& lines, const std::vector<std::string>& announced,
+                   const std::vector<std::string>& followUps = {}) {
+    const std::size_t tail = followUps.size() + 2;
+    ASSERT_GE(lines.size(), tail);
+    Lines expectedTail{"onInitialized"};
+    expectedTail.insert(expectedTail.end(), followUps.begin(), followUps.end());
+    expectedTail.push_back("onIdle");
+    EXPECT_THAT(Lines(lines.end() - static_cast<std::ptrdiff_t>(tail), lines.end()),
+                ElementsAreArray(expectedTail));
+    EXPECT_THAT(Lines(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(tail)),
+                UnorderedElementsAreArray(announced));
 }
+
+// The outcome of the verification that the start-up queues for a pack whose download file is
+// missing.
+const std::string missingDownloadFile = " error=Filesystem, message=No such file or directory";
 
 // Starts real services (OfflineService::getInstance) on trees built in a temporary directory.
 // The observer registry outlives services, so every test takes its observers out again, and
@@ -257,7 +267,8 @@ TEST_F(RecoveryTest, HeaderRecordsTellTheStateOfEachPack) {
         {line("onIncomplete", maps, "r", "1", 1, ".tmp", 100),
          line("onVerifying", maps, "r", "2", 2, ".tmp", 4096), available("r", 3),
          line("onExpired", maps, "r", "4", 4, "", 4096), available("r", 5),
-         line("onIncomplete", maps, "r", "6", 6, ".tmp", 12), available("r", 7, navigation, 2048)});
+         line("onIncomplete", maps, "r", "6", 6, ".tmp", 12), available("r", 7, navigation, 2048)},
+        {line("onErrored", maps, "r", "2", 2, ".tmp", 4096) + missingDownloadFile});
 }
 
 TEST_F(RecoveryTest, TheMapsPackOfARevisionIsAnnouncedBeforeItsNavigationPack) {
@@ -266,7 +277,9 @@ TEST_F(RecoveryTest, TheMapsPackOfARevisionIsAnnouncedBeforeItsNavigationPack) {
     tree.writeHeaders("r", "3", maps, test::unverifiedHeaders(10));
     EXPECT_THAT(startAndSettle(),
                 ElementsAre(line("onVerifying", maps, "r", "3", 3, ".tmp", 10),
-                            available("r", 3, navigation, 2048), "onInitialized", "onIdle"));
+                            available("r", 3, navigation, 2048), "onInitialized",
+                            line("onErrored", maps, "r", "3", 3, ".tmp", 10) + missingDownloadFile,
+                            "onIdle"));
 }
 
 TEST_F(RecoveryTest, APackWithoutAUsableHeaderRecordDoesNotExist) {
@@ -325,68 +338,8 @@ TEST_F(RecoveryTest, ALinkLoopIsReportedAndTheRestOfTheTreeRecovered) {
     EXPECT_THAT(*report, HasSubstr("Too many levels of symbolic links"));
 }
 
-// Makes this thread, and the threads it starts from now on, subject to permission bits even
-// when it runs as root, by lowering CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH from its effective
-// capabilities (they stay permitted, and the destructor raises them again). Without root
-// privileges there is nothing to lower.
-class PermissionBitsApply {
-  public:
-    PermissionBitsApply() {
-        if (::geteuid() != 0) {
-            return;
-        }
-        if (::syscall(SYS_capget, &header, saved) != 0) {
-            return;
-        }
-        __user_cap_data_struct lowered[2] = {saved[0], saved[1]};
-        lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-        changed = ::syscall(SYS_capset, &header, lowered) == 0;
-    }
-    ~PermissionBitsApply() {
-        if (changed) {
-            ::syscall(SYS_capset, &header, saved);
-        }
-    }
-    PermissionBitsApply(const PermissionBitsApply&) = delete;
-    PermissionBitsApply& operator=(const PermissionBitsApply&) = delete;
-
-    // Whether a directory of mode 000 really is closed to this thread.
-    static bool refuses(const fs::path& directory) {
-        DIR* opened = ::opendir(directory.c_str());
-        if (opened == nullptr) {
-            return errno == EACCES;
-        }
-        ::closedir(opened);
-        return false;
-    }
-
-  private:
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct saved[2]{};
-    bool changed = false;
-};
-
-// Closes directories for the length of a test and opens them again, so that they can be
-// cleaned up.
-class ClosedDirectories {
-  public:
-    explicit ClosedDirectories(std::vector<fs::path> directories_)
-        : directories(std::move(directories_)) {
-        for (const auto& directory : directories) {
-            fs::permissions(directory, fs::perms::none);
-        }
-    }
-    ~ClosedDirectories() {
-        for (const auto& directory : directories) {
-            fs::permissions(directory, fs::perms::owner_all);
-        }
-    }
-    ClosedDirectories(const ClosedDirectories&) = delete;
-    ClosedDirectories& operator=(const ClosedDirectories&) = delete;
-
-  private:
-    std::vector<fs::path> directories;
-};
+using test::ClosedDirectories;
+using test::PermissionBitsApply;
 
 TEST_F(RecoveryTest, UnreadableDirectoriesAreReportedAndTheRestOfTheTreeRecovered) {
     storeAvailable("locked", 1);

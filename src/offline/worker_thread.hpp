@@ -41,6 +41,13 @@ class Proxy {
                                                                  std::move(arguments)));
     }
 
+    // True once the WorkerThread has begun to stop: the tasks still running are the last ones
+    // before the worker goes. False while it runs, and for a proxy that never had a queue.
+    bool stopping() const {
+        const std::shared_ptr<TaskQueue> target = queue.lock();
+        return target && target->isStopped();
+    }
+
   private:
     T* object = nullptr;
     std::weak_ptr<TaskQueue> queue;

@@ -1,0 +1,232 @@
+// Pack download: the public downloadPack, the start of a full download, its progress and its end,
+// which hands the file to verification.
+
+#include <sys/statvfs.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "offline/http_headers.hpp"
+#include "offline/offline_service_worker.hpp"
+#include "offline/offline_storage.hpp"
+#include "offline/pack_paths.hpp"
+#include "offline/region_catalogue.hpp"
+#include "util/file_io.hpp"
+
+namespace terrane::common {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool isDownloadSuccess(std::int64_t code) {
+    return code == 200 || code == 204 || code == 206;
+}
+
+}  // namespace
+
+void OfflineServiceWorker::notifyContext(const Context& context) {
+    notifyPack(context.domain, context.region.metadata, context.holder.pack());
+}
+
+void OfflineServiceWorker::failPack(Context& context, OfflineDataErrorCode code,
+                                    std::string message) {
+    context.holder.setError(OfflineDataError{code, std::move(message)});
+    notifyContext(context);
+}
+
+void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
+                                        OfflineDataRegionMetadata&& region) {
+    if (!acceptRegionId(region.id)) {
+        return;
+    }
+    auto context = loadContext(domain, std::move(region));
+    if (!context) {
+        logContextError(context.error());
+        return;
+    }
+    markBusy();
+    switch (context->holder.status()) {
+        case OfflineDataPackStatus::Pending:
+        case OfflineDataPackStatus::Downloading:
+        case OfflineDataPackStatus::Verifying:
+        case OfflineDataPackStatus::Available:
+            // Already there, or on its way.
+            return;
+        case OfflineDataPackStatus::Incomplete:
+        case OfflineDataPackStatus::Errored:
+        case OfflineDataPackStatus::Deleted:
+            return downloadPackInternal(*context);
+        case OfflineDataPackStatus::Expired:
+            // With a stored file and entity tag the server may simply renew the lease.
+            if (!context->holder.path().empty() && !context->holder.headers.etag.empty()) {
+                return reauthPackInternal(*context);
+            }
+            return downloadPackInternal(*context);
+        case OfflineDataPackStatus::Deleting:
+            return undeletePackInternal(*context);
+    }
+    std::abort();
+}
+
+void OfflineServiceWorker::downloadPackInternal(Context& context) {
+    OfflineDataPackHolder& holder = context.holder;
+    const PackPaths paths = packPaths(root, context);
+
+    std::error_code error;
+    fs::create_directories(paths.revisionDirectory, error);
+    if (error) {
+        return failPack(context, OfflineDataErrorCode::Filesystem, error.message());
+    }
+    if (auto written = base::io::writeFileAtomically(paths.metadataFile,
+                                                     serializeMetadata(context.region.metadata));
+        !written) {
+        return failPack(context, OfflineDataErrorCode::Filesystem, std::move(written.error()));
+    }
+
+    // Decided before setPending clears the error: resuming a partial file that failed its check
+    // would only produce the same corrupt file again.
+    const bool resume = !(holder.status() == OfflineDataPackStatus::Errored && holder.error() &&
+                          holder.error()->code == OfflineDataErrorCode::Corrupt);
+
+    holder.setPending(paths.downloadFile.string(), 0);
+    notifyContext(context);
+    const PackKey key = context.key();
+
+    HttpServiceInterface* const http = acquireHttpService();
+    if (http == nullptr) {
+        return failPack(context, OfflineDataErrorCode::Connection,
+                        std::string(httpServiceUnavailableMessage));
+    }
+    if (!checkFreeSpace(context, resume)) {
+        return;
+    }
+
+    ++activeDownloads;
+    fs::create_directories(paths.downloadFile.parent_path(), error);
+    if (error) {
+        // The download counted above is deliberately left standing: nothing will ever take it
+        // back, so the service never reports itself idle again after this failure.
+        return failPack(context, OfflineDataErrorCode::Filesystem,
+                        "Could not create download directory");
+    }
+
+    HttpRequest request;
+    request.method = HttpMethod::Get;
+    request.url = formatURL(context.pack.url);
+    DownloadOptions options(std::move(request), paths.downloadFile.string(), resume);
+    holder.downloadId =
+        http->download(std::move(options), [proxy = proxy, key](DownloadStatus&& status) {
+            proxy.post(TaskPriority::Normal, &OfflineServiceWorker::updatePackDownloadProgress, key,
+                       std::move(status));
+        });
+}
+
+bool OfflineServiceWorker::checkFreeSpace(Context& context, bool resume) {
+    const PackPaths paths = packPaths(root, context);
+    struct statvfs fileSystem {};
+    if (::statvfs(paths.revisionDirectory.c_str(), &fileSystem) != 0) {
+        return true;
+    }
+    const std::uint64_t available =
+        static_cast<std::uint64_t>(fileSystem.f_bavail) * fileSystem.f_frsize;
+
+    std::uint64_t held = 0;
+    if (resume) {
+        std::error_code error;
+        const std::uintmax_t partial = fs::file_size(paths.partialFile, error);
+        if (!error) {
+            held = partial;
+        }
+    }
+    const std::uint64_t needed = context.pack.bytes > held ? context.pack.bytes - held : 0;
+    if (needed <= available) {
+        return true;
+    }
+    failPack(context, OfflineDataErrorCode::Filesystem,
+             "Not enough disk space: " + std::to_string(needed) + " bytes needed, " +
+                 std::to_string(available) + " bytes available");
+    return false;
+}
+
+void OfflineServiceWorker::updatePackDownloadProgress(PackKey key, DownloadStatus status) {
+    if (shuttingDown()) {
+        return;
+    }
+    auto context = loadContext(key);
+    if (!context) {
+        logContextError(context.error());
+        return;
+    }
+    markBusy();
+    switch (status.state) {
+        case DownloadState::Pending:
+            return;
+        case DownloadState::Downloading:
+            // Not a setter: the key this download's callback carries must stay valid.
+            context->holder.updateProgress(status.receivedBytes);
+            return notifyContext(*context);
+        case DownloadState::Failed:
+        case DownloadState::Finished:
+            return finishPackDownload(*context, std::move(status));
+    }
+}
+
+void OfflineServiceWorker::finishPackDownload(Context& context, DownloadStatus&& status) {
+    OfflineDataPackHolder& holder = context.holder;
+    --activeDownloads;
+    holder.downloadId = 0;
+
+    if (status.state == DownloadState::Failed) {
+        if (!status.error) {
+            // A service that reports failure without saying why; the transfer is what failed.
+            return failPack(context, OfflineDataErrorCode::Connection, "Download failed");
+        }
+        switch (status.error->code) {
+            case DownloadErrorCode::NetworkError:
+                return failPack(context, OfflineDataErrorCode::Connection,
+                                redactAccessToken(status.error->message));
+            case DownloadErrorCode::FileSystemError:
+                return failPack(context, OfflineDataErrorCode::Filesystem,
+                                redactAccessToken(status.error->message));
+        }
+        std::abort();
+    }
+
+    if (status.httpResult && !*status.httpResult) {
+        return failPack(context, OfflineDataErrorCode::Connection,
+                        redactAccessToken(status.httpResult->error().message));
+    }
+    // A finished download without any response head is treated as a status of 0: not a success.
+    const HttpResponseData response = status.httpResult ? **status.httpResult : HttpResponseData{};
+    if (!isDownloadSuccess(response.code)) {
+        OfflineDataError error = extractHTTPError(response);
+        error.message = redactAccessToken(error.message);
+        holder.setError(std::move(error));
+        return notifyContext(context);
+    }
+
+    const OfflineDataPackHeaders lease = extractHeaders(response);
+    holder.headers.expires = lease.expires;
+    holder.headers.max_age = lease.max_age;
+    holder.headers.etag = lease.etag;
+    // The verification measures the file itself; until then this is what the answer carried.
+    holder.headers.bytes = response.data.size();
+    holder.headers.complete = true;
+    holder.headers.verified = false;
+
+    const PackPaths paths = packPaths(root, context);
+    if (auto written =
+            base::io::writeFileAtomically(paths.headerFile, serializePackHeaders(holder.headers));
+        !written) {
+        return failPack(context, OfflineDataErrorCode::Filesystem, std::move(written.error()));
+    }
+    holder.setVerifying();
+    notifyContext(context);
+    proxy.post(TaskPriority::Normal, &OfflineServiceWorker::verifyPackDownload, context.key());
+}
+
+}  // namespace terrane::common

@@ -1,0 +1,90 @@
+// Pack verification: a downloaded file becomes the pack only once its size and MD5 checksum
+// match what the catalogue published.
+//
+// The hashing runs on the worker thread and blocks it for as long as it takes; nothing else of
+// the service may change the pack meanwhile, which is what makes the rename below safe.
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "offline/offline_service_worker.hpp"
+#include "offline/offline_storage.hpp"
+#include "terrane/util/md5.hpp"
+#include "util/file_io.hpp"
+
+namespace terrane::common {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The download file's name without its ".tmp": where the verified pack lives.
+fs::path packFileOf(const std::string& downloadFile) {
+    if (downloadFile.ends_with(downloadFileSuffix)) {
+        return downloadFile.substr(0, downloadFile.size() - downloadFileSuffix.size());
+    }
+    return fs::path(downloadFile).replace_extension();
+}
+
+}  // namespace
+
+void OfflineServiceWorker::verifyPackDownload(PackKey key) {
+    if (shuttingDown()) {
+        // The header record still says "not verified", so the next start checks the file again;
+        // hashing a large pack now would only hold up the shutdown.
+        return;
+    }
+    auto context = loadContext(key);
+    if (!context) {
+        logContextError(context.error());
+        return;
+    }
+    markBusy();
+    OfflineDataPackHolder& holder = context->holder;
+    const std::string downloadFile = holder.path();
+
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(downloadFile, error);
+    if (error) {
+        return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+    }
+    if (size != context->pack.bytes) {
+        // Not worth hashing: it cannot match.
+        return failPack(*context, OfflineDataErrorCode::Corrupt, "File doesn't have expected size");
+    }
+    holder.setVerifiedBytes(size);
+    holder.headers.bytes = size;
+
+    const auto digest = util::md5File(downloadFile);
+    if (!digest) {
+        // The file went away or became unreadable after it was measured.
+        return failPack(*context, OfflineDataErrorCode::Filesystem, digest.error());
+    }
+    // Exact text: the catalogue publishes lower-case digests, as md5File makes them.
+    if (*digest != context->pack.md5_checksum) {
+        return failPack(*context, OfflineDataErrorCode::Corrupt, "Failed to verify checksum");
+    }
+
+    const fs::path packFile = packFileOf(downloadFile);
+    fs::rename(downloadFile, packFile, error);
+    if (error) {
+        return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+    }
+    holder.headers.verified = true;
+    if (auto written = base::io::writeFileAtomically(headerFilePath(packFile),
+                                                     serializePackHeaders(holder.headers));
+        !written) {
+        return failPack(*context, OfflineDataErrorCode::Filesystem, std::move(written.error()));
+    }
+    // The lease the download granted may have run out while the file was checked.
+    if (holder.isExpired()) {
+        holder.setExpired(packFile.string());
+    } else {
+        holder.setAvailable(packFile.string());
+    }
+    notifyContext(*context);
+}
+
+}  // namespace terrane::common

@@ -1,0 +1,168 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "offline/offline_data_pack_holder.hpp"
+#include "offline/offline_storage.hpp"
+#include "terrane/http/http_service_factory.hpp"
+#include "terrane/offline/offline_data.hpp"
+#include "terrane/util/md5.hpp"
+#include "testing/fake_http_service.hpp"
+#include "testing/manual_worker.hpp"
+#include "testing/recording_observer.hpp"
+#include "testing/storage_tree.hpp"
+#include "util/file_io.hpp"
+
+namespace terrane::common::test {
+
+// The stage for the pack lifecycle tests: a worker worked off step by step on the test thread
+// (ManualWorker), the scriptable HTTP service in force, a recording observer, and the storage
+// tree of one region revision ("region-a", revision 3) whose maps pack is `content`.
+//
+// A test reads as the exchange it checks: a call on the worker, the HTTP answer, then settle()
+// and the observer lines that came of it (newLines()), the files on disk, and whether "onIdle"
+// closed the lines (which it does only when no download, deletion or cancellation is
+// outstanding).
+class PackLifecycleTest : public ::testing::Test {
+  protected:
+    using Lines = RecordingObserver::Lines;
+    static constexpr auto maps = OfflineDataDomain::Maps;
+    static constexpr auto navigation = OfflineDataDomain::Navigation;
+
+    void SetUp() override { HttpServiceFactory::setUserDefined(http); }
+    void TearDown() override {
+        worker.reset();
+        HttpServiceFactory::setUserDefined(nullptr);
+    }
+
+    // The region as the catalogue describes it: its maps pack is `content`.
+    OfflineDataRegionMetadata region() const {
+        auto described = sampleRegion("region-a", 3);
+        described.mapPack->bytes = content.size();
+        described.mapPack->md5_checksum = util::md5String(content);
+        return described;
+    }
+
+    // Starts the worker on the tree as it is now and lets it settle (onInitialized, onIdle).
+    void start(OfflineServiceObservers observers) {
+        worker = std::make_unique<ManualWorker>(directory.path().string(), options,
+                                                std::move(observers));
+        settle();
+    }
+    void start() { start({recorder}); }
+
+    // Waits until every answer given to the fake has reached the worker's queue, then works the
+    // queue off.
+    void settle() {
+        http->waitUntilDelivered();
+        worker->runPending();
+    }
+
+    // The observer lines since the last call.
+    Lines newLines() {
+        const Lines all = recorder->lines();
+        Lines fresh(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
+        seen = all.size();
+        return fresh;
+    }
+
+    // The three public operations on the maps pack, as the facade would post them.
+    void downloadPack() { (*worker)->downloadPack(maps, region()); }
+    void cancelPackDownload() { (*worker)->cancelPackDownload(maps, region()); }
+    void deletePack() { (*worker)->deletePack(maps, region()); }
+
+    std::filesystem::path packFile() const { return tree.packFile("region-a", "3", maps); }
+    std::filesystem::path downloadFile() const { return packFile().string() + ".tmp"; }
+    std::filesystem::path headerFile() const { return packFile().string() + ".json"; }
+    std::filesystem::path partialFile() const { return downloadFile().string() + ".part"; }
+    std::filesystem::path resumeFile() const { return downloadFile().string() + ".rd"; }
+
+    // "onAvailable maps region-a/3 path=<path> bytes=<bytes>[ error=...]"
+    static std::string line(const std::string& callback, const std::filesystem::path& path,
+                            std::uint64_t bytes, const std::string& error = {}) {
+        std::string text =
+            callback + " maps region-a/3 path=" + path.string() + " bytes=" + std::to_string(bytes);
+        if (!error.empty()) {
+            text += " error=" + error;
+        }
+        return text;
+    }
+    static std::string deleted() { return "onDeleted maps region-a/3"; }
+    static std::string log(const std::string& message) { return "onLogMessage " + message; }
+
+    const OfflineDataPackHolder& holder() const {
+        return (*worker)->getRegions().at({"region-a", 3}).mapsHolder;
+    }
+
+    // The pack's header record as it is on disk (a failed test when it is missing or unreadable).
+    OfflineDataPackHeaders storedHeaders() const {
+        const auto text = base::io::readFile(headerFile());
+        EXPECT_TRUE(text.has_value()) << headerFile();
+        auto parsed = text ? parsePackHeaders(*text) : nullopt;
+        EXPECT_TRUE(parsed.has_value());
+        return parsed.value_or(OfflineDataPackHeaders{});
+    }
+
+    // A pack that an earlier run downloaded and verified, with this lease.
+    void storeAvailable(util::TimePoint expires, std::string etag, std::int64_t maxAge = 86400) {
+        tree.writeMetadata("3", region());
+        auto headers = verifiedHeaders(content.size());
+        headers.expires = expires;
+        headers.etag = std::move(etag);
+        headers.max_age = maxAge;
+        tree.writeHeaders("region-a", "3", maps, headers);
+        tree.writeFile(std::filesystem::relative(packFile(), tree.root()), content);
+    }
+
+    // A downloaded pack whose verification an earlier run did not finish; the download file
+    // holds `downloaded`.
+    void storeUnverified(const std::string& downloaded,
+                         util::TimePoint expires = util::TimePoint::max()) {
+        tree.writeMetadata("3", region());
+        auto headers = unverifiedHeaders(0);
+        headers.expires = expires;
+        tree.writeHeaders("region-a", "3", maps, headers);
+        tree.writeFile(std::filesystem::relative(downloadFile(), tree.root()), downloaded);
+    }
+
+    // Starts a download and answers it with progress and the whole content; the pack ends up
+    // Available. The lines of the exchange are taken.
+    FakeDownload downloadToAvailable(HttpHeaders headers = {}) {
+        downloadPack();
+        settle();
+        auto transfer = http->nextDownload();
+        transfer.finish(content, 200, std::move(headers));
+        settle();
+        newLines();
+        return transfer;
+    }
+
+    static util::TimePoint fromNow(std::chrono::milliseconds offset) {
+        return std::chrono::time_point_cast<std::chrono::milliseconds>(
+                   std::chrono::system_clock::now()) +
+               offset;
+    }
+
+    const std::string baseURL = "http://127.0.0.1:9";
+    const OfflineServiceOptions options{"alice", "tk", baseURL};
+    // Where the worker fetches the maps pack of sampleRegion from.
+    const std::string packURL = baseURL + "/offline-data/v1/maps.bin?access_token=tk";
+    const std::string content = "the bytes of the maps pack of region-a";
+
+    TemporaryDirectory directory;
+    StorageTree tree{directory.path(), baseURL, "alice"};
+    std::shared_ptr<FakeHttpService> http = std::make_shared<FakeHttpService>();
+    std::shared_ptr<RecordingObserver> recorder = std::make_shared<RecordingObserver>();
+    std::unique_ptr<ManualWorker> worker;
+
+  private:
+    std::size_t seen = 0;
+};
+
+}  // namespace terrane::common::test
