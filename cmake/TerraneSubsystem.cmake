@@ -50,6 +50,6 @@ function(terrane_subsystem name)
       GTest::gmock GTest::gtest_main)
     gtest_discover_tests(${test_target}
       DISCOVERY_TIMEOUT 60
-      PROPERTIES LABELS "unit;${name}" ENVIRONMENT "TERRANE_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+      PROPERTIES LABELS unit ENVIRONMENT "TERRANE_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
   endif()
 endfunction()
