@@ -168,6 +168,14 @@ class OfflineServiceWorker {
     // For answers from other threads: MetadataMissing when the region revision is not stored
     // (or as above), Outdated when the holder's generation differs from the key's.
     ContextResult loadContext(const PackKey& key);
+    // The prologue of a public pack operation: the region id must be usable as a directory
+    // name, the context must load (the failure is logged), and then the worker is marked busy.
+    // Empty when the operation stops there.
+    optional<Context> beginPackOperation(OfflineDataDomain domain,
+                                         OfflineDataRegionMetadata&& region);
+    // The prologue of an answer or follow-up carrying a key: dropped once the service is
+    // shutting down, then as above with loadContext(key) (an outdated key is dropped silently).
+    optional<Context> beginAnswer(const PackKey& key);
     // Outdated says nothing; MetadataMissing logs "Failed to retrieve metadata for <domain> pack
     // of revision <revision> of offline region '<id>'".
     void logContextError(const ContextError& error);

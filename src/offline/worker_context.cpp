@@ -60,4 +60,31 @@ void OfflineServiceWorker::logContextError(const ContextError& error) {
                toString(error.domain).c_str(), error.revision, error.regionId.c_str());
 }
 
+optional<Context> OfflineServiceWorker::beginPackOperation(OfflineDataDomain domain,
+                                                           OfflineDataRegionMetadata&& region) {
+    if (!acceptRegionId(region.id)) {
+        return nullopt;
+    }
+    auto context = loadContext(domain, std::move(region));
+    if (!context) {
+        logContextError(context.error());
+        return nullopt;
+    }
+    markBusy();
+    return *context;
+}
+
+optional<Context> OfflineServiceWorker::beginAnswer(const PackKey& key) {
+    if (shuttingDown()) {
+        return nullopt;
+    }
+    auto context = loadContext(key);
+    if (!context) {
+        logContextError(context.error());
+        return nullopt;
+    }
+    markBusy();
+    return *context;
+}
+
 }  // namespace terrane::common

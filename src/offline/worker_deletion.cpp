@@ -17,15 +17,10 @@ namespace fs = std::filesystem;
 
 void OfflineServiceWorker::cancelPackDownload(OfflineDataDomain domain,
                                               OfflineDataRegionMetadata&& region) {
-    if (!acceptRegionId(region.id)) {
-        return;
-    }
-    auto context = loadContext(domain, std::move(region));
+    auto context = beginPackOperation(domain, std::move(region));
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     cancelPackDownloadInternal(*context);
 }
 
@@ -85,15 +80,10 @@ void OfflineServiceWorker::finishCancelPackDownloadInternal() {
 
 void OfflineServiceWorker::deletePack(OfflineDataDomain domain,
                                       OfflineDataRegionMetadata&& region) {
-    if (!acceptRegionId(region.id)) {
-        return;
-    }
-    auto context = loadContext(domain, std::move(region));
+    auto context = beginPackOperation(domain, std::move(region));
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     deletePackInternal(*context);
 }
 
@@ -151,15 +141,10 @@ void OfflineServiceWorker::deletePackInternal(Context& context) {
 
 void OfflineServiceWorker::confirmPackDeletion(PackKey key,
                                                std::weak_ptr<OfflineServiceObserver> observer) {
-    if (shuttingDown()) {
-        return;
-    }
-    auto context = loadContext(key);
+    auto context = beginAnswer(key);
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     // An observer that is gone was unregistered first, which withdrew what it owed.
     if (const auto acknowledging = observer.lock()) {
         removeObserverInternal(*context, acknowledging);
@@ -173,17 +158,12 @@ void OfflineServiceWorker::completeAcknowledgedDeletion(Context& context) {
 }
 
 void OfflineServiceWorker::finishPackDeletion(PackKey key) {
-    if (shuttingDown()) {
-        return;
-    }
-    auto context = loadContext(key);
+    // Deliberately no count is given back for an outdated key: the pack was asked for again
+    // before the cancellation came back, and the deletion stays pending.
+    auto context = beginAnswer(key);
     if (!context) {
-        // Deliberately no count is given back for an outdated key: the pack was asked for again
-        // before the cancellation came back, and the deletion stays pending.
-        logContextError(context.error());
         return;
     }
-    markBusy();
     --pendingDeletions;
     finalizePackDeletion(*context);
 }

@@ -40,15 +40,10 @@ void OfflineServiceWorker::failPack(Context& context, OfflineDataErrorCode code,
 
 void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
                                         OfflineDataRegionMetadata&& region) {
-    if (!acceptRegionId(region.id)) {
-        return;
-    }
-    auto context = loadContext(domain, std::move(region));
+    auto context = beginPackOperation(domain, std::move(region));
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     switch (context->holder.status()) {
         case OfflineDataPackStatus::Pending:
         case OfflineDataPackStatus::Downloading:
@@ -153,15 +148,10 @@ bool OfflineServiceWorker::checkFreeSpace(Context& context, bool resume) {
 }
 
 void OfflineServiceWorker::updatePackDownloadProgress(PackKey key, DownloadStatus status) {
-    if (shuttingDown()) {
-        return;
-    }
-    auto context = loadContext(key);
+    auto context = beginAnswer(key);
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     switch (status.state) {
         case DownloadState::Pending:
             return;

@@ -36,12 +36,11 @@ HttpRequest OfflineServiceWorker::conditionalRequest(const Context& context) con
 }
 
 void OfflineServiceWorker::extendPackDownloadLease(PackKey key) {
-    auto context = loadContext(key);
+    // Posted at start-up; a service already shutting down has no use for a new request.
+    auto context = beginAnswer(key);
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     HttpServiceInterface* const http = acquireHttpService();
     if (http == nullptr) {
         // The lease simply runs out at its old time; a later downloadPack re-authorises.
@@ -120,15 +119,10 @@ void OfflineServiceWorker::reauthPackInternal(Context& context) {
 }
 
 void OfflineServiceWorker::finishPackReauth(PackKey key, HttpResponse response) {
-    if (shuttingDown()) {
-        return;
-    }
-    auto context = loadContext(key);
+    auto context = beginAnswer(key);
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     --activeDownloads;
     OfflineDataPackHolder& holder = context->holder;
     holder.downloadId = 0;

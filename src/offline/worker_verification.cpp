@@ -31,17 +31,12 @@ fs::path packFileOf(const std::string& downloadFile) {
 }  // namespace
 
 void OfflineServiceWorker::verifyPackDownload(PackKey key) {
-    if (shuttingDown()) {
-        // The header record still says "not verified", so the next start checks the file again;
-        // hashing a large pack now would only hold up the shutdown.
-        return;
-    }
-    auto context = loadContext(key);
+    // Dropped during shutdown: the header record still says "not verified", so the next start
+    // checks the file again, and hashing a large pack now would only hold up the shutdown.
+    auto context = beginAnswer(key);
     if (!context) {
-        logContextError(context.error());
         return;
     }
-    markBusy();
     OfflineDataPackHolder& holder = context->holder;
     const std::string downloadFile = holder.path();
 
