@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <string_view>
 #include <utility>
 
 namespace terrane::base::io {
@@ -48,5 +50,26 @@ class FileDescriptor {
 
     int fd_ = -1;
 };
+
+// Writes all of `contents` to `fd`, resuming after interrupted and short writes. Returns 0 or
+// the error number.
+inline int writeAll(int fd, std::string_view contents) {
+    while (!contents.empty()) {
+        const ssize_t written = ::write(fd, contents.data(), contents.size());
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        // A write of nothing for a non-empty buffer makes no progress; only a full device
+        // should do that, and looping on it would spin.
+        if (written == 0) {
+            return ENOSPC;
+        }
+        contents.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
 
 }  // namespace terrane::base::io

@@ -46,26 +46,6 @@ int fsyncRetrying(int fd) {
     return result == 0 ? 0 : errno;
 }
 
-// Returns 0 or the error number.
-int writeAll(int fd, std::string_view contents) {
-    while (!contents.empty()) {
-        const ssize_t written = ::write(fd, contents.data(), contents.size());
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        // A write of nothing for a non-empty buffer makes no progress; only a full device
-        // should do that, and looping on it would spin.
-        if (written == 0) {
-            return ENOSPC;
-        }
-        contents.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
-
 std::string randomSuffix() {
     static constexpr std::string_view alphabet =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";

@@ -63,25 +63,6 @@ bool isSuccess(std::int64_t code) {
     return code >= 200 && code < 300;
 }
 
-// Returns 0 or the error number.
-int writeAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        if (written == 0) {
-            return ENOSPC;
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return 0;
-}
-
 }  // namespace
 
 // Shared by the transfer and the deliveries it queued, so that a report already queued is dropped
@@ -331,7 +312,8 @@ bool DownloadTransfer::acceptBody(const char* data, std::size_t size) {
             return true;
         }
         case BodySink::File:
-            if (const int error = writeAll(partial_.get(), data, size)) {
+            if (const int error =
+                    base::io::writeAll(partial_.get(), std::string_view(data, size))) {
                 fileError_ = systemErrorText(error);
                 return false;
             }
