@@ -1,5 +1,7 @@
 #include "platform/linux/curl_engine.hpp"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -62,6 +64,9 @@ bool CurlEngine::isEngineThread() const {
 }
 
 void CurlEngine::run() {
+    // Named so that a debugger, top -H or a test can tell the engine from the application's
+    // threads.
+    ::pthread_setname_np(::pthread_self(), threadName);
     for (;;) {
         const bool stop = runCommands();
         deliveries_.drain();

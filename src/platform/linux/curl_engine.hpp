@@ -29,6 +29,9 @@ class CurlEngine {
   public:
     using Command = std::move_only_function<void()>;
 
+    // The name the engine's thread carries (at most 15 characters, the kernel's limit).
+    static constexpr const char* threadName = "terrane-http";
+
     // The cap on connections per host until setMaxHostConnections says otherwise.
     static constexpr long kDefaultMaxHostConnections = 8;
 
