@@ -35,6 +35,9 @@ CURLM* createMultiHandle() {
 CurlEngine::CurlEngine() : multi_(createMultiHandle()) {
     curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, kDefaultMaxHostConnections);
     thread_ = std::thread([this] { run(); });
+    // Named here rather than by the thread itself, so that the name is there as soon as the
+    // engine is: a debugger, top -H or a test can tell the engine from other threads.
+    ::pthread_setname_np(thread_.native_handle(), threadName);
 }
 
 CurlEngine::~CurlEngine() {
@@ -64,9 +67,6 @@ bool CurlEngine::isEngineThread() const {
 }
 
 void CurlEngine::run() {
-    // Named so that a debugger, top -H or a test can tell the engine from the application's
-    // threads.
-    ::pthread_setname_np(::pthread_self(), threadName);
     for (;;) {
         const bool stop = runCommands();
         deliveries_.drain();
