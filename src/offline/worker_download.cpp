@@ -182,6 +182,9 @@ void OfflineServiceWorker::finishPackDownload(Context& context, DownloadStatus&&
             case DownloadErrorCode::FileSystemError:
                 return failPack(context, OfflineDataErrorCode::Filesystem,
                                 redactAccessToken(status.error->message));
+            case DownloadErrorCode::SizeExceeded:
+                return failPack(context, OfflineDataErrorCode::Corrupt,
+                                "File doesn't have expected size");
         }
         std::abort();
     }

@@ -29,6 +29,9 @@ enum class DownloadErrorCode : std::uint32_t {
     FileSystemError = 0,
     // The transfer failed or timed out.
     NetworkError = 1,
+    // The body grew beyond DownloadOptions::maxBytes, or the response announced more; nothing
+    // of it is kept.
+    SizeExceeded = 2,
 };
 
 struct DownloadError {
@@ -45,6 +48,10 @@ struct DownloadOptions {
     // Continue from resume data stored for this destination and URL, when the service has valid
     // data; otherwise start afresh.
     bool resume = false;
+    // The most bytes the finished file may have. A service that knows it stops the transfer as
+    // soon as the body would grow beyond it, or the response head announces more, and fails with
+    // SizeExceeded; empty: no limit.
+    optional<std::uint64_t> maxBytes;
 
     DownloadOptions() = default;
 
