@@ -33,16 +33,27 @@ Result<void> runDelete(const ToolContext& context, const DeleteRequest& request)
     if (!domains) {
         return common::unexpected(domains.error());
     }
+    if (auto prepared = prepareStorageDirectory(context.storage); !prepared) {
+        return prepared;
+    }
     OfflineSession session(context, context.baseUrl, context.user);
     if (auto ready = session.waitUntilInitialized(); !ready) {
         return ready;
     }
 
+    const auto matches = [&](const PackKey& key) {
+        return key.region == request.region &&
+               (!request.revision || *request.revision == key.revision) &&
+               std::find(domains->begin(), domains->end(), key.domain) != domains->end();
+    };
+    // A verification begun at start-up would otherwise report its outcome in the middle of the
+    // deletion, where it reads as the deletion's.
+    if (auto settled = session.waitWhileVerifying(matches); !settled) {
+        return settled;
+    }
     std::map<PackKey, Doomed> doomed;
     for (const auto& [key, known] : session.packs()) {
-        if (key.region == request.region &&
-            (!request.revision || *request.revision == key.revision) &&
-            std::find(domains->begin(), domains->end(), key.domain) != domains->end()) {
+        if (matches(key)) {
             doomed[key] = Doomed{known.region, false, false, {}};
         }
     }

@@ -9,6 +9,7 @@
 #include "publish_command.hpp"
 #include "regions_command.hpp"
 #include "sample_catalogue.hpp"
+#include "scratch_directory.hpp"
 #include "static_file_server.hpp"
 #include "status_command.hpp"
 #include "text_format.hpp"
@@ -24,39 +25,6 @@ constexpr const char* kDemoUser = "demo";
 // appears in the output.
 constexpr const char* kDemoToken = "demo-secret-token";
 
-// The temporary directory, removed when the demo ends unless it is to be kept.
-class ScratchDirectory {
-  public:
-    static Result<ScratchDirectory> create() {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern =
-            (fs::path(base != nullptr && base[0] == '/' ? base : "/tmp") / "terrane-demo-XXXXXX")
-                .string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            return fail(BadInput, "cannot create a temporary directory from " + pattern);
-        }
-        return ScratchDirectory(pattern);
-    }
-    ScratchDirectory(ScratchDirectory&& other) noexcept
-        : path_(std::move(other.path_)), keep_(other.keep_) {
-        other.path_.clear();
-    }
-    ScratchDirectory& operator=(ScratchDirectory&&) = delete;
-    ~ScratchDirectory() {
-        if (!path_.empty() && !keep_) {
-            std::error_code ignored;
-            fs::remove_all(path_, ignored);
-        }
-    }
-    const fs::path& path() const { return path_; }
-    void keep() { keep_ = true; }
-
-  private:
-    explicit ScratchDirectory(fs::path path) : path_(std::move(path)) {}
-    fs::path path_;
-    bool keep_ = false;
-};
-
 void heading(const std::string& text) {
     std::printf("\n==> %s\n", text.c_str());
     std::fflush(stdout);
@@ -66,7 +34,7 @@ void heading(const std::string& text) {
 
 Result<void> runDemo(const GlobalOptions& global, InterruptWatcher& interrupts,
                      const DemoOptions& options) {
-    auto scratch = ScratchDirectory::create();
+    auto scratch = ScratchDirectory::create("terrane-demo");
     if (!scratch) {
         return common::unexpected(scratch.error());
     }

@@ -71,23 +71,10 @@ class DownloadRun {
     }
 
     // Lets a verification that start-up recovery restarted finish first: its outcome decides
-    // whether a download is needed, and must not be taken for the outcome of ours.
+    // whether a download is needed.
     Result<void> settleVerifications() {
-        while (true) {
-            bool verifying = false;
-            for (const auto& [key, pack] : packs_) {
-                const auto known = session_.packs().find(key);
-                verifying |= known != session_.packs().end() &&
-                             known->second.pack.status == OfflineDataPackStatus::Verifying;
-            }
-            if (!verifying) {
-                return {};
-            }
-            const auto event = session_.next(1h);
-            if (event && event->kind == ServiceEvent::Kind::Interrupted) {
-                return fail(Interrupted, "interrupted");
-            }
-        }
+        return session_.waitWhileVerifying(
+            [this](const PackKey& key) { return packs_.contains(key); });
     }
 
     void start() {
@@ -186,8 +173,9 @@ class DownloadRun {
         if (available == packs_.size()) {
             return {};
         }
-        return fail(Failure, std::to_string(packs_.size() - available) + " of " +
-                                 std::to_string(packs_.size()) + " packs did not become available");
+        return fail(failureStatus(), std::to_string(packs_.size() - available) + " of " +
+                                         std::to_string(packs_.size()) +
+                                         " packs did not become available");
     }
 
   private:
@@ -195,6 +183,24 @@ class DownloadRun {
         std::ostringstream out;
         out << code;
         return out.str();
+    }
+
+    // Refused credentials and an unreachable server have statuses of their own, as for the
+    // catalogue; any other failure is a plain one.
+    int failureStatus() const {
+        int status = Failure;
+        for (const auto& [key, pack] : packs_) {
+            if (!pack.last.error) {
+                continue;
+            }
+            if (pack.last.error->code == common::OfflineDataErrorCode::Unauthorized) {
+                return Unauthorized;
+            }
+            if (pack.last.error->code == common::OfflineDataErrorCode::Connection) {
+                status = Unreachable;
+            }
+        }
+        return status;
     }
 
     bool allDone() const {
@@ -282,6 +288,9 @@ class DownloadRun {
                 if (event->kind == ServiceEvent::Kind::Interrupted) {
                     break;
                 }
+                if (event->kind == ServiceEvent::Kind::Pack) {
+                    onPack(*event, ProgressDisplay::Clock::now());
+                }
                 barrierPassed |=
                     event->kind == ServiceEvent::Kind::Barrier && event->barrier == barrier;
                 if (barrierPassed && event->kind == ServiceEvent::Kind::Idle) {
@@ -290,6 +299,21 @@ class DownloadRun {
             }
         }
         progress_.close();
+        // A pack past its download (verifying, say) is not stopped by a cancel: it may well have
+        // become available meanwhile.
+        std::size_t available = 0;
+        for (const auto& [key, pack] : packs_) {
+            available += pack.last.status == OfflineDataPackStatus::Available ? 1 : 0;
+        }
+        if (available == packs_.size()) {
+            return fail(Interrupted, "interrupted, but every pack had already become available");
+        }
+        if (available > 0) {
+            return fail(Interrupted, "interrupted; " + std::to_string(available) + " of " +
+                                         std::to_string(packs_.size()) +
+                                         " packs became available, the others resume when the "
+                                         "same command runs again");
+        }
         return fail(Interrupted,
                     "interrupted; the downloads were cancelled and resume when the same command "
                     "runs again");
@@ -310,6 +334,9 @@ Result<void> runDownload(const ToolContext& context, const DownloadRequest& requ
     const auto domains = parseDomains(request.domain);
     if (!domains) {
         return common::unexpected(domains.error());
+    }
+    if (auto prepared = prepareStorageDirectory(context.storage); !prepared) {
+        return prepared;
     }
     OfflineSession session(context, context.baseUrl, context.user);
     if (auto ready = session.waitUntilInitialized(); !ready) {
@@ -345,7 +372,7 @@ Result<void> runDownload(const ToolContext& context, const DownloadRequest& requ
                                  std::to_string(region->revision) + " has no packs");
     }
     if (!context.json) {
-        std::printf("Downloading %s revision %u (%s) into %s\n", region->id.c_str(),
+        std::printf("Downloading %s revision %u (%s) into %s\n", printable(region->id).c_str(),
                     region->revision, plan.c_str(), context.storage.c_str());
         std::fflush(stdout);
     }

@@ -20,6 +20,7 @@
 #include "regions_command.hpp"
 #include "serve_command.hpp"
 #include "status_command.hpp"
+#include "text_format.hpp"
 #include "tool_error.hpp"
 
 using namespace terrane::tool;
@@ -31,7 +32,7 @@ int report(const Result<void>& result) {
         return Success;
     }
     std::fflush(stdout);
-    std::fprintf(stderr, "terrane-offline: %s\n", result.error().message.c_str());
+    std::fprintf(stderr, "terrane-offline: %s\n", printable(result.error().message).c_str());
     return result.error().status;
 }
 

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "text_format.hpp"
+
 namespace terrane::tool {
 
 using common::OfflineDataErrorCode;
@@ -19,7 +21,8 @@ ToolError interruptedError() {
 ToolError catalogueError(const common::OfflineDataError& error, const std::string& endpoint,
                          const std::string& user, const Redactor& redact) {
     const std::string where = redact(endpoint);
-    const std::string detail = redact(error.message.empty() ? "no details" : error.message);
+    const std::string detail =
+        printable(redact(error.message.empty() ? "no details" : error.message));
     switch (error.code) {
         case OfflineDataErrorCode::Unauthorized:
             return ToolError{
@@ -112,6 +115,25 @@ Result<void> OfflineSession::waitUntilInitialized() {
             return {};
         }
     }
+}
+
+Result<void> OfflineSession::waitWhileVerifying(
+    const std::function<bool(const PackKey&)>& relevant) {
+    const auto verifying = [&] {
+        for (const auto& [key, known] : packs_) {
+            if (known.pack.status == OfflineDataPackStatus::Verifying && relevant(key)) {
+                return true;
+            }
+        }
+        return false;
+    };
+    while (verifying()) {
+        const auto event = next(1h);
+        if (event && event->kind == ServiceEvent::Kind::Interrupted) {
+            return common::unexpected(interruptedError());
+        }
+    }
+    return {};
 }
 
 Result<bool> OfflineSession::waitUntilIdle(std::chrono::milliseconds limit) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -47,6 +48,11 @@ class OfflineSession {
 
     // Waits until the service has announced every stored pack.
     Result<void> waitUntilInitialized();
+
+    // Waits until no pack for which `relevant` holds is Verifying: a verification that start-up
+    // recovery began reports its outcome later, and that report must not be taken for the
+    // outcome of what the command asks next.
+    Result<void> waitWhileVerifying(const std::function<bool(const PackKey&)>& relevant);
 
     // Waits until the service falls idle, but no longer than `limit`; false on time-out.
     Result<bool> waitUntilIdle(std::chrono::milliseconds limit);

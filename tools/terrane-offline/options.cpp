@@ -97,7 +97,11 @@ Result<void> checkBaseUrl(const std::string& baseUrl) {
 
 Result<ToolContext> resolveContext(const GlobalOptions& options, InterruptWatcher* interrupts) {
     ToolContext context;
+    // "http://host/" and "http://host" are one account.
     context.baseUrl = options.baseUrl;
+    while (context.baseUrl.ends_with('/') && !context.baseUrl.ends_with("://")) {
+        context.baseUrl.pop_back();
+    }
     context.user = options.user;
     context.verbose = options.verbose;
     context.json = options.json;
@@ -123,9 +127,6 @@ Result<ToolContext> resolveContext(const GlobalOptions& options, InterruptWatche
     }
     context.token = *token;
     context.redact = Redactor(context.token);
-    if (auto prepared = prepareStorageDirectory(context.storage); !prepared) {
-        return common::unexpected(prepared.error());
-    }
     return context;
 }
 

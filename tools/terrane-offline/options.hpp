@@ -52,8 +52,9 @@ Result<void> prepareStorageDirectory(const std::string& path);
 // Accepts empty (the built-in endpoint) and http:// or https:// addresses.
 Result<void> checkBaseUrl(const std::string& baseUrl);
 
-// Resolves the storage directory, reads the token and checks the base URL: everything a
-// command that runs the offline service needs before it starts.
+// Resolves the storage directory, reads the token and checks the base URL (trailing slashes
+// removed): everything a command that runs the offline service needs before it starts. Creates
+// nothing: the commands that store packs call prepareStorageDirectory.
 Result<ToolContext> resolveContext(const GlobalOptions& options, InterruptWatcher* interrupts);
 
 }  // namespace terrane::tool

@@ -1,5 +1,7 @@
 #include "pack_selection.hpp"
 
+#include "text_format.hpp"
+
 namespace terrane::tool {
 
 using common::OfflineDataDomain;
@@ -31,7 +33,7 @@ Result<common::OfflineDataRegionMetadata> findRegion(
     }
     std::string known;
     for (const auto& region : catalogue) {
-        known += (known.empty() ? "" : ", ") + region.id;
+        known += (known.empty() ? "" : ", ") + printable(region.id);
     }
     return fail(Failure, "the catalogue has no region '" + id + "'" +
                              (known.empty() ? std::string(" (it is empty)")

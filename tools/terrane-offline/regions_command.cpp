@@ -6,6 +6,7 @@
 
 #include "json_writer.hpp"
 #include "offline_session.hpp"
+#include "scratch_directory.hpp"
 #include "text_format.hpp"
 
 namespace terrane::tool {
@@ -38,8 +39,9 @@ std::string packLine(OfflineDataDomain domain, const OfflineDataPackMetadata& pa
     char line[160];
     std::snprintf(line, sizeof line, "    %-11s %10s  %s", common::toString(domain).c_str(),
                   formatBytes(pack.bytes).c_str(),
-                  pack.data_version.empty() ? "no data version"
-                                            : ("data version " + pack.data_version).c_str());
+                  pack.data_version.empty()
+                      ? "no data version"
+                      : ("data version " + printable(pack.data_version)).c_str());
     return line;
 }
 
@@ -83,10 +85,10 @@ std::string formatRegions(const std::vector<OfflineDataRegionMetadata>& unsorted
     }
     std::ostringstream out;
     for (const auto& region : regions) {
-        out << region.id << "  revision " << region.revision << "  \"" << region.name
-            << "\"  updated " << formatTime(region.last_updated) << '\n';
+        out << printable(region.id) << "  revision " << region.revision << "  \""
+            << printable(region.name) << "\"  updated " << formatTime(region.last_updated) << '\n';
         if (!region.description.empty()) {
-            out << "    " << region.description << '\n';
+            out << "    " << printable(region.description) << '\n';
         }
         if (region.mapPack) {
             out << packLine(OfflineDataDomain::Maps, *region.mapPack) << '\n';
@@ -105,7 +107,15 @@ Result<void> runRegions(const ToolContext& context) {
     if (context.user.empty()) {
         return fail(Usage, "regions needs --user NAME: the catalogue is per user");
     }
-    OfflineSession session(context, context.baseUrl, context.user);
+    // The listing stores nothing, so it runs on a scratch tree: it leaves no directory behind
+    // and works while another process holds the real one.
+    auto scratch = ScratchDirectory::create("terrane-regions");
+    if (!scratch) {
+        return common::unexpected(scratch.error());
+    }
+    ToolContext scratchContext = context;
+    scratchContext.storage = scratch->path().string();
+    OfflineSession session(scratchContext, context.baseUrl, context.user);
     auto regions = session.listRegions();
     if (!regions) {
         return common::unexpected(regions.error());

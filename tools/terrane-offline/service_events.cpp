@@ -1,5 +1,7 @@
 #include "service_events.hpp"
 
+#include "text_format.hpp"
+
 namespace terrane::tool {
 
 using common::OfflineDataDomain;
@@ -7,7 +9,7 @@ using common::OfflineDataPack;
 using common::OfflineDataRegionMetadata;
 
 std::string describe(const PackKey& key) {
-    return common::toString(key.domain) + " pack of " + key.region + "/" +
+    return common::toString(key.domain) + " pack of " + printable(key.region) + "/" +
            std::to_string(key.revision);
 }
 

@@ -113,10 +113,11 @@ void printText(const std::vector<PackRow>& rows, const ToolContext& context) {
                         "STATE", "SIZE", "LEASE UNTIL", "PATH");
         }
         const std::string lease = row.leaseExpires ? formatTime(*row.leaseExpires) : "-";
-        std::printf("  %-12s %4u  %-10s  %-10s  %-20s  %-23s  %s\n", row.key.region.c_str(),
-                    row.key.revision, common::toString(row.key.domain).c_str(),
+        std::printf("  %-12s %4u  %-10s  %-10s  %-20s  %-23s  %s\n",
+                    printable(row.key.region).c_str(), row.key.revision,
+                    common::toString(row.key.domain).c_str(),
                     statusName(row.known.pack.status).c_str(), sizeText(row).c_str(), lease.c_str(),
-                    row.known.pack.path.c_str());
+                    printable(row.known.pack.path).c_str());
         if (row.known.pack.error) {
             std::printf("      %s\n", context.redact(describeError(*row.known.pack.error)).c_str());
         }

@@ -118,11 +118,34 @@ std::string statusName(common::OfflineDataPackStatus status) {
     return "Unknown";
 }
 
+std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+        std::array<char, 8> escape{};
+        if (byte == '\n' || byte == '\r' || byte == '\t') {
+            out += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            std::snprintf(escape.data(), escape.size(), "\\x%02x", byte);
+            out += escape.data();
+        } else if (byte == 0xc2 && next >= 0x80 && next <= 0x9f) {
+            std::snprintf(escape.data(), escape.size(), "\\u%04x", next);
+            out += escape.data();
+            ++i;
+        } else {
+            out += static_cast<char>(byte);
+        }
+    }
+    return out;
+}
+
 std::string describeError(const common::OfflineDataError& error) {
     std::ostringstream out;
     out << error.code;
     if (!error.message.empty()) {
-        out << ": " << error.message;
+        out << ": " << printable(error.message);
     }
     return out.str();
 }

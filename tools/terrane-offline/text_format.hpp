@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <terrane/offline/offline_data.hpp>
 
 // Human-readable forms of sizes, durations and instants, shared by every command's output.
@@ -27,6 +28,10 @@ std::string formatTimestamp(common::OfflineDataTimePoint time);
 
 // "Pending", "Available", ...
 std::string statusName(common::OfflineDataPackStatus status);
+
+// The text with every control character (C0, DEL, and C1 in UTF-8) written as an escape ("\x1b",
+// "\r", "\u0085"), so that a string from a server can neither move the cursor nor forge lines.
+std::string printable(std::string_view text);
 
 // "Corrupt: Failed to verify checksum".
 std::string describeError(const common::OfflineDataError& error);

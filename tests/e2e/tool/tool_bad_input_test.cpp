@@ -28,12 +28,24 @@ class BadInputTest : public ::testing::Test {
 TEST_F(BadInputTest, StorageBelowAPlainFileIsRefusedBeforeAnythingStarts) {
     writeFile(scratch_.path() / "plain-file", "x");
     const std::string storage = (scratch_.path() / "plain-file" / "storage").string();
-    for (const char* command : {"regions", "status"}) {
+    for (const char* command : {"download", "delete"}) {
         const RunResult result = runTool({"--storage", storage, "--base-url",
                                           "http://127.0.0.1:" + std::to_string(unusedPort()),
-                                          "--user", "alice", command});
+                                          "--user", "alice", command, "harbour"});
         expectOneClearLine(result, 5, "storage directory '" + storage + "' is not usable");
     }
+}
+
+TEST_F(BadInputTest, ListingAndStatusCreateNoStorage) {
+    const auto storage = scratch_.path() / "new";
+    const std::string url = "http://127.0.0.1:" + std::to_string(unusedPort());
+    RunResult result =
+        runTool({"--storage", storage.string(), "--base-url", url, "--user", "alice", "regions"});
+    EXPECT_EQ(result.status, 4) << result.err;
+    result = runTool({"--storage", storage.string(), "status"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("No packs stored"), std::string::npos) << result.out;
+    EXPECT_FALSE(fs::exists(storage));
 }
 
 TEST_F(BadInputTest, ReadOnlyStorageIsRefusedForOrdinaryUsers) {

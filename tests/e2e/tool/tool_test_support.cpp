@@ -194,7 +194,8 @@ void writeSource(const fs::path& directory, const SourcePacks& sizes) {
         "navigation": "harbour-navigation.bin"
       }
     },
-    "plain": {"revision": 5, "packs": {"maps": "plain-maps.bin"}}
+    "plain": {"revision": 5, "description": "Plain\u001b[2J\r\nforged line",
+              "packs": {"maps": "plain-maps.bin"}}
   }
 })");
 }

@@ -90,7 +90,7 @@ struct SourcePacks {
 };
 
 // A publish source: region "harbour" (revision 2, maps and navigation, a Feature outline) and
-// region "plain" (revision 5, maps only, no outline).
+// region "plain" (revision 5, maps only, no outline, a description with terminal escapes).
 void writeSource(const fs::path& directory, const SourcePacks& sizes = {});
 
 // Runs `publish SRC OUT --user USER`; fails the test when it does not succeed.
