@@ -1,0 +1,1 @@
+{"format":"terrane-resume-data","version":1,"url":"u","partialPath":"p","bytes":0,"etag":"","lastModified":""}

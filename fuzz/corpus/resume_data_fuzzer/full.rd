@@ -1,0 +1,1 @@
+{"format":"terrane-resume-data","version":1,"url":"https://example.com/p.pack?x=1","partialPath":"/s/p.pack.part","bytes":4096,"etag":"\"abc\"","lastModified":"Tue, 15 Nov 1994 08:12:31 GMT"}
