@@ -2,7 +2,7 @@
 # configures, builds and runs every test.
 PRESET ?= release
 
-.PHONY: all deps configure build test test-asan test-tsan demo bench fuzz format format-check clean
+.PHONY: all deps configure build test test-asan test-tsan soak demo bench fuzz format format-check clean
 
 all: build
 
@@ -23,6 +23,11 @@ test: build
 demo: configure
 	cmake --build --preset $(PRESET) --target terrane-offline
 	build/$(PRESET)/tools/terrane-offline demo
+
+# The crash-consistency loop at length: 300 rounds of killing the tool at random moments.
+soak: build
+	TERRANE_CRASH_ROUNDS=$${TERRANE_CRASH_ROUNDS:-300} scripts/isolated \
+	  build/$(PRESET)/tests/e2e/tool/terrane_tool_e2e_tests --gtest_filter='CrashTest.*'
 
 test-asan:
 	$(MAKE) test PRESET=asan-ubsan

@@ -1,0 +1,184 @@
+// Crash consistency: the tool is killed (SIGKILL) at random moments while it downloads, verifies,
+// renews leases and deletes, with a second process started beside it now and then. After every
+// round each pack is absent, resumable, or complete with the catalogue's size and MD5, and no
+// file holds the access token; at the end a plain run finishes the download and leaves only the
+// files the service owns. TERRANE_CRASH_ROUNDS sets the number of rounds (20 by default; `make
+// soak` runs 300), TERRANE_CRASH_SEED replays a run.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <set>
+#include <terrane/util/md5.hpp>
+#include <thread>
+
+#include "tool_test_support.hpp"
+
+namespace terrane::tool::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kUser = "crash";
+constexpr const char* kToken = "crash-token-0f3e91";
+
+struct Expected {
+    std::uint64_t size = 0;
+    std::string md5;
+};
+
+unsigned long environmentNumber(const char* name, unsigned long fallback) {
+    const char* text = std::getenv(name);
+    return text != nullptr && *text != '\0' ? std::strtoul(text, nullptr, 10) : fallback;
+}
+
+class CrashTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        SourcePacks sizes;
+        sizes.harbourMaps = 3 * 1024 * 1024;
+        sizes.harbourNavigation = 512 * 1024 + 3;
+        writeSource(scratch_.path() / "source", sizes);
+        publish(scratch_.path() / "source", www(), kUser);
+        // A short lease, so that restarts renew it; a pace that makes a download last a second.
+        server_ = startServe(ServerSettings{www(), scratch_.path() / "server", 2, 3 * 1024 * 1024});
+        baseUrl_ = server_->slowBaseUrl();
+        for (const char* domain : {"maps", "navigation"}) {
+            const fs::path served = www() / "offline-data" / "v1" / kUser / "packs" / "harbour" /
+                                    "2" / (std::string(domain) + ".pack");
+            expected_[domain] =
+                Expected{fs::file_size(served), common::util::md5File(served).value_or("")};
+        }
+    }
+
+    fs::path www() const { return scratch_.path() / "www"; }
+    fs::path storage() const { return scratch_.path() / "storage"; }
+
+    std::vector<std::string> command(const std::vector<std::string>& words) const {
+        std::vector<std::string> arguments{
+            toolPath(), "--storage", storage().string(), "--base-url", baseUrl_, "--user", kUser};
+        arguments.insert(arguments.end(), words.begin(), words.end());
+        return arguments;
+    }
+
+    std::unique_ptr<ChildProcess> spawn(const std::vector<std::string>& words, int round) {
+        const fs::path work =
+            scratch_.path() / ("run-" + std::to_string(round) + "-" + std::to_string(spawned_++));
+        fs::create_directories(work);
+        return std::make_unique<ChildProcess>(
+            command(words), work,
+            std::vector<std::string>{std::string("TERRANE_ACCESS_TOKEN=") + kToken});
+    }
+
+    // Whatever the moment of the kill: a file named as a verified pack has the catalogue's bytes,
+    // nothing being downloaded outgrows the pack, and no file holds the token.
+    void expectSafe(const std::string& when) {
+        std::error_code error;
+        for (fs::recursive_directory_iterator entry(storage(), error), end; !error && entry != end;
+             entry.increment(error)) {
+            if (!entry->is_regular_file()) {
+                continue;
+            }
+            const fs::path& path = entry->path();
+            EXPECT_EQ(readFile(path).find(kToken), std::string::npos) << when << ": " << path;
+            const std::string name = path.filename().string();
+            const auto found = expected_.find(path.parent_path().filename().string());
+            if (found == expected_.end()) {
+                continue;
+            }
+            if (name == "1") {
+                EXPECT_EQ(fs::file_size(path), found->second.size) << when << ": " << path;
+                EXPECT_EQ(common::util::md5File(path.string()).value_or(""), found->second.md5)
+                    << when << ": " << path;
+            } else if (name.starts_with("1.tmp")) {
+                EXPECT_LE(fs::file_size(path), found->second.size) << when << ": " << path;
+            }
+        }
+    }
+
+    // Only what the service owns: the account's configuration and lock, a region revision's
+    // metadata, and each pack's file and header record.
+    void expectOnlyOwnedFiles() {
+        const std::set<std::string> accountFiles{"configuration.json", ".lock"};
+        const std::set<std::string> packFiles{"1", "1.json"};
+        for (fs::recursive_directory_iterator entry(storage()), end; entry != end; ++entry) {
+            if (!entry->is_regular_file()) {
+                continue;
+            }
+            const fs::path relative = fs::relative(entry->path(), storage());
+            const std::vector<fs::path> parts(relative.begin(), relative.end());
+            const std::string name = relative.filename().string();
+            const bool owned = (parts.size() == 2 && accountFiles.contains(name)) ||
+                               (parts.size() == 4 && name == "metadata.json") ||
+                               (parts.size() == 5 && packFiles.contains(name));
+            EXPECT_TRUE(owned) << "a stray file: " << relative;
+        }
+    }
+
+    ScratchDirectory scratch_;
+    std::unique_ptr<CatalogueServer> server_;
+    std::string baseUrl_;
+    std::map<std::string, Expected> expected_;
+    int spawned_ = 0;
+};
+
+TEST_F(CrashTest, EveryPackIsAbsentResumableOrRightAfterAnyKill) {
+    const unsigned long rounds = environmentNumber("TERRANE_CRASH_ROUNDS", 20);
+    const unsigned long seed = environmentNumber("TERRANE_CRASH_SEED", std::random_device{}());
+    std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
+    const auto chance = [&random](unsigned percent) { return random() % 100 < percent; };
+    const auto pause = [&random](unsigned maxMilliseconds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % (maxMilliseconds + 1)));
+    };
+    const std::vector<std::vector<std::string>> work{
+        {"download", "harbour"}, {"download", "harbour"}, {"status"}, {"delete", "harbour"}};
+    std::map<std::string, int> outcomes;
+
+    for (unsigned long round = 0; round < rounds; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round) + " of seed " + std::to_string(seed));
+        const auto& words = work[random() % work.size()];
+        auto first = spawn(words, static_cast<int>(round));
+        pause(1500);
+        std::unique_ptr<ChildProcess> second;
+        if (chance(30)) {
+            second = spawn({"download", "harbour"}, static_cast<int>(round));
+            pause(600);
+        }
+        first->signal(SIGKILL);
+        const auto firstStatus = first->wait(30s);
+        ASSERT_TRUE(firstStatus.has_value());
+        ++outcomes[words[0] + (*firstStatus == -SIGKILL ? " killed" : " ended")];
+        EXPECT_TRUE(*firstStatus == -SIGKILL || *firstStatus >= 0) << first->err();
+        if (second) {
+            if (chance(50)) {
+                second->signal(SIGKILL);
+            }
+            const auto secondStatus = second->wait(60s);
+            ASSERT_TRUE(secondStatus.has_value()) << "a second process hung";
+            EXPECT_TRUE(*secondStatus == -SIGKILL || *secondStatus >= 0) << second->err();
+            ++outcomes[std::string("beside ") + (*secondStatus == -SIGKILL ? "killed" : "ended")];
+        }
+        expectSafe("after round " + std::to_string(round));
+        if (HasFailure()) {
+            break;
+        }
+    }
+
+    std::vector<std::string> finish = command({"download", "harbour"});
+    finish.erase(finish.begin());
+    const RunResult last = runTool(finish, {std::string("TERRANE_ACCESS_TOKEN=") + kToken});
+    EXPECT_EQ(last.status, 0) << last.out << last.err;
+    expectSafe("after the last download");
+    expectOnlyOwnedFiles();
+    std::string summary;
+    for (const auto& [what, count] : outcomes) {
+        summary += " " + what + ": " + std::to_string(count) + ";";
+    }
+    std::printf("%lu rounds with seed %lu:%s\n", rounds, seed, summary.c_str());
+}
+
+}  // namespace
+}  // namespace terrane::tool::test
