@@ -82,8 +82,10 @@ class OfflineServiceWorker {
     // ---- Pack lifecycle: answers from other threads ----------------------------------------
     // Posted at TaskPriority::Normal by the callbacks handed to the HTTP service and to
     // observers, each with the key the request was issued under. An answer whose key is outdated
-    // (the pack changed state since) is dropped without a word; one that arrives once the worker
-    // thread has begun to stop is dropped without touching the disk.
+    // (the pack changed state since) is dropped without a word. Answers still queued when the
+    // worker thread begins to stop are handled as usual, but no new HTTP exchange is started
+    // then: a download, re-authorisation or lease extension waits for the next start, and a
+    // verification too (the header record says the file still needs one).
 
     // A download's status report: progress keeps the key valid; a final state ends the download
     // (Errored, or the header record written and a verification queued).
@@ -173,8 +175,8 @@ class OfflineServiceWorker {
     // Empty when the operation stops there.
     optional<Context> beginPackOperation(OfflineDataDomain domain,
                                          OfflineDataRegionMetadata&& region);
-    // The prologue of an answer or follow-up carrying a key: dropped once the service is
-    // shutting down, then as above with loadContext(key) (an outdated key is dropped silently).
+    // The prologue of an answer or follow-up carrying a key: as above with loadContext(key) (an
+    // outdated key is dropped silently).
     optional<Context> beginAnswer(const PackKey& key);
     // Outdated says nothing; MetadataMissing logs "Failed to retrieve metadata for <domain> pack
     // of revision <revision> of offline region '<id>'".
@@ -219,6 +221,8 @@ class OfflineServiceWorker {
 
     // ---- Pack lifecycle ------------------------------------------------------------------------
     // worker_download.cpp, worker_verification.cpp, worker_lease.cpp, worker_deletion.cpp
+    // During shutdown: logs that the download is skipped and returns true.
+    bool refuseExchangeAtShutdown(const Context& context);
     void downloadPackInternal(Context& context);
     void finishPackDownload(Context& context, DownloadStatus&& status);
     // Whether the storage file system has room for the rest of the pack (its size less what a

@@ -28,6 +28,10 @@ void OfflineServiceWorker::listAvailableRegions(AvailableRegionsCallback callbac
         // Nobody would hear the answer, so no service is started and the endpoint not troubled.
         return;
     }
+    if (shuttingDown()) {
+        // The answer could only arrive after the worker has gone, and would be dropped then.
+        return;
+    }
     // Not a pack operation: listing neither marks the worker busy nor delays onIdle.
     requestAvailableRegions(acquireHttpService(), std::move(callback));
 }

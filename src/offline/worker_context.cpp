@@ -75,9 +75,6 @@ optional<Context> OfflineServiceWorker::beginPackOperation(OfflineDataDomain dom
 }
 
 optional<Context> OfflineServiceWorker::beginAnswer(const PackKey& key) {
-    if (shuttingDown()) {
-        return nullopt;
-    }
     auto context = loadContext(key);
     if (!context) {
         logContextError(context.error());

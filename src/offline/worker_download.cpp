@@ -54,8 +54,14 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
         case OfflineDataPackStatus::Incomplete:
         case OfflineDataPackStatus::Errored:
         case OfflineDataPackStatus::Deleted:
+            if (refuseExchangeAtShutdown(*context)) {
+                return;
+            }
             return downloadPackInternal(*context);
         case OfflineDataPackStatus::Expired:
+            if (refuseExchangeAtShutdown(*context)) {
+                return;
+            }
             // With a stored file and entity tag the server may simply renew the lease.
             if (!context->holder.path().empty() && !context->holder.headers.etag.empty()) {
                 return reauthPackInternal(*context);
@@ -65,6 +71,18 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
             return undeletePackInternal(*context);
     }
     std::abort();
+}
+
+bool OfflineServiceWorker::refuseExchangeAtShutdown(const Context& context) {
+    if (!shuttingDown()) {
+        return false;
+    }
+    // Its answer would arrive after the worker has gone; the pack stays as it is, for the next
+    // start to take up.
+    logMessage("Skipped download of %s pack of revision %u of offline region '%s': %s",
+               toString(context.domain).c_str(), context.region.metadata.revision,
+               context.region.metadata.id.c_str(), "The offline service is shutting down");
+    return true;
 }
 
 void OfflineServiceWorker::downloadPackInternal(Context& context) {

@@ -372,7 +372,7 @@ TEST_F(PackDownloadTest, APackWhoseLeaseRunsOutBeforeItsVerificationEndsBecomesE
     EXPECT_EQ(base::io::readFile(packFile()), content);
 }
 
-TEST_F(PackDownloadTest, AnswersReachingAWorkerThatShutsDownTouchNoFile) {
+TEST_F(PackDownloadTest, AFinalReportQueuedAtShutdownIsStoredAndVerifiedAtTheNextStart) {
     start();
     downloadPack();
     settle();
@@ -381,44 +381,57 @@ TEST_F(PackDownloadTest, AnswersReachingAWorkerThatShutsDownTouchNoFile) {
     http->waitUntilDelivered();
     worker->beginShutdown();
     worker->runPending();
-    EXPECT_THAT(newLines(), IsEmpty());
-    EXPECT_FALSE(fs::exists(headerFile()));
-    EXPECT_FALSE(fs::exists(packFile()));
-    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Pending);
+    // The header record is written; the verification is left for the next start.
+    EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0), "onIdle"));
+    EXPECT_TRUE(storedHeaders().complete);
+    EXPECT_FALSE(storedHeaders().verified);
+
+    worker.reset();
+    start();
+    EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized",
+                                        line("onAvailable", packFile(), content.size()), "onIdle"));
+    EXPECT_EQ(storedHeaders().etag, "\"e\"");
 }
 
-TEST_F(PackDownloadTest, OnTheWorkerThreadAnAnswerQueuedBehindTheShutdownIsDropped) {
-    auto thread = std::make_unique<WorkerThread<OfflineServiceWorker>>(
-        directory.path().string(), options, OfflineServiceObservers{recorder});
+TEST_F(PackDownloadTest, AtShutdownQueuedAnswersRunButNoNewExchangeStarts) {
+    storeAvailable(fromNow(-1h), "\"e\"");
+    start();
+    newLines();
+    worker->beginShutdown();
+    downloadPack();
+    (*worker)->listAvailableRegions([](auto) { ADD_FAILURE(); });
+    worker->runPending();
+    EXPECT_THAT(newLines(), ElementsAre(log("Skipped download of maps pack of revision 3 of "
+                                            "offline region 'region-a': The offline service is "
+                                            "shutting down"),
+                                        "onIdle"));
+    EXPECT_TRUE(http->requests().empty());
+    EXPECT_TRUE(http->downloads().empty());
+    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Expired);
+}
+
+TEST_F(PackDownloadTest, ADeletionAcknowledgedRightBeforeTheReleaseIsCarriedOut) {
+    storeAvailable(fromNow(24h), "\"e\"");
+    OfflineService::registerObserver(recorder);
+    struct Unregister {
+        std::shared_ptr<OfflineServiceObserver> observer;
+        ~Unregister() { OfflineService::unregisterObserver(observer); }
+    } unregister{recorder};
+    auto service = OfflineService::getInstance(directory.path().string(), options);
     ASSERT_TRUE(recorder->waitFor("onIdle"));
-    const auto proxy = thread->proxy();
-    EXPECT_FALSE(proxy.stopping());
-
-    // The worker is held inside the first progress report while the last answer is queued.
-    recorder->pauseIn("onDownloading");
-    thread->post(TaskPriority::Normal, &OfflineServiceWorker::downloadPack, maps, region());
-    auto transfer = http->nextDownload();
-    transfer.progress(1);
-    ASSERT_TRUE(recorder->waitFor(line("onDownloading", downloadFile(), 1)));
-    transfer.finish(content);
-    http->waitUntilDelivered();
-
-    std::thread stopper([&thread] { thread.reset(); });
-    const auto deadline = std::chrono::steady_clock::now() + test::RecordingObserver::deadlockGuard;
-    while (!proxy.stopping() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::yield();
+    service->deletePack(maps, region());
+    ASSERT_TRUE(recorder->waitFor(line("onDeleting", packFile(), content.size())));
+    for (const auto& acknowledge : recorder->takeAcknowledgements()) {
+        acknowledge();
     }
-    EXPECT_TRUE(proxy.stopping());
-    recorder->resume();
-    stopper.join();
-
-    EXPECT_THAT(recorder->lines(),
-                ElementsAre("onInitialized", "onIdle", line("onPending", downloadFile(), 0),
-                            line("onDownloading", downloadFile(), 1)));
-    EXPECT_FALSE(fs::exists(headerFile()));
+    service.reset();
+    EXPECT_EQ(recorder->count(deleted()), 1U);
     EXPECT_FALSE(fs::exists(packFile()));
-    // The queue went with the worker thread.
-    EXPECT_FALSE(proxy.stopping());
+    EXPECT_FALSE(fs::exists(headerFile()));
+
+    worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
+                                                  OfflineServiceObservers{});
+    EXPECT_TRUE((*worker)->getRegions().empty());
 }
 
 TEST_F(PackDownloadTest, ThroughTheServiceAPackIsDownloadedVerifiedAndDeletedEndToEnd) {

@@ -36,7 +36,11 @@ HttpRequest OfflineServiceWorker::conditionalRequest(const Context& context) con
 }
 
 void OfflineServiceWorker::extendPackDownloadLease(PackKey key) {
-    // Posted at start-up; a service already shutting down has no use for a new request.
+    // Posted at start-up; a service already shutting down starts no new exchange: the lease is
+    // renewed after the next start.
+    if (shuttingDown()) {
+        return;
+    }
     auto context = beginAnswer(key);
     if (!context) {
         return;
@@ -55,9 +59,6 @@ void OfflineServiceWorker::extendPackDownloadLease(PackKey key) {
 }
 
 void OfflineServiceWorker::finishExtendPackDownloadLease(PackKey key, HttpResponse response) {
-    if (shuttingDown()) {
-        return;
-    }
     auto context = loadContext(key);
     if (!context) {
         if (context.error().reason == ContextError::Reason::Outdated) {

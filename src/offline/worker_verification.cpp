@@ -31,8 +31,11 @@ fs::path packFileOf(const std::string& downloadFile) {
 }  // namespace
 
 void OfflineServiceWorker::verifyPackDownload(PackKey key) {
-    // Dropped during shutdown: the header record still says "not verified", so the next start
-    // checks the file again, and hashing a large pack now would only hold up the shutdown.
+    // Left for the next start during shutdown: the header record still says "not verified", so
+    // the file is checked then, and hashing a large pack now would only hold up the shutdown.
+    if (shuttingDown()) {
+        return;
+    }
     auto context = beginAnswer(key);
     if (!context) {
         return;
