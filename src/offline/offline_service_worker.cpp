@@ -7,16 +7,12 @@
 
 namespace terrane::common {
 
-namespace {
-
 std::string effectiveBaseURL(const optional<std::string>& baseURL) {
     if (!baseURL || baseURL->empty()) {
         return std::string(defaultCatalogueEndpoint);
     }
     return *baseURL;
 }
-
-}  // namespace
 
 OfflineServiceWorker::OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy_,
                                            const std::string& path,
@@ -31,7 +27,15 @@ OfflineServiceWorker::OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy_,
     // Queued before anything else can be, and at Idle priority, so that it runs only after the
     // start-up follow-ups and whatever the facade posts meanwhile.
     proxy.post(TaskPriority::Idle, &OfflineServiceWorker::sendIdleNotification);
-    initialize();
+    if (auto lock = StorageLock::acquire(root)) {
+        storageLock = std::move(*lock);
+        initialize();
+    } else {
+        // Another process owns every file of the tree: nothing is read back, so nothing is
+        // renewed, verified or reported either.
+        storageHolder = std::move(lock.error());
+        sendLogMessage(storageInUseMessage(*storageHolder));
+    }
     initialized = true;
     for (const auto& observer : observers) {
         observer->onInitialized();

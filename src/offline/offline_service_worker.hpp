@@ -10,6 +10,7 @@
 #include "offline/context.hpp"
 #include "offline/offline_data_pack_holder.hpp"
 #include "offline/offline_data_region_internal.hpp"
+#include "offline/storage_lock.hpp"
 #include "offline/worker_thread.hpp"
 #include "terrane/http/http_service_interface.hpp"
 #include "terrane/offline/offline_data.hpp"
@@ -25,6 +26,9 @@ using OfflineServiceObservers = std::set<std::shared_ptr<OfflineServiceObserver>
 // Every region revision the worker knows, ordered by region id, then revision.
 using OfflineDataRegions = std::map<RegionKey, OfflineDataRegionInternal>;
 
+// The options' base URL, or the default catalogue endpoint when it is absent or empty.
+std::string effectiveBaseURL(const optional<std::string>& baseURL);
+
 // The offline service's state and operations. It lives on the service's worker thread
 // (WorkerThread<OfflineServiceWorker>): it is constructed there, every member below runs there
 // as a posted task or from another member, and it is destroyed there. Nothing in it is locked.
@@ -38,9 +42,10 @@ using OfflineDataRegions = std::map<RegionKey, OfflineDataRegionInternal>;
 class OfflineServiceWorker {
   public:
     // Applies the default endpoint, settles the storage root below `path`, queues the first idle
-    // check, recovers the stored packs (telling observers about every visible one and queueing
-    // their follow-ups) and then tells every observer onInitialized(). Never throws for anything
-    // found on disk: problems become log messages to the observers.
+    // check, locks the root, recovers the stored packs (telling observers about every visible one
+    // and queueing their follow-ups) and then tells every observer onInitialized(). Never throws
+    // for anything found on disk: problems become log messages to the observers. A root locked by
+    // another process is left alone: the worker logs storageInUseMessage() and recovers nothing.
     OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy, const std::string& path,
                          const OfflineServiceOptions& options, OfflineServiceObservers observers);
 
@@ -172,7 +177,8 @@ class OfflineServiceWorker {
     ContextResult loadContext(const PackKey& key);
     // The prologue of a public pack operation: the region id must be usable as a directory
     // name, the context must load (the failure is logged), and then the worker is marked busy.
-    // Empty when the operation stops there.
+    // On a tree held by another process the pack becomes Errored (Filesystem,
+    // storageInUseMessage()). Empty when the operation stops there.
     optional<Context> beginPackOperation(OfflineDataDomain domain,
                                          OfflineDataRegionMetadata&& region);
     // The prologue of an answer or follow-up carrying a key: as above with loadContext(key) (an
@@ -270,6 +276,10 @@ class OfflineServiceWorker {
     std::uint32_t pendingCancellations = 0;
     // The constructor queues the first check.
     bool idleCheckPosted = true;
+    // The tree's lock, held for the worker's life; or, when another process holds it, who does:
+    // then every pack operation fails with storageInUseMessage() and no file is touched.
+    StorageLock storageLock;
+    optional<OfflineStorageHolder> storageHolder;
 };
 
 }  // namespace terrane::common

@@ -71,6 +71,10 @@ optional<Context> OfflineServiceWorker::beginPackOperation(OfflineDataDomain dom
         return nullopt;
     }
     markBusy();
+    if (storageHolder) {
+        failPack(*context, OfflineDataErrorCode::Filesystem, storageInUseMessage(*storageHolder));
+        return nullopt;
+    }
     return *context;
 }
 

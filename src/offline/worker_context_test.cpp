@@ -156,7 +156,7 @@ std::vector<std::string> listTree(const std::filesystem::path& top) {
 
 TEST_F(WorkerContextTest, PackOperationsRefuseRegionIdsThatAreNoDirectoryName) {
     const auto before = listTree(directory.path());
-    ASSERT_EQ(before.size(), 2u) << "the account directory and its configuration record";
+    ASSERT_EQ(before.size(), 3u) << "the account directory, its lock and configuration records";
     using namespace std::string_literals;
     for (const std::string& id : {""s, "."s, ".."s, "a/b"s, "../../etc"s, "a\0b"s}) {
         auto region = regionWithMaps();

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "offline/offline_storage.hpp"
+#include "offline/region_catalogue.hpp"
 #include "util/file_io.hpp"
 
 namespace terrane::common::test {
@@ -25,6 +27,34 @@ TemporaryDirectory::TemporaryDirectory() {
 TemporaryDirectory::~TemporaryDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+std::map<std::string, std::string> treeContents(const std::filesystem::path& directory) {
+    std::map<std::string, std::string> contents;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        if (entry.is_regular_file()) {
+            contents[std::filesystem::relative(entry.path(), directory).string()] =
+                base::io::readFile(entry.path()).value_or("<unreadable>");
+        }
+    }
+    return contents;
+}
+
+std::vector<std::string> filesContaining(const std::filesystem::path& directory,
+                                         std::string_view needle) {
+    std::vector<std::string> found;
+    if (needle.empty() || !std::filesystem::exists(directory)) {
+        return found;
+    }
+    for (const auto& [path, content] : treeContents(directory)) {
+        // The redaction helper masks every form the secret may take in a URL; any mask in its
+        // output means the secret was there.
+        const std::string text = path + "\n" + content;
+        if (redactSecret(text, needle) != text) {
+            found.push_back(path);
+        }
+    }
+    return found;
 }
 
 StorageTree::StorageTree(const std::filesystem::path& servicePath, std::string_view baseURL,
