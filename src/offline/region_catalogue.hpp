@@ -34,7 +34,9 @@ std::string catalogueAddress(std::string_view username);
 // Expands a "terrane://offline-data/<rest>" address onto the endpoint: the base URL's path gets
 // "offline-data/v1/<rest>" appended (after a "/" when the path is not empty and does not already
 // end in one), and the query gets "access_token=<accessToken>" appended (after a "&" when it is
-// not empty). The token is inserted as it is, without percent-encoding. The query and fragment
+// not empty). In the token only what would change the query is percent-encoded (blank, "%",
+// "&", "#", "+" and control characters), so a token of unreserved characters is inserted byte
+// for byte. The query and fragment
 // of `url` itself are not carried over. Any other address (an ordinary http or https one, or a
 // "terrane://" one for another host) is returned unchanged. The scheme is compared after the
 // URL splitter has lower-cased it, the host exactly.
@@ -55,11 +57,11 @@ AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data);
 std::string getResponseMessage(const HttpBody& body);
 
 // `text` with every occurrence of `secret` replaced by a mask, and so also its percent-encoded
-// forms (upper- and lower-case hexadecimal), in case a client or server wrote the URL back in
-// encoded form. An empty secret changes nothing. The mask is a run of "*", or of another
-// character when the secret itself holds "*": the result never contains the secret. (A secret
-// made of nearly every printable character leaves no mask character free; a text that contains
-// it is then withheld whole.)
+// forms (every reserved byte encoded, or only those expandOfflineDataURL encodes; upper- and
+// lower-case hexadecimal), in case a client or server wrote the URL back in encoded form. An empty
+// secret changes nothing. The mask is a run of "*", or of another character when the secret itself
+// holds "*": the result never contains the secret. (A secret made of nearly every printable
+// character leaves no mask character free; a text that contains it is then withheld whole.)
 std::string redactSecret(std::string_view text, std::string_view secret);
 
 }  // namespace terrane::common

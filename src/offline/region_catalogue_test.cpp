@@ -223,11 +223,30 @@ TEST(OfflineDataAddress, AddsTheTokenToAnExistingQuery) {
         "https://example.test/offline-data/v1/x?k=1&access_token=tk#top");
 }
 
-TEST(OfflineDataAddress, InsertsTheTokenAsItIs) {
-    EXPECT_EQ(expandOfflineDataURL("terrane://offline-data/x", "https://example.test", "a b+c/d"),
-              "https://example.test/offline-data/v1/x?access_token=a b+c/d");
-    EXPECT_EQ(expandOfflineDataURL("terrane://offline-data/x", "https://example.test", ""),
-              "https://example.test/offline-data/v1/x?access_token=");
+TEST(OfflineDataAddress, EncodesInTheTokenOnlyWhatWouldChangeTheQuery) {
+    const struct {
+        std::string token;
+        std::string query;
+    } rows[] = {
+        {"Az09-._~", "Az09-._~"},
+        {"a/b:c@d=e?f!$'()*,;", "a/b:c@d=e?f!$'()*,;"},
+        {"ab+cd", "ab%2Bcd"},
+        {"ab&x=1", "ab%26x=1"},
+        {"ab#f", "ab%23f"},
+        {"a b%20", "a%20b%2520"},
+        {"t\r\n\x1F\x7F", "t%0D%0A%1F%7F"},
+        {"", ""},
+    };
+    for (const auto& row : rows) {
+        const std::string url =
+            expandOfflineDataURL("terrane://offline-data/x", "https://example.test", row.token);
+        EXPECT_EQ(url, "https://example.test/offline-data/v1/x?access_token=" + row.query)
+            << row.token;
+        // Whatever form the token took, a message quoting the address never shows it.
+        if (!row.token.empty()) {
+            EXPECT_EQ(redactSecret(url, row.token).find(row.query), std::string::npos) << url;
+        }
+    }
 }
 
 TEST(OfflineDataAddress, TakesOnlyThePathOfTheAddress) {
