@@ -231,6 +231,12 @@ class OfflineServiceWorker {
     bool refuseExchangeAtShutdown(const Context& context);
     void downloadPackInternal(Context& context);
     void finishPackDownload(Context& context, DownloadStatus&& status);
+    // A download that reported more bytes than the pack has: cancelled, its files removed, and
+    // the pack Errored with Corrupt.
+    void abandonOversizedDownload(Context& context);
+    // Removes the download file and what the HTTP service keeps beside it for resuming; a file
+    // that cannot be removed is left (a later deletion tries again).
+    void removeDownloadFiles(const Context& context);
     // Whether the storage file system has room for the rest of the pack (its size less what a
     // resumable partial file already holds); if not, the pack is Errored with Filesystem "Not
     // enough disk space: ...". A file system that cannot be asked is given the benefit of the

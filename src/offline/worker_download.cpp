@@ -44,6 +44,13 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
     if (!context) {
         return;
     }
+    if (context->region.metadata.revision == 0) {
+        // Revision directories are numbered from 1: a pack stored under 0 would never be found
+        // again at the next start.
+        return failPack(*context, OfflineDataErrorCode::InvalidResponse,
+                        "Revision 0 of offline region '" + context->region.metadata.id +
+                            "' cannot be stored: revisions are numbered from 1");
+    }
     switch (context->holder.status()) {
         case OfflineDataPackStatus::Pending:
         case OfflineDataPackStatus::Downloading:
@@ -62,8 +69,10 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
             if (refuseExchangeAtShutdown(*context)) {
                 return;
             }
-            // With a stored file and entity tag the server may simply renew the lease.
-            if (!context->holder.path().empty() && !context->holder.headers.etag.empty()) {
+            // With a stored file and entity tag the server may simply renew the lease. A file
+            // that is gone (a re-authorisation found the pack changed) can only be fetched anew.
+            if (!context->holder.path().empty() && !context->holder.headers.etag.empty() &&
+                fs::exists(context->holder.path())) {
                 return reauthPackInternal(*context);
             }
             return downloadPackInternal(*context);
@@ -131,6 +140,8 @@ void OfflineServiceWorker::downloadPackInternal(Context& context) {
     request.method = HttpMethod::Get;
     request.url = formatURL(context.pack.url);
     DownloadOptions options(std::move(request), paths.downloadFile.string(), resume);
+    // A server that sends more than the catalogue promised is stopped there, not stored.
+    options.maxBytes = context.pack.bytes;
     holder.downloadId =
         http->download(std::move(options), [proxy = proxy, key](DownloadStatus&& status) {
             proxy.post(TaskPriority::Normal, &OfflineServiceWorker::updatePackDownloadProgress, key,
@@ -174,12 +185,41 @@ void OfflineServiceWorker::updatePackDownloadProgress(PackKey key, DownloadStatu
         case DownloadState::Pending:
             return;
         case DownloadState::Downloading:
+            if (status.receivedBytes > context->pack.bytes) {
+                // An HTTP service that does not enforce the cap: stop the transfer here.
+                return abandonOversizedDownload(*context);
+            }
             // Not a setter: the key this download's callback carries must stay valid.
             context->holder.updateProgress(status.receivedBytes);
             return notifyContext(*context);
         case DownloadState::Failed:
         case DownloadState::Finished:
             return finishPackDownload(*context, std::move(status));
+    }
+}
+
+void OfflineServiceWorker::abandonOversizedDownload(Context& context) {
+    OfflineDataPackHolder& holder = context.holder;
+    --activeDownloads;
+    ++pendingCancellations;
+    const auto confirmed = [proxy = proxy](bool) {
+        proxy.post(TaskPriority::Normal, &OfflineServiceWorker::finishCancelPackDownloadInternal);
+    };
+    if (HttpServiceInterface* const http = acquireHttpService()) {
+        http->cancelRequest(holder.downloadId, confirmed);
+    } else {
+        confirmed(false);
+    }
+    holder.downloadId = 0;
+    removeDownloadFiles(context);
+    failPack(context, OfflineDataErrorCode::Corrupt, std::string(unexpectedSizeMessage));
+}
+
+void OfflineServiceWorker::removeDownloadFiles(const Context& context) {
+    const PackPaths paths = packPaths(root, context);
+    std::error_code ignored;
+    for (const fs::path* file : {&paths.downloadFile, &paths.partialFile, &paths.resumeDataFile}) {
+        fs::remove(*file, ignored);
     }
 }
 
@@ -201,8 +241,9 @@ void OfflineServiceWorker::finishPackDownload(Context& context, DownloadStatus&&
                 return failPack(context, OfflineDataErrorCode::Filesystem,
                                 redactAccessToken(status.error->message));
             case DownloadErrorCode::SizeExceeded:
+                removeDownloadFiles(context);
                 return failPack(context, OfflineDataErrorCode::Corrupt,
-                                "File doesn't have expected size");
+                                std::string(unexpectedSizeMessage));
         }
         std::abort();
     }

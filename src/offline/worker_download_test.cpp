@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -54,6 +55,7 @@ TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailable
     EXPECT_EQ(transfer.request().uaComponents, UAComponents{});
     EXPECT_EQ(transfer.localPath(), downloadFile().string());
     EXPECT_TRUE(transfer.resume());
+    EXPECT_EQ(transfer.options().maxBytes, content.size());
     EXPECT_EQ(base::io::readFile(tree.revisionDirectory("region-a", "3") / "metadata.json"),
               serializeMetadata(region()));
 
@@ -370,6 +372,51 @@ TEST_F(PackDownloadTest, APackWhoseLeaseRunsOutBeforeItsVerificationEndsBecomesE
     EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0),
                                         line("onExpired", packFile(), content.size()), "onIdle"));
     EXPECT_EQ(base::io::readFile(packFile()), content);
+}
+
+TEST_F(PackDownloadTest, MoreBytesThanThePackHasEndTheDownloadAsCorruptAndLeaveNoFile) {
+    const std::function<void(const test::FakeDownload&)> overflows[] = {
+        [this](const test::FakeDownload& transfer) { transfer.progress(content.size() + 1); },
+        [](const test::FakeDownload& transfer) {
+            transfer.fail(DownloadErrorCode::SizeExceeded, "The body grew beyond 38 bytes");
+        },
+    };
+    start();
+    for (const auto& overflow : overflows) {
+        downloadPack();
+        settle();
+        auto transfer = http->nextDownload();
+        newLines();
+        for (const auto& file : {downloadFile(), partialFile(), resumeFile()}) {
+            tree.writeFile(fs::relative(file, tree.root()), content + "and more");
+        }
+        overflow(transfer);
+        settle();
+        EXPECT_THAT(
+            newLines(),
+            ElementsAre(errored("Corrupt, message=File doesn't have expected size"), "onIdle"));
+        for (const auto& file : {downloadFile(), partialFile(), resumeFile()}) {
+            EXPECT_FALSE(fs::exists(file)) << file;
+        }
+    }
+    // The transfer that did not stop by itself was cancelled.
+    EXPECT_THAT(http->cancellations(), SizeIs(1u));
+}
+
+TEST_F(PackDownloadTest, ARevisionZeroIsRefusedBeforeAnythingIsStored) {
+    start();
+    newLines();
+    auto described = region();
+    described.revision = 0;
+    (*worker)->downloadPack(maps, std::move(described));
+    settle();
+    EXPECT_THAT(newLines(),
+                ElementsAre("onErrored maps region-a/0 path= bytes=0 error=InvalidResponse, "
+                            "message=Revision 0 of offline region 'region-a' cannot be stored: "
+                            "revisions are numbered from 1",
+                            "onIdle"));
+    EXPECT_THAT(http->downloads(), IsEmpty());
+    EXPECT_FALSE(fs::exists(tree.root() / "region-a"));
 }
 
 TEST_F(PackDownloadTest, AFinalReportQueuedAtShutdownIsStoredAndVerifiedAtTheNextStart) {

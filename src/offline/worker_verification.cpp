@@ -11,6 +11,7 @@
 
 #include "offline/offline_service_worker.hpp"
 #include "offline/offline_storage.hpp"
+#include "offline/pack_paths.hpp"
 #include "terrane/util/md5.hpp"
 #include "util/file_io.hpp"
 
@@ -49,8 +50,16 @@ void OfflineServiceWorker::verifyPackDownload(PackKey key) {
         return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
     }
     if (size != context->pack.bytes) {
+        if (size > context->pack.bytes) {
+            // Never worth keeping, nor resuming: the file and its record go, so the next start
+            // does not take it up again.
+            removeDownloadFiles(*context);
+            std::error_code ignored;
+            fs::remove(headerFilePath(downloadFile), ignored);
+        }
         // Not worth hashing: it cannot match.
-        return failPack(*context, OfflineDataErrorCode::Corrupt, "File doesn't have expected size");
+        return failPack(*context, OfflineDataErrorCode::Corrupt,
+                        std::string(unexpectedSizeMessage));
     }
     holder.setVerifiedBytes(size);
     holder.headers.bytes = size;
