@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "offline/offline_storage.hpp"
+#include "offline/region_catalogue.hpp"
 #include "terrane/http/http_service_factory.hpp"
 
 namespace terrane::common {
@@ -47,7 +48,7 @@ bool OfflineServiceWorker::acceptRegionId(const std::string& id) {
         return true;
     }
     // Built by hand rather than through "%s" so that an id with a NUL byte is shown whole.
-    sendLogMessage("Invalid region id '" + id + "'");
+    sendLogMessage("Invalid region id '" + escapeControlCharacters(id) + "'");
     return false;
 }
 

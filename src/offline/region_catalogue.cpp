@@ -144,7 +144,8 @@ std::string expandOfflineDataURL(const std::string& url, const std::string& base
     return expanded.str();
 }
 
-AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data) {
+AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data,
+                                                 std::vector<std::string>* unsafeIds) {
     switch (data.code) {
         case 200:
         case 204:
@@ -175,6 +176,13 @@ AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data) {
     std::vector<OfflineDataRegionMetadata> regions;
     regions.reserve(document.MemberCount());
     for (const auto& member : document.GetObject()) {
+        if (const std::string id(member.name.GetString(), member.name.GetStringLength());
+            !isValidRegionId(id)) {
+            if (unsafeIds != nullptr) {
+                unsafeIds->push_back(id);
+            }
+            continue;
+        }
         auto region = parseRegionMetadata(member.name, member.value);
         if (!region) {
             return unexpected(std::move(region.error()));
@@ -182,6 +190,25 @@ AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data) {
         regions.push_back(std::move(*region));
     }
     return regions;
+}
+
+std::string escapeControlCharacters(std::string_view text) {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\') {
+            escaped += "\\\\";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            escaped += "\\x";
+            escaped += digits[byte >> 4];
+            escaped += digits[byte & 0x0F];
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped;
 }
 
 std::string getResponseMessage(const HttpBody& body) {

@@ -47,10 +47,17 @@ std::string expandOfflineDataURL(const std::string& url, const std::string& base
 // document); 401 and 403 give Unauthorized and 404 NotFound, each with getResponseMessage(body);
 // any other status gives InvalidResponse "Got unexpected HTTP status code <code>" without looking
 // at the body. The body must be a JSON object mapping region ids to revision objects, read in
-// document order with parseRegionMetadata; the first bad region fails the whole list. JSON
+// document order with parseRegionMetadata; the first bad region fails the whole list, except
+// that a region whose id is no safe directory name (see isValidRegionId) is left out and its id
+// added to `unsafeIds` (when given), so that one hostile entry does not hide the others. JSON
 // faults give "Parse error: <the parser's English message>", a root of another type "Parse error:
 // root of document must be an object"; all of these are InvalidResponse.
-AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data);
+AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data,
+                                                 std::vector<std::string>* unsafeIds = nullptr);
+
+// The text with every control character written as "\xNN" (and "\" as "\\"), so that text
+// from a server cannot act on a terminal or forge lines of a log.
+std::string escapeControlCharacters(std::string_view text);
 
 // The server's explanation of an error status: after an optional UTF-8 byte-order mark, a JSON
 // object's "message" member when it is a string; otherwise the whole body, bytes as they are.
