@@ -227,6 +227,10 @@ class OfflineServiceWorker {
 
     // ---- Pack lifecycle ------------------------------------------------------------------------
     // worker_download.cpp, worker_verification.cpp, worker_lease.cpp, worker_deletion.cpp
+    // When the catalogue now describes the pack's file differently (address, size or checksum)
+    // and the pack is not Available nor under way: takes the new description, removes what was
+    // fetched by the old one and returns true (a full download follows). Otherwise false.
+    bool adoptRepublishedPack(Context& context, const OfflineDataPackMetadata& asked);
     // During shutdown: logs that the download is skipped and returns true.
     bool refuseExchangeAtShutdown(const Context& context);
     void downloadPackInternal(Context& context);

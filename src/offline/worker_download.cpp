@@ -40,6 +40,8 @@ void OfflineServiceWorker::failPack(Context& context, OfflineDataErrorCode code,
 
 void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
                                         OfflineDataRegionMetadata&& region) {
+    const optional<OfflineDataPackMetadata> asked =
+        domain == OfflineDataDomain::Maps ? region.mapPack : region.navigationPack;
     auto context = beginPackOperation(domain, std::move(region));
     if (!context) {
         return;
@@ -50,6 +52,9 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
         return failPack(*context, OfflineDataErrorCode::InvalidResponse,
                         "Revision 0 of offline region '" + context->region.metadata.id +
                             "' cannot be stored: revisions are numbered from 1");
+    }
+    if (asked && adoptRepublishedPack(*context, *asked)) {
+        return downloadPackInternal(*context);
     }
     switch (context->holder.status()) {
         case OfflineDataPackStatus::Pending:
@@ -80,6 +85,43 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
             return undeletePackInternal(*context);
     }
     std::abort();
+}
+
+namespace {
+
+// What identifies a pack's file: another address, size or checksum is another file.
+bool isSameFile(const OfflineDataPackMetadata& a, const OfflineDataPackMetadata& b) {
+    return a.url == b.url && a.bytes == b.bytes && a.md5_checksum == b.md5_checksum;
+}
+
+}  // namespace
+
+bool OfflineServiceWorker::adoptRepublishedPack(Context& context,
+                                                const OfflineDataPackMetadata& asked) {
+    switch (context.holder.status()) {
+        case OfflineDataPackStatus::Incomplete:
+        case OfflineDataPackStatus::Errored:
+        case OfflineDataPackStatus::Deleted:
+        case OfflineDataPackStatus::Expired:
+            break;
+        default:
+            // In use or under way: the stored description is the one its file was fetched by.
+            return false;
+    }
+    if (asked.format != context.pack.format || isSameFile(asked, context.pack) ||
+        refuseExchangeAtShutdown(context)) {
+        return false;
+    }
+    // The revision was republished: whatever was fetched by the old description is of no use,
+    // and checking a new file against the old checksum could never succeed.
+    context.pack = asked;
+    removeDownloadFiles(context);
+    // An Expired pack's file, too: its record must never vouch for it under the new checksum.
+    const PackPaths paths = packPaths(root, context);
+    std::error_code ignored;
+    fs::remove(paths.headerFile, ignored);
+    fs::remove(paths.packFile, ignored);
+    return true;
 }
 
 bool OfflineServiceWorker::refuseExchangeAtShutdown(const Context& context) {

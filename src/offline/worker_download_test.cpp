@@ -403,6 +403,39 @@ TEST_F(PackDownloadTest, MoreBytesThanThePackHasEndTheDownloadAsCorruptAndLeaveN
     EXPECT_THAT(http->cancellations(), SizeIs(1u));
 }
 
+TEST_F(PackDownloadTest, ARepublishedRevisionIsFetchedAndCheckedByItsNewDescription) {
+    start();
+    downloadPack();
+    settle();
+    http->nextDownload().finish(content + " of old");
+    settle();
+    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Errored);
+
+    const std::string republished = "the bytes of the republished pack";
+    auto described = region();
+    described.mapPack->url = "terrane://offline-data/maps-v2.bin";
+    described.mapPack->bytes = republished.size();
+    described.mapPack->md5_checksum = util::md5String(republished);
+    (*worker)->downloadPack(maps, OfflineDataRegionMetadata(described));
+    settle();
+    auto transfer = http->nextDownload();
+    EXPECT_EQ(transfer.url(), baseURL + "/offline-data/v1/maps-v2.bin?access_token=tk");
+    EXPECT_FALSE(transfer.resume());
+    EXPECT_EQ(base::io::readFile(tree.revisionDirectory("region-a", "3") / "metadata.json"),
+              serializeMetadata(described));
+    transfer.finish(republished);
+    settle();
+    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
+
+    // An Available pack keeps the description its file was checked by.
+    newLines();
+    downloadPack();
+    settle();
+    EXPECT_THAT(newLines(), ElementsAre("onIdle"));
+    EXPECT_THAT(http->downloads(), SizeIs(2u));
+    EXPECT_EQ((*worker)->getRegions().at({"region-a", 3}).metadata.mapPack, described.mapPack);
+}
+
 TEST_F(PackDownloadTest, ARevisionZeroIsRefusedBeforeAnythingIsStored) {
     start();
     newLines();
