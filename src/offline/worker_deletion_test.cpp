@@ -129,6 +129,22 @@ TEST_F(CancellationAndDeletionTest, CancellingAPackThatIsNotDownloadingOnlySaysS
     EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
 }
 
+TEST_F(CancellationAndDeletionTest, AnInterruptedDownloadComesBackIncompleteAndCanBeDeleted) {
+    start();
+    downloadInFlight();
+    tree.writeFile(fs::relative(partialFile(), tree.root()), "0123456789");
+    tree.writeFile(fs::relative(resumeFile(), tree.root()), "resume record");
+    worker.reset();
+
+    start();
+    EXPECT_THAT(newLines(),
+                ElementsAre(line("onIncomplete", downloadFile(), 10), "onInitialized", "onIdle"));
+    deletePack();
+    settle();
+    EXPECT_THAT(newLines(), ElementsAre(deleted(), "onIdle"));
+    EXPECT_THAT(packFilesLeft(), IsEmpty());
+}
+
 // ---- Deletion of a pack whose download is in flight ----------------------------------------
 
 TEST_F(CancellationAndDeletionTest, ADownloadingPackIsDeletedAtOnceAndItsFilesGoOnceCancelled) {
@@ -262,6 +278,7 @@ TEST_F(CancellationAndDeletionTest, AHeaderRecordThatCannotBeRemovedIsOnlyLogged
     cancelPackDownload();
     settle();
     writePackFiles();
+    fs::remove(headerFile());
     const fs::path locked = headerFile() / "locked";
     tree.writeFile(fs::relative(locked / "inside", tree.root()), "x");
     newLines();

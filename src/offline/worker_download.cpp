@@ -177,6 +177,16 @@ void OfflineServiceWorker::downloadPackInternal(Context& context) {
         return failPack(context, OfflineDataErrorCode::Filesystem,
                         "Could not create download directory");
     }
+    // A record of a download under way, so that an interrupted one is found again at the next
+    // start (as Incomplete, resumable and deletable) instead of lying there unknown.
+    OfflineDataPackHeaders started;
+    started.bytes = 0;
+    if (auto written =
+            base::io::writeFileAtomically(paths.headerFile, serializePackHeaders(started));
+        !written) {
+        --activeDownloads;
+        return failPack(context, OfflineDataErrorCode::Filesystem, std::move(written.error()));
+    }
 
     HttpRequest request;
     request.method = HttpMethod::Get;

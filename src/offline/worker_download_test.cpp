@@ -240,6 +240,7 @@ TEST_F(PackDownloadTest, AHeaderRecordThatCannotBeWrittenStopsThePackBeforeVerif
     downloadPack();
     settle();
     // A header record that cannot be written stops the pack before verification.
+    fs::remove(headerFile());
     fs::create_directories(headerFile() / "occupied");
     http->nextDownload().finish(content, 200, {{"etag", "\"e\""}});
     settle();

@@ -21,12 +21,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The download file's name without its ".tmp": where the verified pack lives.
+// The download file's name without its ".tmp": where the verified pack lives. A path without
+// it is the pack file itself.
 fs::path packFileOf(const std::string& downloadFile) {
     if (downloadFile.ends_with(downloadFileSuffix)) {
         return downloadFile.substr(0, downloadFile.size() - downloadFileSuffix.size());
     }
-    return fs::path(downloadFile).replace_extension();
+    return downloadFile;
 }
 
 }  // namespace
@@ -74,10 +75,13 @@ void OfflineServiceWorker::verifyPackDownload(PackKey key) {
         return failPack(*context, OfflineDataErrorCode::Corrupt, "Failed to verify checksum");
     }
 
+    // A pack file found at start-up without a record vouching for it is checked where it is.
     const fs::path packFile = packFileOf(downloadFile);
-    fs::rename(downloadFile, packFile, error);
-    if (error) {
-        return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+    if (packFile != fs::path(downloadFile)) {
+        fs::rename(downloadFile, packFile, error);
+        if (error) {
+            return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+        }
     }
     holder.headers.verified = true;
     if (auto written = base::io::writeFileAtomically(headerFilePath(packFile),

@@ -16,6 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 namespace fs = std::filesystem;
 
 // Verifications started by the worker's start-up for a pack that an earlier run downloaded but
@@ -45,6 +46,46 @@ TEST_F(PackVerificationTest, AMatchingFileIsMovedToItsNameAndRecordedAsVerified)
     EXPECT_TRUE(stored.complete);
     EXPECT_TRUE(stored.verified);
     EXPECT_EQ(stored.bytes, content.size());
+}
+
+TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenItsSizeFits) {
+    const std::string sameSizeOtherBytes(content.size(), 'x');
+    const std::string ignored =
+        log("Ignoring revision 3 of offline region 'region-a': No downloaded files");
+    const struct {
+        bool record;
+        std::string onDisk;
+        Lines expected;
+    } rows[] = {
+        {false,
+         content,
+         {line("onVerifying", packFile(), content.size()), "onInitialized",
+          line("onAvailable", packFile(), content.size()), "onIdle"}},
+        {true,
+         content,
+         {line("onVerifying", packFile(), 0), "onInitialized",
+          line("onAvailable", packFile(), content.size()), "onIdle"}},
+        {true,
+         sameSizeOtherBytes,
+         {line("onVerifying", packFile(), 0), "onInitialized",
+          line("onErrored", packFile(), content.size(),
+               "Corrupt, message=Failed to verify checksum"),
+          "onIdle"}},
+        {false, content + "!", {ignored, "onInitialized", "onIdle"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.onDisk + (row.record ? " with record" : " without record"));
+        fs::remove_all(tree.root());
+        tree.writeMetadata("3", region());
+        if (row.record) {
+            tree.writeHeaders("region-a", "3", maps, test::unverifiedHeaders(0));
+        }
+        tree.writeFile(fs::relative(packFile(), tree.root()), row.onDisk);
+        start();
+        EXPECT_THAT(newLines(), ElementsAreArray(row.expected));
+        EXPECT_EQ(base::io::readFile(packFile()), row.onDisk);
+        worker.reset();
+    }
 }
 
 TEST_F(PackVerificationTest, AShortFileStaysForResumingAndALongOneGoesWithItsRecord) {
