@@ -65,8 +65,8 @@ class StorageTree {
 std::map<std::string, std::string> treeContents(const std::filesystem::path& directory);
 
 // The files below `directory` (relative paths, sorted) whose name or content holds `needle`,
-// also in its percent-encoded forms. For proving that no secret reached the disk; an empty
-// needle finds nothing.
+// also in its percent-encoded forms (those redactSecret masks). For proving that no secret
+// reached the disk; an empty needle finds nothing. Holes of sparse files are skipped.
 std::vector<std::string> filesContaining(const std::filesystem::path& directory,
                                          std::string_view needle);
 
