@@ -179,10 +179,8 @@ void OfflineServiceWorker::downloadPackInternal(Context& context) {
     }
     // A record of a download under way, so that an interrupted one is found again at the next
     // start (as Incomplete, resumable and deletable) instead of lying there unknown.
-    OfflineDataPackHeaders started;
-    started.bytes = 0;
-    if (auto written =
-            base::io::writeFileAtomically(paths.headerFile, serializePackHeaders(started));
+    if (auto written = base::io::writeFileAtomically(
+            paths.headerFile, serializePackHeaders(OfflineDataPackHeaders{}));
         !written) {
         --activeDownloads;
         return failPack(context, OfflineDataErrorCode::Filesystem, std::move(written.error()));
