@@ -27,6 +27,7 @@
 #include "terrane/offline/offline_data.hpp"
 #include "terrane/offline/offline_service.hpp"
 #include "terrane/offline/offline_service_observer.hpp"
+#include "terrane/offline/offline_storage_holder.hpp"
 #include "terrane/util/md5.hpp"
 #include "terrane/util/recursive_wrapper.hpp"
 #include "terrane/util/rfc3339.hpp"

@@ -91,4 +91,11 @@ OfflineDataError extractHTTPError(const HttpResponseData& response) {
     return {code, std::move(text)};
 }
 
+bool weakEntityTagsMatch(std::string_view a, std::string_view b) {
+    const auto opaque = [](std::string_view tag) {
+        return tag.starts_with("W/") ? tag.substr(2) : tag;
+    };
+    return !a.empty() && !b.empty() && opaque(a) == opaque(b);
+}
+
 }  // namespace terrane::common

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "offline/offline_data_pack_headers.hpp"
 #include "terrane/http/http_response.hpp"
 #include "terrane/offline/offline_data.hpp"
@@ -20,6 +22,10 @@ namespace terrane::common {
 OfflineDataPackHeaders extractHeaders(const HttpResponseData& response, util::TimePoint now);
 // The same from the current system-clock time.
 OfflineDataPackHeaders extractHeaders(const HttpResponseData& response);
+
+// Whether two entity tags name the same entity by the weak comparison of HTTP (RFC 9110): equal
+// once a leading "W/" is dropped from each. An empty tag (none sent) matches nothing.
+bool weakEntityTagsMatch(std::string_view a, std::string_view b);
 
 // The error an HTTP status stands for, with the server's explanation from the body (see
 // getResponseMessage): 401 and 403 Unauthorized, 404 NotFound, 429 RateLimited, each with the

@@ -4,6 +4,8 @@
 
 #include "offline/offline_service_impl.hpp"
 #include "offline/offline_service_worker.hpp"
+#include "offline/offline_storage.hpp"
+#include "offline/storage_lock.hpp"
 
 namespace terrane::common {
 
@@ -34,6 +36,12 @@ std::shared_ptr<OfflineService> OfflineService::getInstance(const std::string& p
     slot = service;
     OfflineServiceImpl::instanceWorker_() = service->impl->workerProxy();
     return service;
+}
+
+optional<OfflineStorageHolder> OfflineService::findStorageHolder(
+    const std::string& path, const OfflineServiceOptions& options) {
+    return StorageLock::findHolder(
+        storageRoot(path, effectiveBaseURL(options.baseURL), options.username));
 }
 
 void OfflineService::registerObserver(const std::shared_ptr<OfflineServiceObserver>& observer) {

@@ -3,11 +3,10 @@
 #include <utility>
 
 #include "offline/offline_storage.hpp"
+#include "offline/region_catalogue.hpp"
 #include "terrane/http/http_service_factory.hpp"
 
 namespace terrane::common {
-
-namespace {
 
 std::string effectiveBaseURL(const optional<std::string>& baseURL) {
     if (!baseURL || baseURL->empty()) {
@@ -15,8 +14,6 @@ std::string effectiveBaseURL(const optional<std::string>& baseURL) {
     }
     return *baseURL;
 }
-
-}  // namespace
 
 OfflineServiceWorker::OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy_,
                                            const std::string& path,
@@ -31,7 +28,15 @@ OfflineServiceWorker::OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy_,
     // Queued before anything else can be, and at Idle priority, so that it runs only after the
     // start-up follow-ups and whatever the facade posts meanwhile.
     proxy.post(TaskPriority::Idle, &OfflineServiceWorker::sendIdleNotification);
-    initialize();
+    if (auto lock = StorageLock::acquire(root)) {
+        storageLock = std::move(*lock);
+        initialize();
+    } else {
+        // Another process owns every file of the tree: nothing is read back, so nothing is
+        // renewed, verified or reported either.
+        storageHolder = std::move(lock.error());
+        sendLogMessage(storageInUseMessage(*storageHolder));
+    }
     initialized = true;
     for (const auto& observer : observers) {
         observer->onInitialized();
@@ -43,7 +48,7 @@ bool OfflineServiceWorker::acceptRegionId(const std::string& id) {
         return true;
     }
     // Built by hand rather than through "%s" so that an id with a NUL byte is shown whole.
-    sendLogMessage("Invalid region id '" + id + "'");
+    sendLogMessage("Invalid region id '" + escapeControlCharacters(id) + "'");
     return false;
 }
 

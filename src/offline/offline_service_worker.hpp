@@ -10,6 +10,7 @@
 #include "offline/context.hpp"
 #include "offline/offline_data_pack_holder.hpp"
 #include "offline/offline_data_region_internal.hpp"
+#include "offline/storage_lock.hpp"
 #include "offline/worker_thread.hpp"
 #include "terrane/http/http_service_interface.hpp"
 #include "terrane/offline/offline_data.hpp"
@@ -25,6 +26,9 @@ using OfflineServiceObservers = std::set<std::shared_ptr<OfflineServiceObserver>
 // Every region revision the worker knows, ordered by region id, then revision.
 using OfflineDataRegions = std::map<RegionKey, OfflineDataRegionInternal>;
 
+// The options' base URL, or the default catalogue endpoint when it is absent or empty.
+std::string effectiveBaseURL(const optional<std::string>& baseURL);
+
 // The offline service's state and operations. It lives on the service's worker thread
 // (WorkerThread<OfflineServiceWorker>): it is constructed there, every member below runs there
 // as a posted task or from another member, and it is destroyed there. Nothing in it is locked.
@@ -38,9 +42,10 @@ using OfflineDataRegions = std::map<RegionKey, OfflineDataRegionInternal>;
 class OfflineServiceWorker {
   public:
     // Applies the default endpoint, settles the storage root below `path`, queues the first idle
-    // check, recovers the stored packs (telling observers about every visible one and queueing
-    // their follow-ups) and then tells every observer onInitialized(). Never throws for anything
-    // found on disk: problems become log messages to the observers.
+    // check, locks the root, recovers the stored packs (telling observers about every visible one
+    // and queueing their follow-ups) and then tells every observer onInitialized(). Never throws
+    // for anything found on disk: problems become log messages to the observers. A root locked by
+    // another process is left alone: the worker logs storageInUseMessage() and recovers nothing.
     OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy, const std::string& path,
                          const OfflineServiceOptions& options, OfflineServiceObservers observers);
 
@@ -82,8 +87,10 @@ class OfflineServiceWorker {
     // ---- Pack lifecycle: answers from other threads ----------------------------------------
     // Posted at TaskPriority::Normal by the callbacks handed to the HTTP service and to
     // observers, each with the key the request was issued under. An answer whose key is outdated
-    // (the pack changed state since) is dropped without a word; one that arrives once the worker
-    // thread has begun to stop is dropped without touching the disk.
+    // (the pack changed state since) is dropped without a word. Answers still queued when the
+    // worker thread begins to stop are handled as usual, but no new HTTP exchange is started
+    // then: a download, re-authorisation or lease extension waits for the next start, and a
+    // verification too (the header record says the file still needs one).
 
     // A download's status report: progress keeps the key valid; a final state ends the download
     // (Errored, or the header record written and a verification queued).
@@ -170,11 +177,12 @@ class OfflineServiceWorker {
     ContextResult loadContext(const PackKey& key);
     // The prologue of a public pack operation: the region id must be usable as a directory
     // name, the context must load (the failure is logged), and then the worker is marked busy.
-    // Empty when the operation stops there.
+    // On a tree held by another process the pack becomes Errored (Filesystem,
+    // storageInUseMessage()). Empty when the operation stops there.
     optional<Context> beginPackOperation(OfflineDataDomain domain,
                                          OfflineDataRegionMetadata&& region);
-    // The prologue of an answer or follow-up carrying a key: dropped once the service is
-    // shutting down, then as above with loadContext(key) (an outdated key is dropped silently).
+    // The prologue of an answer or follow-up carrying a key: as above with loadContext(key) (an
+    // outdated key is dropped silently).
     optional<Context> beginAnswer(const PackKey& key);
     // Outdated says nothing; MetadataMissing logs "Failed to retrieve metadata for <domain> pack
     // of revision <revision> of offline region '<id>'".
@@ -219,8 +227,20 @@ class OfflineServiceWorker {
 
     // ---- Pack lifecycle ------------------------------------------------------------------------
     // worker_download.cpp, worker_verification.cpp, worker_lease.cpp, worker_deletion.cpp
+    // When the catalogue now describes the pack's file differently (address, size or checksum)
+    // and the pack is not Available nor under way: takes the new description, removes what was
+    // fetched by the old one and returns true (a full download follows). Otherwise false.
+    bool adoptRepublishedPack(Context& context, const OfflineDataPackMetadata& asked);
+    // During shutdown: logs that the download is skipped and returns true.
+    bool refuseExchangeAtShutdown(const Context& context);
     void downloadPackInternal(Context& context);
     void finishPackDownload(Context& context, DownloadStatus&& status);
+    // A download that reported more bytes than the pack has: cancelled, its files removed, and
+    // the pack Errored with Corrupt.
+    void abandonOversizedDownload(Context& context);
+    // Removes the download file and what the HTTP service keeps beside it for resuming; a file
+    // that cannot be removed is left (a later deletion tries again).
+    void removeDownloadFiles(const Context& context);
     // Whether the storage file system has room for the rest of the pack (its size less what a
     // resumable partial file already holds); if not, the pack is Errored with Filesystem "Not
     // enough disk space: ...". A file system that cannot be asked is given the benefit of the
@@ -266,6 +286,10 @@ class OfflineServiceWorker {
     std::uint32_t pendingCancellations = 0;
     // The constructor queues the first check.
     bool idleCheckPosted = true;
+    // The tree's lock, held for the worker's life; or, when another process holds it, who does:
+    // then every pack operation fails with storageInUseMessage() and no file is touched.
+    StorageLock storageLock;
+    optional<OfflineStorageHolder> storageHolder;
 };
 
 }  // namespace terrane::common

@@ -150,8 +150,12 @@ std::filesystem::path headerFilePath(const std::filesystem::path& packOrDownload
 }
 
 bool isValidRegionId(std::string_view id) {
+    const auto isControl = [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7F;
+    };
     return !id.empty() && id != "." && id != ".." && id.find('/') == std::string_view::npos &&
-           id.find('\0') == std::string_view::npos;
+           std::none_of(id.begin(), id.end(), isControl);
 }
 
 std::string serializeConfiguration(std::string_view baseURL, std::string_view username) {

@@ -75,8 +75,9 @@ std::filesystem::path downloadFilePath(const std::filesystem::path& packFile);
 std::filesystem::path headerFilePath(const std::filesystem::path& packOrDownloadFile);
 
 // True when the id can be used as one directory name below the storage root: not empty, not
-// "." or "..", and free of "/" and of NUL bytes. Region ids come from the remote catalogue, and
-// a hostile one must not make the service write or delete outside its tree.
+// "." or "..", and free of "/" and of control characters (NUL included). Region ids come from
+// the remote catalogue, and a hostile one must not make the service write or delete outside its
+// tree, nor reach a terminal as escape codes.
 bool isValidRegionId(std::string_view id);
 
 // ---- Writers --------------------------------------------------------------------------------

@@ -92,8 +92,9 @@ TEST(OfflineStoragePaths, TreeBelowTheRoot) {
     EXPECT_EQ(headerFilePath(downloadFilePath(pack)), revision / "maps" / "1.json");
 }
 
-TEST(OfflineStoragePaths, RegionIdsThatWouldLeaveTheRootAreInvalid) {
-    for (const std::string& id : {""s, "."s, ".."s, "a/b"s, "../x"s, "/"s, "x/"s, "a\0b"s}) {
+TEST(OfflineStoragePaths, RegionIdsThatWouldLeaveTheRootOrHoldControlsAreInvalid) {
+    for (const std::string& id :
+         {""s, "."s, ".."s, "a/b"s, "../x"s, "/"s, "x/"s, "a\0b"s, "a\x1B[2J"s, "a\nb"s, "\x7F"s}) {
         EXPECT_FALSE(isValidRegionId(id)) << id;
     }
     for (const std::string& id : {"berlin"s, "..."s, ".hidden"s, "a..b"s, "a b"s, "a\\b"s}) {

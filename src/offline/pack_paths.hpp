@@ -17,6 +17,10 @@ namespace terrane::common {
 inline constexpr std::string_view partialDownloadSuffix = ".part";
 inline constexpr std::string_view resumeDataSuffix = ".rd";
 
+// The pack is Errored with Corrupt and this message when its file is not of the size the
+// catalogue gave.
+inline constexpr std::string_view unexpectedSizeMessage = "File doesn't have expected size";
+
 struct PackPaths {
     // <root>/<region id>/<revision>
     std::filesystem::path revisionDirectory;

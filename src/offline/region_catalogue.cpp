@@ -79,6 +79,28 @@ std::string percentEncoded(std::string_view text, const char* digits) {
     return encoded;
 }
 
+// The characters that would change the meaning of a query value: its separators, the escape
+// character itself, the fragment mark, "+" (a blank to many servers), blanks and controls.
+bool changesQuery(unsigned char c) {
+    return c == ' ' || c == '%' || c == '&' || c == '#' || c == '+' || c < 0x20 || c == 0x7F;
+}
+
+std::string queryEncoded(std::string_view text, const char* digits) {
+    std::string encoded;
+    encoded.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (changesQuery(byte)) {
+            encoded += '%';
+            encoded += digits[byte >> 4];
+            encoded += digits[byte & 0x0F];
+        } else {
+            encoded += c;
+        }
+    }
+    return encoded;
+}
+
 // One left-to-right pass. Whatever is left between two replacements is a piece of the input
 // that the search has already passed over in full, so no occurrence survives, and none can be
 // formed across a mask made of a character that the needle lacks.
@@ -118,11 +140,12 @@ std::string expandOfflineDataURL(const std::string& url, const std::string& base
         expanded.query += '&';
     }
     expanded.query += "access_token=";
-    expanded.query += accessToken;
+    expanded.query += queryEncoded(accessToken, "0123456789ABCDEF");
     return expanded.str();
 }
 
-AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data) {
+AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data,
+                                                 std::vector<std::string>* unsafeIds) {
     switch (data.code) {
         case 200:
         case 204:
@@ -153,6 +176,13 @@ AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data) {
     std::vector<OfflineDataRegionMetadata> regions;
     regions.reserve(document.MemberCount());
     for (const auto& member : document.GetObject()) {
+        if (const std::string id(member.name.GetString(), member.name.GetStringLength());
+            !isValidRegionId(id)) {
+            if (unsafeIds != nullptr) {
+                unsafeIds->push_back(id);
+            }
+            continue;
+        }
         auto region = parseRegionMetadata(member.name, member.value);
         if (!region) {
             return unexpected(std::move(region.error()));
@@ -160,6 +190,25 @@ AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data) {
         regions.push_back(std::move(*region));
     }
     return regions;
+}
+
+std::string escapeControlCharacters(std::string_view text) {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\') {
+            escaped += "\\\\";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            escaped += "\\x";
+            escaped += digits[byte >> 4];
+            escaped += digits[byte & 0x0F];
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped;
 }
 
 std::string getResponseMessage(const HttpBody& body) {
@@ -182,9 +231,12 @@ std::string redactSecret(std::string_view text, std::string_view secret) {
     if (secret.empty()) {
         return result;
     }
-    const std::array<std::string, 3> forms{std::string(secret),
-                                           percentEncoded(secret, "0123456789ABCDEF"),
-                                           percentEncoded(secret, "0123456789abcdef")};
+    // As it is, every reserved byte encoded, and only what expandOfflineDataURL encodes; each
+    // with either case of hexadecimal digits.
+    const std::array<std::string, 5> forms{
+        std::string(secret), percentEncoded(secret, "0123456789ABCDEF"),
+        percentEncoded(secret, "0123456789abcdef"), queryEncoded(secret, "0123456789ABCDEF"),
+        queryEncoded(secret, "0123456789abcdef")};
     const auto mask = maskCharacterFor(secret);
     if (!mask) {
         // The secret holds every character that could mask it, so it is longer than this

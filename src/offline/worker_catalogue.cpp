@@ -1,7 +1,9 @@
 // The region catalogue on the worker: the listing request, its answer, and the expansion of
 // "terrane://offline-data/" addresses against this worker's endpoint and access token.
 
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "offline/offline_service_worker.hpp"
 #include "offline/region_catalogue.hpp"
@@ -26,6 +28,10 @@ void answer(const AvailableRegionsCallback& callback, AvailableRegionsResult res
 void OfflineServiceWorker::listAvailableRegions(AvailableRegionsCallback callback) {
     if (!callback) {
         // Nobody would hear the answer, so no service is started and the endpoint not troubled.
+        return;
+    }
+    if (shuttingDown()) {
+        // The answer could only arrive after the worker has gone, and would be dropped then.
         return;
     }
     // Not a pack operation: listing neither marks the worker busy nor delays onIdle.
@@ -69,7 +75,14 @@ void OfflineServiceWorker::receiveAvailableRegions(HttpResponse response,
                accessToken);
         return;
     }
-    answer(callback, parseAvailableRegionsList(*response.result), accessToken);
+    std::vector<std::string> unsafeIds;
+    auto regions = parseAvailableRegionsList(*response.result, &unsafeIds);
+    for (const auto& id : unsafeIds) {
+        // Built by hand rather than through "%s" so that an id with a NUL byte is shown whole.
+        sendLogMessage("Skipping offline region '" + escapeControlCharacters(id) +
+                       "': Region ID must be a valid directory name");
+    }
+    answer(callback, std::move(regions), accessToken);
 }
 
 std::string OfflineServiceWorker::redactAccessToken(const std::string& message) const {

@@ -122,6 +122,23 @@ TEST_F(CatalogueTest, AsksForTheUsersListingWithOnePlainGetAndHandsOverTheRegion
     EXPECT_NE(lastCallbackThread, http->deliveryThreadId());
 }
 
+TEST_F(CatalogueTest, UnsafeRegionIdsAreLeftOutAndNamedEscapedInTheLog) {
+    auto recorder = registeredRecorder();
+    start({"alice", "tk", "https://example.test"});
+    const auto regions = listAndAnswer([](auto request) {
+        request.respond(200, R"({"../x": {"revision": 1, "configuration": {}},
+                                 "\u001b[2J\r\n": {"revision": 1, "configuration": {}},
+                                 "region-a": {"revision": 3, "configuration": {}}})");
+    });
+    ASSERT_TRUE(regions.has_value()) << regions.error();
+    ASSERT_EQ(regions->size(), 1u);
+    EXPECT_EQ(regions->front().id, "region-a");
+    const std::string reason = "': Region ID must be a valid directory name";
+    EXPECT_EQ(recorder->count("onLogMessage Skipping offline region '../x" + reason), 1u);
+    EXPECT_EQ(recorder->count("onLogMessage Skipping offline region '\\x1B[2J\\x0D\\x0A" + reason),
+              1u);
+}
+
 TEST_F(CatalogueTest, ErrorStatusesReachTheCallbackAsOfflineDataErrors) {
     start({"alice", "tk", "https://example.test"});
     EXPECT_EQ(

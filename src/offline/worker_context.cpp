@@ -71,13 +71,14 @@ optional<Context> OfflineServiceWorker::beginPackOperation(OfflineDataDomain dom
         return nullopt;
     }
     markBusy();
+    if (storageHolder) {
+        failPack(*context, OfflineDataErrorCode::Filesystem, storageInUseMessage(*storageHolder));
+        return nullopt;
+    }
     return *context;
 }
 
 optional<Context> OfflineServiceWorker::beginAnswer(const PackKey& key) {
-    if (shuttingDown()) {
-        return nullopt;
-    }
     auto context = loadContext(key);
     if (!context) {
         logContextError(context.error());

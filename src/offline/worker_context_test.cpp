@@ -156,18 +156,28 @@ std::vector<std::string> listTree(const std::filesystem::path& top) {
 
 TEST_F(WorkerContextTest, PackOperationsRefuseRegionIdsThatAreNoDirectoryName) {
     const auto before = listTree(directory.path());
-    ASSERT_EQ(before.size(), 2u) << "the account directory and its configuration record";
+    ASSERT_EQ(before.size(), 3u) << "the account directory, its lock and configuration records";
     using namespace std::string_literals;
-    for (const std::string& id : {""s, "."s, ".."s, "a/b"s, "../../etc"s, "a\0b"s}) {
+    const struct {
+        std::string id;
+        std::string shown;
+    } rows[] = {{""s, ""s},
+                {"."s, "."s},
+                {".."s, ".."s},
+                {"a/b"s, "a/b"s},
+                {"../../etc"s, "../../etc"s},
+                {"a\0b"s, "a\\x00b"s},
+                {"a\x1B[2J\r\n"s, "a\\x1B[2J\\x0D\\x0A"s}};
+    for (const auto& [id, shown] : rows) {
         auto region = regionWithMaps();
         region.id = id;
         worker.downloadPack(OfflineDataDomain::Maps, OfflineDataRegionMetadata(region));
         worker.cancelPackDownload(OfflineDataDomain::Maps, OfflineDataRegionMetadata(region));
         worker.deletePack(OfflineDataDomain::Maps, OfflineDataRegionMetadata(region));
-        const std::string refusal = "onLogMessage Invalid region id '" + id + "'";
+        const std::string refusal = "onLogMessage Invalid region id '" + shown + "'";
         EXPECT_EQ(recorder->count(refusal), 3u) << refusal;
     }
-    EXPECT_EQ(recorder->lines().size(), 1u + 6u * 3u);
+    EXPECT_EQ(recorder->lines().size(), 1u + std::size(rows) * 3u);
     EXPECT_TRUE(worker.getRegions().empty());
     EXPECT_EQ(listTree(directory.path()), before);
 }

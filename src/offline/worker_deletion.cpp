@@ -71,9 +71,6 @@ void OfflineServiceWorker::cancelPackDownloadInternal(Context& context) {
 }
 
 void OfflineServiceWorker::finishCancelPackDownloadInternal() {
-    if (shuttingDown()) {
-        return;
-    }
     markBusy();
     --pendingCancellations;
 }
@@ -98,6 +95,10 @@ void OfflineServiceWorker::deletePackInternal(Context& context) {
             // writing them.
             holder.setDeleted();
             notifyContext(context);
+            // The record goes at once: should the confirmation never come (it is lost when the
+            // service stops first), the pack must not come back at the next start.
+            std::error_code ignored;
+            fs::remove(packPaths(root, context).headerFile, ignored);
             const auto cancelled = [proxy = proxy, key = context.key()](bool) {
                 proxy.post(TaskPriority::Normal, &OfflineServiceWorker::finishPackDeletion, key);
             };

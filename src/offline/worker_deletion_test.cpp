@@ -129,6 +129,22 @@ TEST_F(CancellationAndDeletionTest, CancellingAPackThatIsNotDownloadingOnlySaysS
     EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
 }
 
+TEST_F(CancellationAndDeletionTest, AnInterruptedDownloadComesBackIncompleteAndCanBeDeleted) {
+    start();
+    downloadInFlight();
+    tree.writeFile(fs::relative(partialFile(), tree.root()), "0123456789");
+    tree.writeFile(fs::relative(resumeFile(), tree.root()), "resume record");
+    worker.reset();
+
+    start();
+    EXPECT_THAT(newLines(),
+                ElementsAre(line("onIncomplete", downloadFile(), 10), "onInitialized", "onIdle"));
+    deletePack();
+    settle();
+    EXPECT_THAT(newLines(), ElementsAre(deleted(), "onIdle"));
+    EXPECT_THAT(packFilesLeft(), IsEmpty());
+}
+
 // ---- Deletion of a pack whose download is in flight ----------------------------------------
 
 TEST_F(CancellationAndDeletionTest, ADownloadingPackIsDeletedAtOnceAndItsFilesGoOnceCancelled) {
@@ -142,9 +158,11 @@ TEST_F(CancellationAndDeletionTest, ADownloadingPackIsDeletedAtOnceAndItsFilesGo
 
     deletePack();
     worker->runPending();
-    // The progress that crossed the deletion is dropped; nothing is idle yet.
+    // The progress that crossed the deletion is dropped; nothing is idle yet. Only the header
+    // record goes at once: without it the pack cannot come back, whatever happens to the rest.
     EXPECT_THAT(newLines(), ElementsAre(deleted()));
-    EXPECT_THAT(packFilesLeft(), SizeIs(5u));
+    EXPECT_THAT(packFilesLeft(), SizeIs(4u));
+    EXPECT_FALSE(fs::exists(headerFile()));
 
     auto cancellation = http->nextCancellation();
     EXPECT_EQ(cancellation.id(), transfer.id());
@@ -260,6 +278,7 @@ TEST_F(CancellationAndDeletionTest, AHeaderRecordThatCannotBeRemovedIsOnlyLogged
     cancelPackDownload();
     settle();
     writePackFiles();
+    fs::remove(headerFile());
     const fs::path locked = headerFile() / "locked";
     tree.writeFile(fs::relative(locked / "inside", tree.root()), "x");
     newLines();

@@ -40,9 +40,21 @@ void OfflineServiceWorker::failPack(Context& context, OfflineDataErrorCode code,
 
 void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
                                         OfflineDataRegionMetadata&& region) {
+    const optional<OfflineDataPackMetadata> asked =
+        domain == OfflineDataDomain::Maps ? region.mapPack : region.navigationPack;
     auto context = beginPackOperation(domain, std::move(region));
     if (!context) {
         return;
+    }
+    if (context->region.metadata.revision == 0) {
+        // Revision directories are numbered from 1: a pack stored under 0 would never be found
+        // again at the next start.
+        return failPack(*context, OfflineDataErrorCode::InvalidResponse,
+                        "Revision 0 of offline region '" + context->region.metadata.id +
+                            "' cannot be stored: revisions are numbered from 1");
+    }
+    if (asked && adoptRepublishedPack(*context, *asked)) {
+        return downloadPackInternal(*context);
     }
     switch (context->holder.status()) {
         case OfflineDataPackStatus::Pending:
@@ -54,10 +66,18 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
         case OfflineDataPackStatus::Incomplete:
         case OfflineDataPackStatus::Errored:
         case OfflineDataPackStatus::Deleted:
+            if (refuseExchangeAtShutdown(*context)) {
+                return;
+            }
             return downloadPackInternal(*context);
         case OfflineDataPackStatus::Expired:
-            // With a stored file and entity tag the server may simply renew the lease.
-            if (!context->holder.path().empty() && !context->holder.headers.etag.empty()) {
+            if (refuseExchangeAtShutdown(*context)) {
+                return;
+            }
+            // With a stored file and entity tag the server may simply renew the lease. A file
+            // that is gone (a re-authorisation found the pack changed) can only be fetched anew.
+            if (!context->holder.path().empty() && !context->holder.headers.etag.empty() &&
+                fs::exists(context->holder.path())) {
                 return reauthPackInternal(*context);
             }
             return downloadPackInternal(*context);
@@ -65,6 +85,55 @@ void OfflineServiceWorker::downloadPack(OfflineDataDomain domain,
             return undeletePackInternal(*context);
     }
     std::abort();
+}
+
+namespace {
+
+// What identifies a pack's file: another address, size or checksum is another file.
+bool isSameFile(const OfflineDataPackMetadata& a, const OfflineDataPackMetadata& b) {
+    return a.url == b.url && a.bytes == b.bytes && a.md5_checksum == b.md5_checksum;
+}
+
+}  // namespace
+
+bool OfflineServiceWorker::adoptRepublishedPack(Context& context,
+                                                const OfflineDataPackMetadata& asked) {
+    switch (context.holder.status()) {
+        case OfflineDataPackStatus::Incomplete:
+        case OfflineDataPackStatus::Errored:
+        case OfflineDataPackStatus::Deleted:
+        case OfflineDataPackStatus::Expired:
+            break;
+        default:
+            // In use or under way: the stored description is the one its file was fetched by.
+            return false;
+    }
+    if (asked.format != context.pack.format || isSameFile(asked, context.pack) ||
+        refuseExchangeAtShutdown(context)) {
+        return false;
+    }
+    // The revision was republished: whatever was fetched by the old description is of no use,
+    // and checking a new file against the old checksum could never succeed.
+    context.pack = asked;
+    removeDownloadFiles(context);
+    // An Expired pack's file, too: its record must never vouch for it under the new checksum.
+    const PackPaths paths = packPaths(root, context);
+    std::error_code ignored;
+    fs::remove(paths.headerFile, ignored);
+    fs::remove(paths.packFile, ignored);
+    return true;
+}
+
+bool OfflineServiceWorker::refuseExchangeAtShutdown(const Context& context) {
+    if (!shuttingDown()) {
+        return false;
+    }
+    // Its answer would arrive after the worker has gone; the pack stays as it is, for the next
+    // start to take up.
+    logMessage("Skipped download of %s pack of revision %u of offline region '%s': %s",
+               toString(context.domain).c_str(), context.region.metadata.revision,
+               context.region.metadata.id.c_str(), "The offline service is shutting down");
+    return true;
 }
 
 void OfflineServiceWorker::downloadPackInternal(Context& context) {
@@ -108,11 +177,21 @@ void OfflineServiceWorker::downloadPackInternal(Context& context) {
         return failPack(context, OfflineDataErrorCode::Filesystem,
                         "Could not create download directory");
     }
+    // A record of a download under way, so that an interrupted one is found again at the next
+    // start (as Incomplete, resumable and deletable) instead of lying there unknown.
+    if (auto written = base::io::writeFileAtomically(
+            paths.headerFile, serializePackHeaders(OfflineDataPackHeaders{}));
+        !written) {
+        --activeDownloads;
+        return failPack(context, OfflineDataErrorCode::Filesystem, std::move(written.error()));
+    }
 
     HttpRequest request;
     request.method = HttpMethod::Get;
     request.url = formatURL(context.pack.url);
     DownloadOptions options(std::move(request), paths.downloadFile.string(), resume);
+    // A server that sends more than the catalogue promised is stopped there, not stored.
+    options.maxBytes = context.pack.bytes;
     holder.downloadId =
         http->download(std::move(options), [proxy = proxy, key](DownloadStatus&& status) {
             proxy.post(TaskPriority::Normal, &OfflineServiceWorker::updatePackDownloadProgress, key,
@@ -156,12 +235,41 @@ void OfflineServiceWorker::updatePackDownloadProgress(PackKey key, DownloadStatu
         case DownloadState::Pending:
             return;
         case DownloadState::Downloading:
+            if (status.receivedBytes > context->pack.bytes) {
+                // An HTTP service that does not enforce the cap: stop the transfer here.
+                return abandonOversizedDownload(*context);
+            }
             // Not a setter: the key this download's callback carries must stay valid.
             context->holder.updateProgress(status.receivedBytes);
             return notifyContext(*context);
         case DownloadState::Failed:
         case DownloadState::Finished:
             return finishPackDownload(*context, std::move(status));
+    }
+}
+
+void OfflineServiceWorker::abandonOversizedDownload(Context& context) {
+    OfflineDataPackHolder& holder = context.holder;
+    --activeDownloads;
+    ++pendingCancellations;
+    const auto confirmed = [proxy = proxy](bool) {
+        proxy.post(TaskPriority::Normal, &OfflineServiceWorker::finishCancelPackDownloadInternal);
+    };
+    if (HttpServiceInterface* const http = acquireHttpService()) {
+        http->cancelRequest(holder.downloadId, confirmed);
+    } else {
+        confirmed(false);
+    }
+    holder.downloadId = 0;
+    removeDownloadFiles(context);
+    failPack(context, OfflineDataErrorCode::Corrupt, std::string(unexpectedSizeMessage));
+}
+
+void OfflineServiceWorker::removeDownloadFiles(const Context& context) {
+    const PackPaths paths = packPaths(root, context);
+    std::error_code ignored;
+    for (const fs::path* file : {&paths.downloadFile, &paths.partialFile, &paths.resumeDataFile}) {
+        fs::remove(*file, ignored);
     }
 }
 
@@ -183,8 +291,9 @@ void OfflineServiceWorker::finishPackDownload(Context& context, DownloadStatus&&
                 return failPack(context, OfflineDataErrorCode::Filesystem,
                                 redactAccessToken(status.error->message));
             case DownloadErrorCode::SizeExceeded:
+                removeDownloadFiles(context);
                 return failPack(context, OfflineDataErrorCode::Corrupt,
-                                "File doesn't have expected size");
+                                std::string(unexpectedSizeMessage));
         }
         std::abort();
     }

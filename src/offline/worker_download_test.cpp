@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -54,6 +55,7 @@ TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailable
     EXPECT_EQ(transfer.request().uaComponents, UAComponents{});
     EXPECT_EQ(transfer.localPath(), downloadFile().string());
     EXPECT_TRUE(transfer.resume());
+    EXPECT_EQ(transfer.options().maxBytes, content.size());
     EXPECT_EQ(base::io::readFile(tree.revisionDirectory("region-a", "3") / "metadata.json"),
               serializeMetadata(region()));
 
@@ -238,6 +240,7 @@ TEST_F(PackDownloadTest, AHeaderRecordThatCannotBeWrittenStopsThePackBeforeVerif
     downloadPack();
     settle();
     // A header record that cannot be written stops the pack before verification.
+    fs::remove(headerFile());
     fs::create_directories(headerFile() / "occupied");
     http->nextDownload().finish(content, 200, {{"etag", "\"e\""}});
     settle();
@@ -372,7 +375,85 @@ TEST_F(PackDownloadTest, APackWhoseLeaseRunsOutBeforeItsVerificationEndsBecomesE
     EXPECT_EQ(base::io::readFile(packFile()), content);
 }
 
-TEST_F(PackDownloadTest, AnswersReachingAWorkerThatShutsDownTouchNoFile) {
+TEST_F(PackDownloadTest, MoreBytesThanThePackHasEndTheDownloadAsCorruptAndLeaveNoFile) {
+    const std::function<void(const test::FakeDownload&)> overflows[] = {
+        [this](const test::FakeDownload& transfer) { transfer.progress(content.size() + 1); },
+        [](const test::FakeDownload& transfer) {
+            transfer.fail(DownloadErrorCode::SizeExceeded, "The body grew beyond 38 bytes");
+        },
+    };
+    start();
+    for (const auto& overflow : overflows) {
+        downloadPack();
+        settle();
+        auto transfer = http->nextDownload();
+        newLines();
+        for (const auto& file : {downloadFile(), partialFile(), resumeFile()}) {
+            tree.writeFile(fs::relative(file, tree.root()), content + "and more");
+        }
+        overflow(transfer);
+        settle();
+        EXPECT_THAT(
+            newLines(),
+            ElementsAre(errored("Corrupt, message=File doesn't have expected size"), "onIdle"));
+        for (const auto& file : {downloadFile(), partialFile(), resumeFile()}) {
+            EXPECT_FALSE(fs::exists(file)) << file;
+        }
+    }
+    // The transfer that did not stop by itself was cancelled.
+    EXPECT_THAT(http->cancellations(), SizeIs(1u));
+}
+
+TEST_F(PackDownloadTest, ARepublishedRevisionIsFetchedAndCheckedByItsNewDescription) {
+    start();
+    downloadPack();
+    settle();
+    http->nextDownload().finish(content + " of old");
+    settle();
+    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Errored);
+
+    const std::string republished = "the bytes of the republished pack";
+    auto described = region();
+    described.mapPack->url = "terrane://offline-data/maps-v2.bin";
+    described.mapPack->bytes = republished.size();
+    described.mapPack->md5_checksum = util::md5String(republished);
+    (*worker)->downloadPack(maps, OfflineDataRegionMetadata(described));
+    settle();
+    auto transfer = http->nextDownload();
+    EXPECT_EQ(transfer.url(), baseURL + "/offline-data/v1/maps-v2.bin?access_token=tk");
+    EXPECT_FALSE(transfer.resume());
+    EXPECT_EQ(base::io::readFile(tree.revisionDirectory("region-a", "3") / "metadata.json"),
+              serializeMetadata(described));
+    transfer.finish(republished);
+    settle();
+    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
+
+    // An Available pack keeps the description its file was checked by.
+    newLines();
+    downloadPack();
+    settle();
+    EXPECT_THAT(newLines(), ElementsAre("onIdle"));
+    EXPECT_THAT(http->downloads(), SizeIs(2u));
+    EXPECT_EQ((*worker)->getRegions().at({"region-a", 3}).metadata.mapPack, described.mapPack);
+}
+
+TEST_F(PackDownloadTest, ARevisionZeroIsRefusedBeforeAnythingIsStored) {
+    start();
+    newLines();
+    auto described = region();
+    described.revision = 0;
+    (*worker)->downloadPack(maps, std::move(described));
+    settle();
+    EXPECT_THAT(newLines(),
+                ElementsAre("onErrored maps region-a/0 path= bytes=0 error=InvalidResponse, "
+                            "message=Revision 0 of offline region 'region-a' cannot be stored: "
+                            "revisions are numbered from 1",
+                            "onIdle"));
+    EXPECT_THAT(http->downloads(), IsEmpty());
+    EXPECT_FALSE(fs::exists(tree.root() / "region-a"));
+}
+
+TEST_F(PackDownloadTest, AFinalReportQueuedAtShutdownIsStoredAndVerifiedAtTheNextStart) {
     start();
     downloadPack();
     settle();
@@ -381,44 +462,57 @@ TEST_F(PackDownloadTest, AnswersReachingAWorkerThatShutsDownTouchNoFile) {
     http->waitUntilDelivered();
     worker->beginShutdown();
     worker->runPending();
-    EXPECT_THAT(newLines(), IsEmpty());
-    EXPECT_FALSE(fs::exists(headerFile()));
-    EXPECT_FALSE(fs::exists(packFile()));
-    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Pending);
+    // The header record is written; the verification is left for the next start.
+    EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0), "onIdle"));
+    EXPECT_TRUE(storedHeaders().complete);
+    EXPECT_FALSE(storedHeaders().verified);
+
+    worker.reset();
+    start();
+    EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized",
+                                        line("onAvailable", packFile(), content.size()), "onIdle"));
+    EXPECT_EQ(storedHeaders().etag, "\"e\"");
 }
 
-TEST_F(PackDownloadTest, OnTheWorkerThreadAnAnswerQueuedBehindTheShutdownIsDropped) {
-    auto thread = std::make_unique<WorkerThread<OfflineServiceWorker>>(
-        directory.path().string(), options, OfflineServiceObservers{recorder});
+TEST_F(PackDownloadTest, AtShutdownQueuedAnswersRunButNoNewExchangeStarts) {
+    storeAvailable(fromNow(-1h), "\"e\"");
+    start();
+    newLines();
+    worker->beginShutdown();
+    downloadPack();
+    (*worker)->listAvailableRegions([](auto) { ADD_FAILURE(); });
+    worker->runPending();
+    EXPECT_THAT(newLines(), ElementsAre(log("Skipped download of maps pack of revision 3 of "
+                                            "offline region 'region-a': The offline service is "
+                                            "shutting down"),
+                                        "onIdle"));
+    EXPECT_TRUE(http->requests().empty());
+    EXPECT_TRUE(http->downloads().empty());
+    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Expired);
+}
+
+TEST_F(PackDownloadTest, ADeletionAcknowledgedRightBeforeTheReleaseIsCarriedOut) {
+    storeAvailable(fromNow(24h), "\"e\"");
+    OfflineService::registerObserver(recorder);
+    struct Unregister {
+        std::shared_ptr<OfflineServiceObserver> observer;
+        ~Unregister() { OfflineService::unregisterObserver(observer); }
+    } unregister{recorder};
+    auto service = OfflineService::getInstance(directory.path().string(), options);
     ASSERT_TRUE(recorder->waitFor("onIdle"));
-    const auto proxy = thread->proxy();
-    EXPECT_FALSE(proxy.stopping());
-
-    // The worker is held inside the first progress report while the last answer is queued.
-    recorder->pauseIn("onDownloading");
-    thread->post(TaskPriority::Normal, &OfflineServiceWorker::downloadPack, maps, region());
-    auto transfer = http->nextDownload();
-    transfer.progress(1);
-    ASSERT_TRUE(recorder->waitFor(line("onDownloading", downloadFile(), 1)));
-    transfer.finish(content);
-    http->waitUntilDelivered();
-
-    std::thread stopper([&thread] { thread.reset(); });
-    const auto deadline = std::chrono::steady_clock::now() + test::RecordingObserver::deadlockGuard;
-    while (!proxy.stopping() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::yield();
+    service->deletePack(maps, region());
+    ASSERT_TRUE(recorder->waitFor(line("onDeleting", packFile(), content.size())));
+    for (const auto& acknowledge : recorder->takeAcknowledgements()) {
+        acknowledge();
     }
-    EXPECT_TRUE(proxy.stopping());
-    recorder->resume();
-    stopper.join();
-
-    EXPECT_THAT(recorder->lines(),
-                ElementsAre("onInitialized", "onIdle", line("onPending", downloadFile(), 0),
-                            line("onDownloading", downloadFile(), 1)));
-    EXPECT_FALSE(fs::exists(headerFile()));
+    service.reset();
+    EXPECT_EQ(recorder->count(deleted()), 1U);
     EXPECT_FALSE(fs::exists(packFile()));
-    // The queue went with the worker thread.
-    EXPECT_FALSE(proxy.stopping());
+    EXPECT_FALSE(fs::exists(headerFile()));
+
+    worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
+                                                  OfflineServiceObservers{});
+    EXPECT_TRUE((*worker)->getRegions().empty());
 }
 
 TEST_F(PackDownloadTest, ThroughTheServiceAPackIsDownloadedVerifiedAndDeletedEndToEnd) {

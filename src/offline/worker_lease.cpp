@@ -25,6 +25,14 @@ bool isConditionalSuccess(std::int64_t code) {
     return code == 200 || code == 204 || code == 304;
 }
 
+// A 304 to If-None-Match is the server's own word that the stored tag still matches, whatever
+// tag (if any) it repeats; a full answer must name the same entity, weakly compared, since
+// servers that compress turn strong tags into weak ones.
+bool isSameEntity(const HttpResponseData& response, const std::string& answeredTag,
+                  const std::string& storedTag) {
+    return response.code == 304 || weakEntityTagsMatch(answeredTag, storedTag);
+}
+
 }  // namespace
 
 HttpRequest OfflineServiceWorker::conditionalRequest(const Context& context) const {
@@ -32,11 +40,18 @@ HttpRequest OfflineServiceWorker::conditionalRequest(const Context& context) con
     request.method = HttpMethod::Head;
     request.url = formatURL(context.pack.url);
     request.headers.emplace("If-None-Match", context.holder.headers.etag);
+    // The tag stored is that of the file as downloaded, uncompressed; a compressed variant would
+    // carry another.
+    request.headers.emplace("Accept-Encoding", "identity");
     return request;
 }
 
 void OfflineServiceWorker::extendPackDownloadLease(PackKey key) {
-    // Posted at start-up; a service already shutting down has no use for a new request.
+    // Posted at start-up; a service already shutting down starts no new exchange: the lease is
+    // renewed after the next start.
+    if (shuttingDown()) {
+        return;
+    }
     auto context = beginAnswer(key);
     if (!context) {
         return;
@@ -55,9 +70,6 @@ void OfflineServiceWorker::extendPackDownloadLease(PackKey key) {
 }
 
 void OfflineServiceWorker::finishExtendPackDownloadLease(PackKey key, HttpResponse response) {
-    if (shuttingDown()) {
-        return;
-    }
     auto context = loadContext(key);
     if (!context) {
         if (context.error().reason == ContextError::Reason::Outdated) {
@@ -80,7 +92,7 @@ void OfflineServiceWorker::finishExtendPackDownloadLease(PackKey key, HttpRespon
     } else if (!isConditionalSuccess(response.result->code)) {
         failure = extractHTTPError(*response.result).message;
     } else if (const auto lease = extractHeaders(*response.result);
-               lease.etag != holder.headers.etag) {
+               !isSameEntity(*response.result, lease.etag, holder.headers.etag)) {
         failure = packChangedMessage;
     } else {
         holder.headers.expires = lease.expires;
@@ -135,7 +147,7 @@ void OfflineServiceWorker::finishPackReauth(PackKey key, HttpResponse response) 
         error = extractHTTPError(*response.result);
         error->message = redactAccessToken(error->message);
     } else if (const auto lease = extractHeaders(*response.result);
-               lease.etag != holder.headers.etag) {
+               !isSameEntity(*response.result, lease.etag, holder.headers.etag)) {
         error = OfflineDataError{OfflineDataErrorCode::Corrupt, packChangedMessage};
     } else {
         holder.headers.expires = lease.expires;

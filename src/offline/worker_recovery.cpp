@@ -17,6 +17,7 @@
 
 #include "offline/offline_service_worker.hpp"
 #include "offline/offline_storage.hpp"
+#include "offline/pack_paths.hpp"
 #include "util/file_io.hpp"
 #include "value/json_reader.hpp"
 
@@ -165,30 +166,59 @@ void OfflineServiceWorker::loadExistingRevision(const std::string& regionId,
     }
 }
 
+namespace {
+
+// The size of a regular file (links followed), if it has one.
+optional<std::uint64_t> regularFileSize(const fs::path& path) {
+    std::error_code error;
+    if (!fs::is_regular_file(path, error)) {
+        return nullopt;
+    }
+    const std::uintmax_t size = fs::file_size(path, error);
+    return error ? nullopt : optional<std::uint64_t>(size);
+}
+
+}  // namespace
+
 void OfflineServiceWorker::loadExistingPack(OfflineDataPackHolder& holder,
                                             const fs::path& revisionDirectory,
                                             OfflineDataDomain domain,
                                             const OfflineDataPackMetadata& pack) {
     const fs::path packFile = packFilePath(revisionDirectory, domain, pack.format);
+    const fs::path downloadFile = downloadFilePath(packFile);
     // readFile takes regular files only (links followed): a directory, a special file, a
     // missing or unreadable record all fail here alike.
     const auto text = base::io::readFile(headerFilePath(packFile));
     auto headers = text ? parsePackHeaders(*text) : nullopt;
-    if (!headers) {
+    // A pack file of the right size without a record that vouches for it is what a stop between
+    // the verification's rename and its record leaves: checked again rather than thrown away.
+    const bool packFileToCheck = (!headers || (headers->complete && !headers->verified)) &&
+                                 !regularFileSize(downloadFile) &&
+                                 regularFileSize(packFile) == pack.bytes;
+    if (!headers && !packFileToCheck) {
         // Without its header record nothing says how far the pack got, so whatever files lie
         // beside it do not count as a pack.
         holder.setDeleted();
         return;
     }
+    if (!headers) {
+        headers.emplace();
+        headers->complete = true;
+        headers->bytes = pack.bytes;
+    }
 
     holder.headers = std::move(*headers);
-    const std::uint64_t bytes = holder.headers.bytes;
+    std::uint64_t bytes = holder.headers.bytes;
     if (!holder.headers.complete) {
-        holder.restore(OfflineDataPackStatus::Incomplete, downloadFilePath(packFile).string(),
-                       bytes);
+        // The bytes received so far are in the HTTP service's partial file (or, once it has
+        // finished, in the download file), whatever the record said when the download began.
+        const fs::path partialFile = downloadFile.string() + std::string(partialDownloadSuffix);
+        bytes =
+            regularFileSize(partialFile).value_or(regularFileSize(downloadFile).value_or(bytes));
+        holder.restore(OfflineDataPackStatus::Incomplete, downloadFile.string(), bytes);
     } else if (!holder.headers.verified) {
-        holder.restore(OfflineDataPackStatus::Verifying, downloadFilePath(packFile).string(),
-                       bytes);
+        holder.restore(OfflineDataPackStatus::Verifying,
+                       packFileToCheck ? packFile.string() : downloadFile.string(), bytes);
     } else {
         holder.restore(
             holder.isExpired() ? OfflineDataPackStatus::Expired : OfflineDataPackStatus::Available,

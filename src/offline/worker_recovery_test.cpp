@@ -31,6 +31,7 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
 namespace fs = std::filesystem;
 using Lines = RecordingObserver::Lines;
@@ -147,8 +148,8 @@ TEST_F(RecoveryTest, AnEmptyServicePathGetsItsAccountDirectoryAndConfigurationRe
     ASSERT_TRUE(json::parseDocument(*text, configuration));
     EXPECT_STREQ(configuration["base_url"].GetString(), baseURL.c_str());
     EXPECT_STREQ(configuration["username"].GetString(), "alice");
-    // Written in one piece: no temporary is left beside it.
-    EXPECT_EQ(std::distance(fs::directory_iterator(tree.root()), fs::directory_iterator()), 1);
+    // Written in one piece: no temporary is left beside it, only the tree's lock file.
+    EXPECT_EQ(std::distance(fs::directory_iterator(tree.root()), fs::directory_iterator()), 2);
 }
 
 TEST_F(RecoveryTest, AnExistingConfigurationRecordIsNeverRewritten) {
@@ -462,7 +463,8 @@ TEST_F(RecoveryTest, PublicOperationsOnAnInvalidRegionIdChangeNothingOnDisk) {
     for (const auto& entry : fs::recursive_directory_iterator(directory.path())) {
         everything.push_back(entry.path());
     }
-    EXPECT_THAT(everything, ElementsAre(tree.root(), tree.root() / "configuration.json"));
+    EXPECT_THAT(everything, UnorderedElementsAre(tree.root(), tree.root() / ".lock",
+                                                 tree.root() / "configuration.json"));
 }
 
 // A worker constructed on the test thread whose posts land in a queue that nobody runs, so the

@@ -11,6 +11,7 @@
 
 #include "offline/offline_service_worker.hpp"
 #include "offline/offline_storage.hpp"
+#include "offline/pack_paths.hpp"
 #include "terrane/util/md5.hpp"
 #include "util/file_io.hpp"
 
@@ -20,19 +21,23 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The download file's name without its ".tmp": where the verified pack lives.
+// The download file's name without its ".tmp": where the verified pack lives. A path without
+// it is the pack file itself.
 fs::path packFileOf(const std::string& downloadFile) {
     if (downloadFile.ends_with(downloadFileSuffix)) {
         return downloadFile.substr(0, downloadFile.size() - downloadFileSuffix.size());
     }
-    return fs::path(downloadFile).replace_extension();
+    return downloadFile;
 }
 
 }  // namespace
 
 void OfflineServiceWorker::verifyPackDownload(PackKey key) {
-    // Dropped during shutdown: the header record still says "not verified", so the next start
-    // checks the file again, and hashing a large pack now would only hold up the shutdown.
+    // Left for the next start during shutdown: the header record still says "not verified", so
+    // the file is checked then, and hashing a large pack now would only hold up the shutdown.
+    if (shuttingDown()) {
+        return;
+    }
     auto context = beginAnswer(key);
     if (!context) {
         return;
@@ -46,8 +51,16 @@ void OfflineServiceWorker::verifyPackDownload(PackKey key) {
         return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
     }
     if (size != context->pack.bytes) {
+        if (size > context->pack.bytes) {
+            // Never worth keeping, nor resuming: the file and its record go, so the next start
+            // does not take it up again.
+            removeDownloadFiles(*context);
+            std::error_code ignored;
+            fs::remove(headerFilePath(downloadFile), ignored);
+        }
         // Not worth hashing: it cannot match.
-        return failPack(*context, OfflineDataErrorCode::Corrupt, "File doesn't have expected size");
+        return failPack(*context, OfflineDataErrorCode::Corrupt,
+                        std::string(unexpectedSizeMessage));
     }
     holder.setVerifiedBytes(size);
     holder.headers.bytes = size;
@@ -62,10 +75,13 @@ void OfflineServiceWorker::verifyPackDownload(PackKey key) {
         return failPack(*context, OfflineDataErrorCode::Corrupt, "Failed to verify checksum");
     }
 
+    // A pack file found at start-up without a record vouching for it is checked where it is.
     const fs::path packFile = packFileOf(downloadFile);
-    fs::rename(downloadFile, packFile, error);
-    if (error) {
-        return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+    if (packFile != fs::path(downloadFile)) {
+        fs::rename(downloadFile, packFile, error);
+        if (error) {
+            return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+        }
     }
     holder.headers.verified = true;
     if (auto written = base::io::writeFileAtomically(headerFilePath(packFile),

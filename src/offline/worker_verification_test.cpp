@@ -16,6 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 namespace fs = std::filesystem;
 
 // Verifications started by the worker's start-up for a pack that an earlier run downloaded but
@@ -47,15 +48,59 @@ TEST_F(PackVerificationTest, AMatchingFileIsMovedToItsNameAndRecordedAsVerified)
     EXPECT_EQ(stored.bytes, content.size());
 }
 
-TEST_F(PackVerificationTest, AFileOneByteShortOrLongIsCorruptAndStaysWhereItIs) {
-    for (const std::string& downloaded : {content.substr(1), content + "!"}) {
-        SCOPED_TRACE(downloaded.size());
-        storeUnverified(downloaded);
+TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenItsSizeFits) {
+    const std::string sameSizeOtherBytes(content.size(), 'x');
+    const std::string ignored =
+        log("Ignoring revision 3 of offline region 'region-a': No downloaded files");
+    const struct {
+        bool record;
+        std::string onDisk;
+        Lines expected;
+    } rows[] = {
+        {false,
+         content,
+         {line("onVerifying", packFile(), content.size()), "onInitialized",
+          line("onAvailable", packFile(), content.size()), "onIdle"}},
+        {true,
+         content,
+         {line("onVerifying", packFile(), 0), "onInitialized",
+          line("onAvailable", packFile(), content.size()), "onIdle"}},
+        {true,
+         sameSizeOtherBytes,
+         {line("onVerifying", packFile(), 0), "onInitialized",
+          line("onErrored", packFile(), content.size(),
+               "Corrupt, message=Failed to verify checksum"),
+          "onIdle"}},
+        {false, content + "!", {ignored, "onInitialized", "onIdle"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.onDisk + (row.record ? " with record" : " without record"));
+        fs::remove_all(tree.root());
+        tree.writeMetadata("3", region());
+        if (row.record) {
+            tree.writeHeaders("region-a", "3", maps, test::unverifiedHeaders(0));
+        }
+        tree.writeFile(fs::relative(packFile(), tree.root()), row.onDisk);
+        start();
+        EXPECT_THAT(newLines(), ElementsAreArray(row.expected));
+        EXPECT_EQ(base::io::readFile(packFile()), row.onDisk);
+        worker.reset();
+    }
+}
+
+TEST_F(PackVerificationTest, AShortFileStaysForResumingAndALongOneGoesWithItsRecord) {
+    const struct {
+        std::string downloaded;
+        bool kept;
+    } rows[] = {{content.substr(1), true}, {content + "!", false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.downloaded.size());
+        storeUnverified(row.downloaded);
         start();
         EXPECT_THAT(newLines(), startUpEndingIn(corrupt("File doesn't have expected size", 0)));
-        EXPECT_EQ(base::io::readFile(downloadFile()), downloaded);
+        EXPECT_EQ(fs::exists(downloadFile()), row.kept);
+        EXPECT_EQ(fs::exists(headerFile()), row.kept);
         EXPECT_FALSE(fs::exists(packFile()));
-        EXPECT_FALSE(storedHeaders().verified);
         worker.reset();
     }
 }

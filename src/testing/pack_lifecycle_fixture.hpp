@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "offline/offline_data_pack_holder.hpp"
 #include "offline/offline_storage.hpp"
@@ -36,9 +37,13 @@ class PackLifecycleTest : public ::testing::Test {
     static constexpr auto navigation = OfflineDataDomain::Navigation;
 
     void SetUp() override { HttpServiceFactory::setUserDefined(http); }
+    // Every lifecycle test ends with the proof that the access token reached no file.
     void TearDown() override {
         worker.reset();
         HttpServiceFactory::setUserDefined(nullptr);
+        EXPECT_EQ(filesContaining(directory.path(), options.accessToken),
+                  std::vector<std::string>{})
+            << "the access token reached the disk";
     }
 
     // The region as the catalogue describes it: its maps pack is `content`.

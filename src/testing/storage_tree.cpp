@@ -1,7 +1,9 @@
 #include "testing/storage_tree.hpp"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -10,6 +12,8 @@
 #include <utility>
 
 #include "offline/offline_storage.hpp"
+#include "offline/region_catalogue.hpp"
+#include "util/file_descriptor.hpp"
 #include "util/file_io.hpp"
 
 namespace terrane::common::test {
@@ -25,6 +29,79 @@ TemporaryDirectory::TemporaryDirectory() {
 TemporaryDirectory::~TemporaryDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+std::map<std::string, std::string> treeContents(const std::filesystem::path& directory) {
+    std::map<std::string, std::string> contents;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        if (entry.is_regular_file()) {
+            contents[std::filesystem::relative(entry.path(), directory).string()] =
+                base::io::readFile(entry.path()).value_or("<unreadable>");
+        }
+    }
+    return contents;
+}
+
+namespace {
+
+// Whether the file holds the secret in any of the forms the redaction helper masks. Reads only
+// the file's data, skipping holes, so that a huge sparse partial file is cheap to search.
+bool holdsSecret(const std::filesystem::path& path, std::string_view secret) {
+    const base::io::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        throw std::runtime_error("cannot open " + path.string());
+    }
+    // Every masked form of the secret is at most three times as long as the secret.
+    const std::size_t overlap = secret.size() * 3;
+    std::vector<char> buffer(std::size_t{1} << 20);
+    std::string carried;
+    off_t offset = 0;
+    for (;;) {
+        const off_t data = ::lseek(file.get(), offset, SEEK_DATA);
+        if (data < 0) {
+            return false;
+        }
+        const off_t hole = ::lseek(file.get(), data, SEEK_HOLE);
+        if (data != offset) {
+            // Zeros lay between: no form of a secret spans them.
+            carried.clear();
+        }
+        for (off_t at = data; at < hole;) {
+            const auto wanted = static_cast<std::size_t>(
+                std::min<off_t>(static_cast<off_t>(buffer.size()), hole - at));
+            const ssize_t read = ::pread(file.get(), buffer.data(), wanted, at);
+            if (read <= 0) {
+                throw std::runtime_error("cannot read " + path.string());
+            }
+            std::string window =
+                carried + std::string(buffer.data(), static_cast<std::size_t>(read));
+            if (redactSecret(window, secret) != window) {
+                return true;
+            }
+            carried = window.substr(window.size() - std::min(window.size(), overlap));
+            at += read;
+        }
+        offset = hole;
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> filesContaining(const std::filesystem::path& directory,
+                                         std::string_view needle) {
+    std::vector<std::string> found;
+    if (needle.empty() || !std::filesystem::exists(directory)) {
+        return found;
+    }
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        const std::string relative = std::filesystem::relative(entry.path(), directory).string();
+        if (redactSecret(relative, needle) != relative ||
+            (entry.is_regular_file() && holdsSecret(entry.path(), needle))) {
+            found.push_back(relative);
+        }
+    }
+    std::sort(found.begin(), found.end());
+    return found;
 }
 
 StorageTree::StorageTree(const std::filesystem::path& servicePath, std::string_view baseURL,

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "offline/offline_data_pack_headers.hpp"
 #include "terrane/offline/offline_data.hpp"
@@ -57,6 +59,16 @@ class StorageTree {
   private:
     std::filesystem::path root_;
 };
+
+// Every regular file below `directory`, by its path relative to it, with its content. For
+// checking that an operation left a tree exactly as it was.
+std::map<std::string, std::string> treeContents(const std::filesystem::path& directory);
+
+// The files below `directory` (relative paths, sorted) whose name or content holds `needle`,
+// also in its percent-encoded forms (those redactSecret masks). For proving that no secret
+// reached the disk; an empty needle finds nothing. Holes of sparse files are skipped.
+std::vector<std::string> filesContaining(const std::filesystem::path& directory,
+                                         std::string_view needle);
 
 // A region revision with a maps and/or a navigation pack (format 1) and a small outline.
 OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, bool maps = true,

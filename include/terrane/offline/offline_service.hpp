@@ -10,6 +10,7 @@
 #include "terrane/export.hpp"
 #include "terrane/offline/offline_data.hpp"
 #include "terrane/offline/offline_service_observer.hpp"
+#include "terrane/offline/offline_storage_holder.hpp"
 
 namespace terrane::common {
 
@@ -44,6 +45,13 @@ class TERRANE_EXPORT OfflineService {
     // worker thread cannot be started.
     static std::shared_ptr<OfflineService> getInstance(const std::string& path,
                                                        const OfflineServiceOptions& options);
+
+    // Whether the storage tree that getInstance(path, options) would use is held by another
+    // process, and by which. Reads only: creates nothing, and never waits. Empty when the tree is
+    // free, does not exist yet, or is held by this process. Any thread; meant for waiting until
+    // another process lets go before starting a service.
+    static optional<OfflineStorageHolder> findStorageHolder(const std::string& path,
+                                                            const OfflineServiceOptions& options);
 
     // Adds the observer to the process-wide set, which outlives services. The live service, if
     // any, replays its current state to a newly added observer on the worker thread. Adding an

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <filesystem>
+#include <string_view>
+
+#include "terrane/expected.hpp"
+#include "terrane/offline/offline_storage_holder.hpp"
+#include "util/file_descriptor.hpp"
+
+namespace terrane::common {
+
+// The hidden file in a storage root whose exclusive flock(2) marks the tree as taken. It holds
+// the holder's process id in decimal, for the messages of the processes that find it taken.
+inline constexpr std::string_view storageLockFileName = ".lock";
+
+// A service's hold on its storage root: the open lock file with its exclusive lock, released
+// when the object goes (or, if the process dies first, by the kernel).
+//
+// Threads: acquire() and findHolder() from any thread; an object belongs to one thread.
+class StorageLock {
+  public:
+    // Takes the root (creating it if need be). When another process holds it, tries again for
+    // a bounded moment (a process that only looks with findHolder() holds it that long), then
+    // gives up and names the holder. A root where no lock file can be made (a read-only tree)
+    // is not locked at all: the service then fails where it writes, as it would anyway.
+    static expected<StorageLock, OfflineStorageHolder> acquire(const std::filesystem::path& root);
+
+    // Who holds the root, if another process does. Creates nothing; never waits.
+    static optional<OfflineStorageHolder> findHolder(const std::filesystem::path& root);
+
+    StorageLock() = default;
+
+  private:
+    explicit StorageLock(base::io::FileDescriptor file) : file(std::move(file)) {}
+
+    base::io::FileDescriptor file;
+};
+
+}  // namespace terrane::common
