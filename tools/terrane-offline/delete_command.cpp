@@ -7,6 +7,7 @@
 #include "json_writer.hpp"
 #include "offline_session.hpp"
 #include "pack_selection.hpp"
+#include "storage_wait.hpp"
 #include "text_format.hpp"
 
 namespace terrane::tool {
@@ -35,6 +36,9 @@ Result<void> runDelete(const ToolContext& context, const DeleteRequest& request)
     }
     if (auto prepared = prepareStorageDirectory(context.storage); !prepared) {
         return prepared;
+    }
+    if (auto free = waitForStorage(context, context.baseUrl, context.user); !free) {
+        return free;
     }
     OfflineSession session(context, context.baseUrl, context.user);
     if (auto ready = session.waitUntilInitialized(); !ready) {

@@ -10,6 +10,7 @@
 #include "offline_session.hpp"
 #include "pack_selection.hpp"
 #include "progress_display.hpp"
+#include "storage_wait.hpp"
 #include "text_format.hpp"
 
 namespace terrane::tool {
@@ -199,6 +200,11 @@ class DownloadRun {
             if (pack.last.error->code == common::OfflineDataErrorCode::Connection) {
                 status = Unreachable;
             }
+            // Another process took the storage between our look and our start.
+            if (pack.last.error->code == common::OfflineDataErrorCode::Filesystem &&
+                pack.last.error->message.find("in use by another process") != std::string::npos) {
+                return BadInput;
+            }
         }
         return status;
     }
@@ -337,6 +343,9 @@ Result<void> runDownload(const ToolContext& context, const DownloadRequest& requ
     }
     if (auto prepared = prepareStorageDirectory(context.storage); !prepared) {
         return prepared;
+    }
+    if (auto free = waitForStorage(context, context.baseUrl, context.user); !free) {
+        return free;
     }
     OfflineSession session(context, context.baseUrl, context.user);
     if (auto ready = session.waitUntilInitialized(); !ready) {

@@ -57,6 +57,10 @@ int run(int argc, char** argv, InterruptWatcher& interrupts) {
         ->type_name("FILE");
     app.add_flag("--verbose", global.verbose, "Print the service's log messages to stderr");
     app.add_flag("--json", global.json, "Machine-readable output where it applies");
+    app.add_option("--wait", global.waitSeconds,
+                   "How long to wait for another process that uses the same storage")
+        ->type_name("SECONDS")
+        ->capture_default_str();
 
     auto* regions = app.add_subcommand("regions", "List the catalogue's regions and their packs");
 

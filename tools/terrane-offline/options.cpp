@@ -105,6 +105,7 @@ Result<ToolContext> resolveContext(const GlobalOptions& options, InterruptWatche
     context.user = options.user;
     context.verbose = options.verbose;
     context.json = options.json;
+    context.wait = std::chrono::seconds(options.waitSeconds);
     context.interrupts = interrupts;
     if (auto checked = checkBaseUrl(options.baseUrl); !checked) {
         return common::unexpected(checked.error());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <terrane/expected.hpp>
 
@@ -18,6 +19,8 @@ struct GlobalOptions {
     std::string tokenFile;
     bool verbose = false;
     bool json = false;
+    // How long to wait for another process that uses the same storage tree.
+    unsigned waitSeconds = 10;
 };
 
 // What every command that talks to the offline service works with, resolved and checked.
@@ -32,6 +35,7 @@ struct ToolContext {
     std::string token;
     bool verbose = false;
     bool json = false;
+    std::chrono::seconds wait{10};
     Redactor redact;
     // Owned by main(); lives for the whole run.
     InterruptWatcher* interrupts = nullptr;

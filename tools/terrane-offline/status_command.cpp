@@ -9,6 +9,7 @@
 #include "json_writer.hpp"
 #include "offline_session.hpp"
 #include "pack_selection.hpp"
+#include "storage_wait.hpp"
 #include "text_format.hpp"
 
 namespace terrane::tool {
@@ -175,6 +176,9 @@ void printJson(const std::vector<PackRow>& rows, const ToolContext& context) {
 Result<void> runStatus(const ToolContext& context) {
     std::vector<PackRow> rows;
     for (const Account& account : findAccounts(context.storage, context)) {
+        if (auto free = waitForStorage(context, account.baseUrl, account.user); !free) {
+            return free;
+        }
         OfflineSession session(context, account.baseUrl, account.user);
         if (auto ready = session.waitUntilInitialized(); !ready) {
             return ready;

@@ -180,5 +180,28 @@ TEST_F(CrashTest, EveryPackIsAbsentResumableOrRightAfterAnyKill) {
     std::printf("%lu rounds with seed %lu:%s\n", rounds, seed, summary.c_str());
 }
 
+TEST_F(CrashTest, ASecondProcessWaitsForTheStorageThenGivesUpWithStatusFive) {
+    auto first = spawn({"download", "harbour"}, 0);
+    ASSERT_TRUE(eventually([&] { return largestFileBelow(storage()) > 0; }, 30s)) << first->err();
+
+    std::vector<std::string> second = command({"--wait", "1", "download", "harbour"});
+    second.erase(second.begin());
+    const RunResult refused = runTool(second, {std::string("TERRANE_ACCESS_TOKEN=") + kToken});
+    EXPECT_EQ(refused.status, 5) << refused.err;
+    EXPECT_NE(
+        refused.err.find("is in use by another process (pid " + std::to_string(first->pid()) + ")"),
+        std::string::npos)
+        << refused.err;
+
+    auto waiting = std::make_unique<ChildProcess>(
+        std::vector<std::string>(command({"--wait", "60", "download", "harbour"})),
+        scratch_.path() / "waiting",
+        std::vector<std::string>{std::string("TERRANE_ACCESS_TOKEN=") + kToken});
+    first->signal(SIGKILL);
+    first->wait(10s);
+    ASSERT_EQ(waiting->wait(60s), 0) << waiting->err();
+    expectSafe("after the waiting download");
+}
+
 }  // namespace
 }  // namespace terrane::tool::test
