@@ -13,12 +13,13 @@ namespace terrane::common {
 // limit ends as timed out (RequestTimedOut for a request; NetworkError "Request timed out." for a
 // download, which keeps its partial file and resume data for a later resume).
 struct TransferLimits {
-    // The longest a connection may take to be established. 0: libcurl's own limit (300 s).
+    // The longest a connection may take to be established. 0 (or less): libcurl's own limit
+    // (300 s).
     std::chrono::seconds connectTimeout{30};
     // Fewer than lowSpeedBytesPerSecond arriving or leaving per second for lowSpeedTime ends the
     // exchange; the wait for the response head counts. The rate is averaged over the last few
     // seconds, so a stall right after a burst is noticed up to about 5 s later than lowSpeedTime.
-    // 0 in either field: no such limit.
+    // 0 (or less) in either field: no such limit.
     std::uint32_t lowSpeedBytesPerSecond = 1;
     std::chrono::seconds lowSpeedTime{60};
 

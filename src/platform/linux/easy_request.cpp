@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <string_view>
 
 #include "terrane/http/transfer_limits.hpp"
@@ -95,7 +96,8 @@ expected<CurlEasyHandle, std::string> createEasyHandle(const HttpRequest& reques
     // the server still chooses is decoded all the same.
     set(CURLOPT_ACCEPT_ENCODING, "");
     const TransferLimits limits = getTransferLimits();
-    set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(limits.connectTimeout.count()));
+    // libcurl refuses a negative time, which would fail every exchange: it counts as 0.
+    set(CURLOPT_CONNECTTIMEOUT, std::max<long>(0, limits.connectTimeout.count()));
     if (limits.lowSpeedBytesPerSecond > 0 && limits.lowSpeedTime.count() > 0) {
         set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(limits.lowSpeedBytesPerSecond));
         set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(limits.lowSpeedTime.count()));
