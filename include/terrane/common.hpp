@@ -16,6 +16,7 @@
 #include "terrane/http/http_service_factory.hpp"
 #include "terrane/http/http_service_interface.hpp"
 #include "terrane/http/request_id.hpp"
+#include "terrane/http/transfer_limits.hpp"
 #include "terrane/http/ua_components.hpp"
 #include "terrane/http/url.hpp"
 #include "terrane/http/url_builder.hpp"

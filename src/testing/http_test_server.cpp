@@ -261,6 +261,24 @@ class HttpTestServer::Impl {
             }
         } else if (path == "/redirect-to-file") {
             response.set_redirect("file:///etc/hostname");
+        } else if (path == "/redirect-loop") {
+            response.set_redirect("/redirect-loop");
+        } else if (path == "/huge-head") {
+            if (request.has_param("lines")) {
+                const int lines = std::atoi(request.get_param_value("lines").c_str());
+                for (int line = 0; line < lines; ++line) {
+                    response.set_header("X-Padding-" + std::to_string(line), std::string(100, 'p'));
+                }
+            } else {
+                response.set_header("X-Padding", std::string(4 * 1024 * 1024, 'p'));
+            }
+            response.set_content("huge", "application/octet-stream");
+        } else if (path == "/endless") {
+            const auto chunk = std::make_shared<std::string>(testContent(64 * 1024, 10));
+            response.set_chunked_content_provider(
+                "application/octet-stream", [this, chunk](std::size_t, httplib::DataSink& sink) {
+                    return !isStopping() && sink.write(chunk->data(), chunk->size());
+                });
         } else if (path == "/gzip") {
             response.set_header("Content-Encoding", "gzip");
             response.set_content(gzipEncode("decoded body"), "application/octet-stream");
@@ -273,6 +291,11 @@ class HttpTestServer::Impl {
         } else {
             serveFile(request, response);
         }
+    }
+
+    bool isStopping() const {
+        std::lock_guard lock(mutex_);
+        return stopping_;
     }
 
     void waitFor(std::chrono::milliseconds duration) {
@@ -353,6 +376,17 @@ class HttpTestServer::Impl {
         const optional<std::size_t> dropAfter = faulty ? file.dropAfter : nullopt;
         const optional<std::size_t> stallAfter = faulty ? file.stallAfter : nullopt;
         auto body = std::make_shared<std::string>(file.content.substr(first));
+        if (file.announcedLength) {
+            response.set_content_provider(
+                *file.announcedLength, file.contentType,
+                [body](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                    if (offset < body->size()) {
+                        sink.write(body->data() + offset, body->size() - offset);
+                    }
+                    return false;  // short of the announced length: breaks the connection off
+                });
+            return;
+        }
         response.set_content_provider(
             body->size(), file.contentType,
             [this, body, dropAfter, stallAfter](std::size_t offset, std::size_t length,

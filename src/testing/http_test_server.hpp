@@ -54,6 +54,9 @@ struct TestFile {
     int faultyResponses = 1;
     // Waits this long before sending the head.
     std::chrono::milliseconds headDelay{0};
+    // Announced as Content-Length instead of the real size: the content is sent, then the
+    // connection is broken off.
+    optional<std::size_t> announcedLength{};
 };
 
 // Deterministic bytes for test files: the same size and seed give the same content.
@@ -75,6 +78,10 @@ std::string zlibEncode(std::string_view content);
 //   /slow-head?ms=<n>      waits n ms before answering 200 "slow"
 //   /redirect/<n>          n more redirects (302), then 200 "redirected"
 //   /redirect-to-file      302 to a file: URL
+//   /redirect-loop         302 to itself, every time
+//   /huge-head             200 "huge" after a 4 MiB header line
+//   /huge-head?lines=<n>   200 "huge" after n header lines of 100 bytes
+//   /endless               200 with a chunked body of 64 KiB chunks that never ends
 //   /gzip, /deflate        "decoded body" sent with that Content-Encoding
 //   /hold                  waits until releaseHeld() (or the server's end), then 200 "held";
 //                          heldNow() and heldAtMost() count the requests waiting there

@@ -31,17 +31,25 @@ class NginxServer {
 
     static bool isInstalled() { return ::access(kExecutable, X_OK) == 0; }
 
+    enum class Compression {
+        Off,
+        // gzip for every type and size, to every client that accepts it, as a server set up to
+        // save bandwidth would: entity tags of compressed answers turn weak, bodies go chunked.
+        GzipEverything,
+    };
+
     // Serves `root` at "/" (with "Cache-Control: max-age=3600") and again at "/slow/" at
     // slowRate bytes per second per connection, so that a test can catch a transfer mid-way. A
     // sendBuffer (for example "32k") caps the socket's send buffer, which on loopback would
     // otherwise take megabytes in one burst before any rate limit applies. Throws
     // std::runtime_error when nginx does not come up.
     NginxServer(std::filesystem::path root, std::filesystem::path work, std::string slowRate = "2m",
-                std::string sendBuffer = "")
+                std::string sendBuffer = "", Compression compression = Compression::Off)
         : root_(std::move(root)),
           work_(std::move(work)),
           slowRate_(std::move(slowRate)),
-          sendBuffer_(std::move(sendBuffer)) {
+          sendBuffer_(std::move(sendBuffer)),
+          compression_(compression) {
         std::filesystem::create_directories(work_);
         for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
             port_ = freePort();
@@ -137,6 +145,9 @@ class NginxServer {
             << "  sendfile on;\n"
             << "  tcp_nopush on;\n"
             << "  keepalive_requests 100000;\n"
+            << (compression_ == Compression::GzipEverything
+                    ? "  gzip on;\n  gzip_types *;\n  gzip_min_length 1;\n  gzip_proxied any;\n"
+                    : "")
             << "  server {\n"
             << "    listen 127.0.0.1:" << port_
             << (sendBuffer_.empty() ? std::string() : " sndbuf=" + sendBuffer_) << ";\n"
@@ -192,6 +203,7 @@ class NginxServer {
     std::filesystem::path work_;
     std::string slowRate_;
     std::string sendBuffer_;
+    Compression compression_;
     std::uint16_t port_ = 0;
     pid_t pid_ = -1;
 };

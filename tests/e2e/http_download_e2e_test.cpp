@@ -1,6 +1,6 @@
 // The Linux HTTP service against a real nginx on loopback: its Range, If-Range, ETag and
 // Cache-Control behaviour, and downloads cut off mid-way (cancelled, or the server killed) that
-// resume to a file with the right MD5.
+// resume to a file with the right MD5, also from an nginx that compresses whatever it can.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -177,6 +177,49 @@ TEST_F(HttpDownloadEndToEndTest, AFileChangedOnTheServerIsFetchedWholeAgain) {
     EXPECT_EQ((**final.httpResult).code, 200);
     EXPECT_EQ(final.receivedBytes, kFileSize / 2);
     expectDestinationMatchesServedFile();
+}
+
+TEST_F(HttpDownloadEndToEndTest, ACompressingServerStillResumesAndConfirmsTheStoredTag) {
+    nginx_ = std::make_unique<NginxServer>(scratch_->path() / "www", scratch_->path() / "gzip",
+                                           "2m", "32k", NginxServer::Compression::GzipEverything);
+
+    // Plain requests still take compression.
+    test::ResponseInbox plain;
+    service_->request(HttpRequest(nginx_->url("/pack.bin")), plain.callback());
+    const auto compressed = plain.waitFor(1);
+    ASSERT_TRUE(compressed.result.has_value());
+    EXPECT_EQ(compressed.result->headers.at("content-encoding"), "gzip");
+    EXPECT_EQ(test::bodyText(compressed), served_);
+
+    StatusInbox first;
+    const auto id = start(first, "/slow/pack.bin", false);
+    waitForBytes(first, 256 * 1024);
+    ASSERT_TRUE(cancel(id));
+    const auto stored = decodeResumeData(test::readWholeFile(resumeDataPathFor(destination_)));
+    ASSERT_TRUE(stored);
+    EXPECT_FALSE(stored->etag.starts_with("W/")) << stored->etag;
+
+    StatusInbox resumed;
+    start(resumed, "/slow/pack.bin", true);
+    const auto final = test::waitForFinal(resumed);
+    ASSERT_EQ(final.state, DownloadState::Finished);
+    const auto& head = **final.httpResult;
+    EXPECT_EQ(head.code, 206);
+    EXPECT_EQ(head.headers.at("content-range"), "bytes " + std::to_string(stored->bytes) + "-" +
+                                                    std::to_string(kFileSize - 1) + "/" +
+                                                    std::to_string(kFileSize));
+    EXPECT_FALSE(head.headers.contains("content-encoding"));
+    EXPECT_EQ(head.headers.at("etag"), stored->etag);
+    expectDestinationMatchesServedFile();
+
+    HttpRequest lease(nginx_->url("/pack.bin"),
+                      {{"If-None-Match", stored->etag}, {"Accept-Encoding", "identity"}});
+    lease.method = HttpMethod::Head;
+    test::ResponseInbox renewed;
+    service_->request(std::move(lease), renewed.callback());
+    const auto notModified = renewed.waitFor(1);
+    ASSERT_TRUE(notModified.result.has_value());
+    EXPECT_EQ(notModified.result->code, 304);
 }
 
 TEST_F(HttpDownloadEndToEndTest, AMissingFileIsAFinished404WithNginxsPage) {

@@ -37,7 +37,14 @@ HttpRequestErrorType requestErrorTypeFor(CURLcode result) {
     }
 }
 
-std::string curlErrorText(CURLcode result, const char* errorBuffer) {
+std::string curlErrorText(CURLcode result, const char* errorBuffer, bool headComplete) {
+    bool headerOverflow = result == CURLE_OUT_OF_MEMORY;
+#if LIBCURL_VERSION_NUM >= 0x080600
+    headerOverflow = headerOverflow || result == CURLE_TOO_LARGE;
+#endif
+    if (headerOverflow && !headComplete) {
+        return kResponseHeaderTooLarge;
+    }
     if (errorBuffer != nullptr && errorBuffer[0] != '\0') {
         return errorBuffer;
     }

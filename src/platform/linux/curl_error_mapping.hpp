@@ -16,8 +16,13 @@ namespace terrane::common {
 // Cancellation never reaches libcurl's results: the engine reports it itself. Pure; any thread.
 HttpRequestErrorType requestErrorTypeFor(CURLcode result);
 
+// The message of a transfer whose response head was too large, by libcurl's limits or ours.
+inline constexpr char kResponseHeaderTooLarge[] = "Response header too large.";
+
 // libcurl's own text for a failed transfer: the detailed message of the error buffer when libcurl
-// wrote one, else the generic text of the result.
-std::string curlErrorText(CURLcode result, const char* errorBuffer);
+// wrote one, else the generic text of the result. libcurl reports a response header beyond its
+// limits as running out of memory (or, in newer versions, as too large): while the head is not yet
+// complete (headComplete false), that reads kResponseHeaderTooLarge instead.
+std::string curlErrorText(CURLcode result, const char* errorBuffer, bool headComplete = true);
 
 }  // namespace terrane::common

@@ -43,5 +43,21 @@ TEST(CurlErrorMappingTest, TheDetailedTextWinsOverTheGenericOne) {
     EXPECT_EQ(curlErrorText(CURLE_COULDNT_CONNECT, nullptr), "Couldn't connect to server");
 }
 
+TEST(CurlErrorMappingTest, RunningOutOfMemoryOverAHeadReadsAsAnOversizedHead) {
+    const struct {
+        const char* buffer;
+        bool headComplete;
+        std::string expected;
+    } rows[] = {
+        {"Rejected 4194400 bytes header (max is 102400)!", false, kResponseHeaderTooLarge},
+        {"", false, kResponseHeaderTooLarge},
+        {"", true, "Out of memory"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(curlErrorText(CURLE_OUT_OF_MEMORY, row.buffer, row.headComplete), row.expected)
+            << row.buffer << row.headComplete;
+    }
+}
+
 }  // namespace
 }  // namespace terrane::common

@@ -14,7 +14,8 @@ class CurlEngine;
 // engine thread. cancelRequest from inside a callback takes effect, and answers, before it
 // returns.
 //
-// keepCompression is not supported: bodies always arrive decoded.
+// keepCompression is not supported: bodies always arrive decoded. Every exchange is held to the
+// process-wide TransferLimits (connect timeout, stall limit), whatever its own timeout says.
 //
 // Lifetime: HttpServiceFactory hands the service out as the platform default; when its last
 // holder lets go, the engine thread is stopped and joined (exchanges still in flight end without

@@ -19,6 +19,11 @@ namespace terrane::common {
 namespace {
 
 constexpr const char kTimedOut[] = "Request timed out.";
+// A download never takes part in content negotiation: the server's byte ranges, lengths and
+// entity tags must describe the file itself, or nothing can be resumed or measured.
+constexpr const char kIdentityEncoding[] = "Accept-Encoding: identity";
+// Partial files and resume data are nobody else's business.
+constexpr mode_t kPrivateFileMode = 0600;
 // Fewer, larger writes: a fast loopback transfer spends its time in system calls otherwise.
 constexpr long kReceiveBufferSize = 256 * 1024;
 
@@ -61,6 +66,10 @@ optional<ContentRange> parseContentRange(std::string_view value) {
 
 bool isSuccess(std::int64_t code) {
     return code >= 200 && code < 300;
+}
+
+std::string sizeExceededText(std::uint64_t maxBytes) {
+    return "Download exceeds the limit of " + std::to_string(maxBytes) + " bytes.";
 }
 
 }  // namespace
@@ -106,6 +115,11 @@ bool DownloadTransfer::start(Clock::time_point now) {
             ownsPartial_ = true;
         }
     }
+    if (exceedsLimit(written_)) {
+        discardPartial();
+        fail(DownloadErrorCode::SizeExceeded, sizeExceededText(*status_.downloadOptions.maxBytes));
+        return false;
+    }
     rangeRequested_ = offset_ > 0;
     lastActivity_ = lastReport_ = now;
     if (!createHandle(rangeRequested_)) {
@@ -132,6 +146,7 @@ optional<ResumeData> DownloadTransfer::takeResumeData() {
         return nullopt;
     }
     partial_ = base::io::FileDescriptor(fd);
+    (void)::fchmod(fd, kPrivateFileMode);  // one left by an older version may be readable by all
     struct stat info {};
     // A file shorter than recorded was not written by the download the data describes. One that
     // is longer holds what arrived after the data was last stored (a kill or a crash cut the
@@ -148,7 +163,7 @@ optional<ResumeData> DownloadTransfer::takeResumeData() {
 bool DownloadTransfer::createHandle(bool withRange) {
     // The old handle refers to the old header list: it goes first.
     easy_.reset();
-    std::vector<std::string> extra;
+    std::vector<std::string> extra{kIdentityEncoding};
     if (withRange) {
         extra.push_back("Range: bytes=" + std::to_string(offset_) + "-");
         extra.push_back("If-Range: " + resume_->ifRangeValidator());
@@ -189,10 +204,15 @@ std::size_t DownloadTransfer::onBody(char* data, std::size_t size, std::size_t c
 
 bool DownloadTransfer::acceptHeaderLine(std::string_view line) {
     lastActivity_ = Clock::now();
-    if (head_.feed(line) != ResponseHead::Event::Final) {
-        return true;
+    switch (head_.feed(line)) {
+        case ResponseHead::Event::Final:
+            return acceptFinalHead();
+        case ResponseHead::Event::TooLarge:
+            headTooLarge_ = true;
+            return false;
+        default:
+            return true;
     }
-    return acceptFinalHead();
 }
 
 bool DownloadTransfer::acceptFinalHead() {
@@ -228,12 +248,28 @@ bool DownloadTransfer::acceptSuccessHead(std::int64_t code) {
         offset_ = 0;
         written_ = 0;
     }
+
+    status_.totalBytes.reset();
+    if (!encoded) {
+        if (range && offset_ > 0 && range->completeLength) {
+            status_.totalBytes = range->completeLength;
+        } else if (const auto length = head_.header("content-length")) {
+            if (const auto bytes = parseNumber(*length)) {
+                status_.totalBytes = offset_ + *bytes;
+            }
+        }
+    }
+    if (status_.totalBytes && exceedsLimit(*status_.totalBytes)) {
+        sizeExceeded_ = true;
+        return false;  // announced too large: not a byte of it is wanted
+    }
+
     if (!openPartialFile(offset_ == 0)) {
         return false;
     }
 
     ResumeData data;
-    data.url = status_.downloadOptions.request.url;
+    data.url = resumeUrlFor(status_.downloadOptions.request.url);
     data.partialPath = partialPath_;
     data.bytes = written_;
     const auto etag = head_.header("etag");
@@ -249,21 +285,13 @@ bool DownloadTransfer::acceptSuccessHead(std::int64_t code) {
     if (data.hasValidator() && !encoded) {
         resume_ = data;
         wroteResumeData_ = true;
-        if (const auto stored = storeResumeData(status_.downloadOptions.localPath, data); !stored) {
+        const auto stored = storeResumeData(status_.downloadOptions.localPath, data);
+        resumeDataOnDisk_ = stored.has_value();
+        if (!stored) {
             Log::debug("Could not store resume data: " + stored.error(), std::string("http"));
         }
     }
 
-    status_.totalBytes.reset();
-    if (!encoded) {
-        if (range && offset_ > 0 && range->completeLength) {
-            status_.totalBytes = range->completeLength;
-        } else if (const auto length = head_.header("content-length")) {
-            if (const auto bytes = parseNumber(*length)) {
-                status_.totalBytes = offset_ + *bytes;
-            }
-        }
-    }
     status_.receivedBytes = written_;
     if (announceHead_) {
         announceHead_ = false;
@@ -278,7 +306,8 @@ bool DownloadTransfer::acceptSuccessHead(std::int64_t code) {
 
 bool DownloadTransfer::openPartialFile(bool truncate) {
     if (!static_cast<bool>(partial_)) {
-        const int fd = ::open(partialPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+        const int fd =
+            ::open(partialPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kPrivateFileMode);
         if (fd < 0) {
             fileError_ = systemErrorText(errno);
             return false;
@@ -312,6 +341,10 @@ bool DownloadTransfer::acceptBody(const char* data, std::size_t size) {
             return true;
         }
         case BodySink::File:
+            if (exceedsLimit(written_ + size)) {
+                sizeExceeded_ = true;
+                return false;
+            }
             if (const int error =
                     base::io::writeAll(partial_.get(), std::string_view(data, size))) {
                 fileError_ = systemErrorText(error);
@@ -336,14 +369,31 @@ CurlTransfer::Next DownloadTransfer::complete(CURLcode result) {
         lastActivity_ = Clock::now();
         return createHandle(false) ? Next::Restart : Next::Done;
     }
+    if (sizeExceeded_) {
+        discardPartial();
+        fail(DownloadErrorCode::SizeExceeded, sizeExceededText(*status_.downloadOptions.maxBytes));
+        return Next::Done;
+    }
     if (fileError_) {
+        // A full disk included: what was written stays, and so does the resume data.
         keepPartialForLater();
         fail(DownloadErrorCode::FileSystemError, *fileError_);
         return Next::Done;
     }
+    if (headTooLarge_) {
+        keepPartialForLater();
+        fail(DownloadErrorCode::NetworkError, kResponseHeaderTooLarge);
+        return Next::Done;
+    }
+    if (result == CURLE_OPERATION_TIMEDOUT) {
+        // The connect timeout or the stall limit of TransferLimits.
+        timeOut();
+        return Next::Done;
+    }
     if (result != CURLE_OK && !errorBodyCapped_) {
         keepPartialForLater();
-        fail(DownloadErrorCode::NetworkError, curlErrorText(result, errorBuffer_));
+        fail(DownloadErrorCode::NetworkError,
+             curlErrorText(result, errorBuffer_, head_.isComplete()));
         return Next::Done;
     }
     if (!head_.isComplete() || !isSuccess(head_.code())) {
@@ -375,6 +425,7 @@ void DownloadTransfer::succeed() {
     ownsPartial_ = false;
     if (wroteResumeData_) {
         removeResumeData(localPath);
+        resumeDataOnDisk_ = false;
     }
     status_.state = DownloadState::Finished;
     status_.receivedBytes = written_;
@@ -425,13 +476,41 @@ bool DownloadTransfer::keepPartialForLater() {
     if (resume_) {
         resume_->bytes = written_;
         if (storeResumeData(status_.downloadOptions.localPath, *resume_)) {
-            wroteResumeData_ = true;
+            wroteResumeData_ = resumeDataOnDisk_ = true;
+            return true;
+        }
+        // The data stored earlier (as on a full disk, where nothing new can be written) still
+        // resumes: it counts fewer bytes than the file holds, and the surplus is kept.
+        if (resumeDataOnDisk_) {
             return true;
         }
     }
     ::unlink(partialPath_.c_str());
     ownsPartial_ = false;
     return false;
+}
+
+void DownloadTransfer::discardPartial() {
+    (void)partial_.close();
+    if (ownsPartial_) {
+        ::unlink(partialPath_.c_str());
+        ownsPartial_ = false;
+    }
+    removeResumeData(status_.downloadOptions.localPath);
+    resume_.reset();
+    resumeDataOnDisk_ = false;
+}
+
+bool DownloadTransfer::exceedsLimit(std::uint64_t bytes) const {
+    const auto& limit = status_.downloadOptions.maxBytes;
+    return limit && bytes > *limit;
+}
+
+void DownloadTransfer::timeOut() {
+    keepPartialForLater();
+    status_.httpResult =
+        unexpected(HttpRequestError{HttpRequestErrorType::RequestTimedOut, kTimedOut});
+    fail(DownloadErrorCode::NetworkError, kTimedOut);
 }
 
 void DownloadTransfer::fail(DownloadErrorCode code, std::string message) {
@@ -443,10 +522,7 @@ void DownloadTransfer::fail(DownloadErrorCode code, std::string message) {
 bool DownloadTransfer::tick(Clock::time_point now) {
     const auto limit = inactivityLimit();
     if (limit.count() > 0 && now - lastActivity_ >= limit) {
-        keepPartialForLater();
-        status_.httpResult =
-            unexpected(HttpRequestError{HttpRequestErrorType::RequestTimedOut, kTimedOut});
-        fail(DownloadErrorCode::NetworkError, kTimedOut);
+        timeOut();
         return true;
     }
     if (progressDirty_ && now - lastReport_ >= kProgressInterval) {

@@ -24,19 +24,25 @@ namespace terrane::common {
 // request arrives; progress at most once per kProgressInterval; then exactly one Finished or
 // Failed. Nothing after the final report or after a cancellation.
 //
-// Files: the bytes go to "<localPath>.part", which on success is flushed and renamed over
-// localPath. An answer outside 2xx still ends Finished but leaves the destination alone; its body
-// (at most kMaxErrorBody bytes) is the data of httpResult. Resume data ("<localPath>.rd") is
+// Files: the bytes go to "<localPath>.part" (mode 0600), which on success is flushed and renamed
+// over localPath. An answer outside 2xx still ends Finished but leaves the destination alone; its
+// body (at most kMaxErrorBody bytes) is the data of httpResult. Resume data ("<localPath>.rd") is
 // written as soon as the head of a resumable answer (2xx with a strong ETag or a Last-Modified
 // date, body not content-encoded) arrives, and refreshed with the byte count when the download is
-// cancelled, fails in transport or is abandoned, so that a download cut off even by a crash can
-// resume. A partial file that cannot be resumed is removed when the download ends.
+// cancelled, fails in transport or on a full disk, or is abandoned, so that a download cut off even
+// by a crash can resume. A partial file that cannot be resumed is removed when the download ends.
+// The request goes out with "Accept-Encoding: identity", whatever the caller's headers say.
+//
+// Size: with options.maxBytes, a download ends with SizeExceeded as soon as the bytes it holds
+// (a resumed offset included) would exceed it, or the response head announces more; its partial
+// file and resume data are removed then.
 //
 // Resume: "Range: bytes=N-" and "If-Range" with the stored validator; 206 appends; 200 starts the
 // file over; 416 starts over once without a range.
 //
 // Inactivity: request.timeout (seconds, 0: none) limits the time without any bytes arriving, head
-// or body; the download then fails with NetworkError "Request timed out.".
+// or body; the download then fails with NetworkError "Request timed out.", as it does when the
+// process-wide TransferLimits end it.
 //
 // Engine thread only.
 class DownloadTransfer final : public CurlTransfer {
@@ -82,6 +88,10 @@ class DownloadTransfer final : public CurlTransfer {
     // Keeps the partial file with fresh resume data when the download can be resumed, else
     // removes a partial file this download wrote. True when resume data was stored.
     bool keepPartialForLater();
+    // Removes the partial file and the resume data.
+    void discardPartial();
+    bool exceedsLimit(std::uint64_t bytes) const;
+    void timeOut();
     void report();
     void reportFinal();
     std::chrono::seconds inactivityLimit() const;
@@ -110,6 +120,10 @@ class DownloadTransfer final : public CurlTransfer {
     optional<ResumeData> resume_;
     // Whether this download has written resume data (and so may remove the file when done).
     bool wroteResumeData_ = false;
+    // Whether resume data describing the partial file is on disk now (the last store succeeded).
+    bool resumeDataOnDisk_ = false;
+    bool sizeExceeded_ = false;
+    bool headTooLarge_ = false;
     // The data this download was resumed from, put back if the server answers outside 2xx.
     optional<ResumeData> resumedFrom_;
     bool rangeRequested_ = false;

@@ -2,6 +2,11 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <string_view>
+
+#include "terrane/http/transfer_limits.hpp"
+
 namespace terrane::common {
 
 namespace {
@@ -9,6 +14,20 @@ namespace {
 constexpr long kMaxRedirects = 10;
 constexpr const char kAllowedProtocols[] = "http,https";
 constexpr const char kOutOfMemory[] = "Out of memory";
+
+bool sameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// Whether one of the lines ("Name: value") sets the header.
+bool setByLines(const std::string& name, const std::vector<std::string>& lines) {
+    for (const auto& line : lines) {
+        if (sameName(name, std::string_view(line).substr(0, line.find(':')))) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -22,7 +41,10 @@ expected<CurlHeaderList, std::string> buildHeaderList(const HttpRequest& request
         if (name == "User-Agent" && value.empty()) {
             continue;  // an empty value counts as none: the generated one goes out instead
         }
-        if (name.size() == 6 && strncasecmp(name.c_str(), "expect", 6) == 0) {
+        if (setByLines(name, extraLines)) {
+            continue;
+        }
+        if (sameName(name, "expect")) {
             callerSetsExpect = true;
         }
         // libcurl drops a header written "Name:" and sends an empty one written "Name;".
@@ -69,8 +91,17 @@ expected<CurlEasyHandle, std::string> createEasyHandle(const HttpRequest& reques
     set(CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
     set(CURLOPT_SSL_VERIFYPEER, 1L);
     set(CURLOPT_SSL_VERIFYHOST, 2L);
-    // An empty list asks for every encoding this libcurl can decode and decodes the body.
+    // An empty list asks for every encoding this libcurl can decode and decodes the body. An
+    // Accept-Encoding line in the header list goes out instead of libcurl's, and whatever encoding
+    // the server still chooses is decoded all the same.
     set(CURLOPT_ACCEPT_ENCODING, "");
+    const TransferLimits limits = getTransferLimits();
+    // libcurl refuses a negative time, which would fail every exchange: it counts as 0.
+    set(CURLOPT_CONNECTTIMEOUT, std::max<long>(0, limits.connectTimeout.count()));
+    if (limits.lowSpeedBytesPerSecond > 0 && limits.lowSpeedTime.count() > 0) {
+        set(CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(limits.lowSpeedBytesPerSecond));
+        set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(limits.lowSpeedTime.count()));
+    }
     switch (request.method) {
         case HttpMethod::Get:
             set(CURLOPT_HTTPGET, 1L);

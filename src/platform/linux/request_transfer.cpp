@@ -34,7 +34,11 @@ bool RequestTransfer::start(const std::string& userAgent) {
 }
 
 std::size_t RequestTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* self) {
-    static_cast<RequestTransfer*>(self)->head_.feed({data, size * count});
+    auto& transfer = *static_cast<RequestTransfer*>(self);
+    if (transfer.head_.feed({data, size * count}) == ResponseHead::Event::TooLarge) {
+        transfer.headTooLarge_ = true;
+        return 0;
+    }
     return size * count;
 }
 
@@ -46,9 +50,14 @@ std::size_t RequestTransfer::onBody(char* data, std::size_t size, std::size_t co
 }
 
 CurlTransfer::Next RequestTransfer::complete(CURLcode result) {
-    if (result != CURLE_OK) {
+    if (headTooLarge_) {
         deliver(unexpected(
-            HttpRequestError{requestErrorTypeFor(result), curlErrorText(result, errorBuffer_)}));
+            HttpRequestError{HttpRequestErrorType::OtherError, kResponseHeaderTooLarge}));
+        return Next::Done;
+    }
+    if (result != CURLE_OK) {
+        deliver(unexpected(HttpRequestError{
+            requestErrorTypeFor(result), curlErrorText(result, errorBuffer_, head_.isComplete())}));
         return Next::Done;
     }
     HttpResponseData data;

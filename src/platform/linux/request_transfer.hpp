@@ -13,7 +13,8 @@
 namespace terrane::common {
 
 // A plain request: the whole body is collected in memory and the callback gets exactly one
-// response or transport failure. request.timeout, when not 0, limits the whole exchange.
+// response or transport failure. request.timeout, when not 0, limits the whole exchange. A
+// response head that is too large ends it with OtherError kResponseHeaderTooLarge.
 //
 // Engine thread only.
 class RequestTransfer final : public CurlTransfer {
@@ -43,6 +44,7 @@ class RequestTransfer final : public CurlTransfer {
     CurlEasyHandle easy_;
     ResponseHead head_;
     HttpBody body_;
+    bool headTooLarge_ = false;
 };
 
 }  // namespace terrane::common

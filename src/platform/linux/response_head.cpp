@@ -58,7 +58,12 @@ ResponseHead::Event ResponseHead::feed(std::string_view line) {
     if (const auto code = statusCodeOfLine(line)) {
         headers_.clear();
         code_ = *code;
+        headBytes_ = line.size();
         return Event::None;
+    }
+    headBytes_ += line.size();
+    if (headBytes_ > kMaxHeadBytes) {
+        return Event::TooLarge;
     }
     const std::string_view content = trim(line);
     if (content.empty()) {
@@ -100,6 +105,7 @@ void ResponseHead::reset() {
     headers_.clear();
     code_ = 0;
     complete_ = false;
+    headBytes_ = 0;
 }
 
 }  // namespace terrane::common

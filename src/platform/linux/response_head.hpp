@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,16 +14,20 @@ namespace terrane::common {
 // head: interim answers (1xx) and redirects that libcurl follows each bring a head of their own,
 // which is dropped when the next status line arrives. Lines after the final head (trailers of a
 // chunked body) are ignored. Header names come out lower-cased; a name that occurs more than once
-// gets its values joined with ", ", as HTTP allows for lists.
+// gets its values joined with ", ", as HTTP allows for lists. A head larger than kMaxHeadBytes is
+// refused, so that a hostile server cannot make the head grow without end.
 //
 // One reader per transfer, used on the engine thread only.
 class ResponseHead {
   public:
     enum class Event {
-        None,     // a line inside a head, or one after the final head
-        Interim,  // a head ended that is not the answer: a 1xx, or a redirect being followed
-        Final,    // the final head ended; code() and headers() describe it from now on
+        None,      // a line inside a head, or one after the final head
+        Interim,   // a head ended that is not the answer: a 1xx, or a redirect being followed
+        Final,     // the final head ended; code() and headers() describe it from now on
+        TooLarge,  // the head grew beyond kMaxHeadBytes: the transfer is to be ended
     };
+
+    static constexpr std::size_t kMaxHeadBytes = 256 * 1024;
 
     // Feeds one line as libcurl delivers it, with or without its CR LF.
     Event feed(std::string_view line);
@@ -41,6 +46,7 @@ class ResponseHead {
     HttpHeaders headers_;
     std::int64_t code_ = 0;
     bool complete_ = false;
+    std::size_t headBytes_ = 0;
 };
 
 // The digits of a status line ("HTTP/1.1 206 Partial Content", "HTTP/2 200"); nothing when the

@@ -14,7 +14,8 @@ namespace terrane::common {
 // JSON document in "<localPath>.rd" beside the destination; the bytes themselves stay in
 // "<localPath>.part". A plain value record.
 struct ResumeData {
-    // The URL the download was asked for; data is only used for a download of the same URL.
+    // The URL the download was asked for, without its access token (resumeUrlFor); data is only
+    // used for a download of the same URL, whatever token that one carries.
     std::string url;
     std::string partialPath;
     std::uint64_t bytes = 0;
@@ -30,6 +31,11 @@ struct ResumeData {
     friend bool operator==(const ResumeData&, const ResumeData&) = default;
 };
 
+// The URL as resume data keeps and compares it: without the "access_token" query parameter, so
+// that no token is ever written to disk and a renewed token still resumes. Empty parameters go
+// too; everything else, fragment included, stays as it is.
+std::string resumeUrlFor(std::string_view url);
+
 // File names beside the destination.
 std::string resumeDataPathFor(const std::string& localPath);
 std::string partialFilePathFor(const std::string& localPath);
@@ -39,11 +45,13 @@ std::string partialFilePathFor(const std::string& localPath);
 std::string encodeResumeData(const ResumeData& data);
 expected<ResumeData, std::string> decodeResumeData(std::string_view text);
 
-// Writes the data atomically to resumeDataPathFor(localPath); the error is the system's text.
+// Writes the data atomically to resumeDataPathFor(localPath), readable by the owner only (0600);
+// the error is the system's text.
 expected<void, std::string> storeResumeData(const std::string& localPath, const ResumeData& data);
 
 // The resume data stored for this download, when there is some and it is valid for it: written by
-// this library, for the same URL and the partial file beside the same destination. Invalid data is
+// this library, for the same URL (both compared by resumeUrlFor) and the partial file beside the
+// same destination. Invalid data is
 // left on disk untouched; a file that cannot be read is logged at debug level. Does not delete.
 optional<ResumeData> loadResumeData(const DownloadOptions& options);
 

@@ -21,6 +21,23 @@ TEST(ResumeDataTest, FilesSitBesideTheDestination) {
     EXPECT_EQ(partialFilePathFor("/data/pack.zip"), "/data/pack.zip.part");
 }
 
+TEST(ResumeDataTest, TheAccessTokenIsLeftOutOfTheUrl) {
+    const struct {
+        const char* url;
+        const char* expected;
+    } rows[] = {
+        {"https://h/p.bin", "https://h/p.bin"},
+        {"https://h/p.bin?access_token=s3cr%20t", "https://h/p.bin"},
+        {"https://h/p.bin?a=1&access_token=s&b=2", "https://h/p.bin?a=1&b=2"},
+        {"https://h/p.bin?access_token=s&access_token=t&a#frag", "https://h/p.bin?a#frag"},
+        {"https://h/p.bin?my_access_token=s&access_token", "https://h/p.bin?my_access_token=s"},
+        {"https://h/p.bin#access_token=s", "https://h/p.bin#access_token=s"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(resumeUrlFor(row.url), row.expected) << row.url;
+    }
+}
+
 TEST(ResumeDataTest, EncodedDataDecodesToTheSameRecord) {
     ResumeData data = sample("/data/pack.zip");
     data.url = "https://example.test/a \"quoted\"\\path?x=1";
