@@ -47,10 +47,19 @@ std::string outcomeLine(const PackKey& key, const Followed& pack) {
                    (pack.last.error ? ": " + describeError(*pack.last.error) +
                                           " (delete it, then download it again)"
                                     : std::string());
-        case OfflineDataPackStatus::Errored:
-            return describe(key) + " failed: " +
-                   (pack.last.error ? describeError(*pack.last.error)
-                                    : std::string("no reason given"));
+        case OfflineDataPackStatus::Errored: {
+            std::string line = describe(key) + " failed: " +
+                               (pack.last.error ? describeError(*pack.last.error)
+                                                : std::string("no reason given"));
+            // The system's words ("No such file or directory") do not say which file.
+            if (pack.last.error &&
+                pack.last.error->code == common::OfflineDataErrorCode::Filesystem &&
+                !pack.last.path.empty() &&
+                pack.last.error->message.find('/') == std::string::npos) {
+                line += " (" + printable(pack.last.path) + ")";
+            }
+            return line;
+        }
         default:
             return describe(key) + " did not complete (" + statusName(pack.last.status) + ")" +
                    (pack.note.empty() ? std::string() : ": " + pack.note);
