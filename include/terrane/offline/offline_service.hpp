@@ -27,9 +27,12 @@ using AvailableRegionsCallback =
 //
 // There is at most one live service per process, shared by everyone who asked for it through
 // getInstance(). It lives while any shared pointer to it is held; releasing the last one runs the
-// work still queued, then stops and joins the worker thread. The last reference must therefore
-// never be released on that thread: observer callbacks should not call getInstance() nor hold a
-// service pointer of their own (registering and unregistering observers from them is fine).
+// work still queued (answers that have arrived, acknowledged deletions), then stops and joins the
+// worker thread. No new HTTP exchange starts once the release has begun: a download or lease
+// renewal still queued then waits for the next service, and a listing is not answered. The last
+// reference must therefore never be released on that thread: observer callbacks should not call
+// getInstance() nor hold a service pointer of their own (registering and unregistering observers
+// from them is fine).
 //
 // Threads: every member may be called from any thread. Operations posted from one thread reach
 // the worker in the order they were made.

@@ -180,13 +180,6 @@ TEST_F(CurlHttpServiceRequestTest, RedirectsAreFollowedUpToTen) {
         << eleven.result.error().message;
 }
 
-TEST_F(CurlHttpServiceRequestTest, ARedirectToAFileUrlFails) {
-    const auto response = get("/redirect-to-file");
-    ASSERT_FALSE(response.result.has_value());
-    EXPECT_EQ(response.result.error().type, HttpRequestErrorType::OtherError);
-    EXPECT_FALSE(response.result.error().message.empty());
-}
-
 TEST_F(CurlHttpServiceRequestTest, OnlyHttpAndHttpsAreFetched) {
     const auto response = fetch(HttpRequest("file:///etc/hostname"));
     ASSERT_FALSE(response.result.has_value());
