@@ -183,6 +183,8 @@ TEST_F(CrashTest, EveryPackIsAbsentResumableOrRightAfterAnyKill) {
 TEST_F(CrashTest, ASecondProcessWaitsForTheStorageThenGivesUpWithStatusFive) {
     auto first = spawn({"download", "harbour"}, 0);
     ASSERT_TRUE(eventually([&] { return largestFileBelow(storage()) > 0; }, 30s)) << first->err();
+    // Held still, so that it keeps the storage however fast the machine is.
+    first->signal(SIGSTOP);
 
     std::vector<std::string> second = command({"--wait", "1", "download", "harbour"});
     second.erase(second.begin());
