@@ -7,13 +7,13 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "terrane/reachability/reachability_factory.hpp"
+#include "testing/namespaces.hpp"
 #include "util/file_descriptor.hpp"
 
 // Reachability against the real kernel, each test in a network namespace of its own with one
@@ -23,29 +23,6 @@ namespace {
 
 bool shell(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-bool writeFile(const char* path, const std::string& text) {
-    std::ofstream file(path);
-    file << text;
-    file.close();
-    return static_cast<bool>(file);
-}
-
-// Moves the calling thread into a fresh network namespace: directly as root, else inside a user
-// namespace of its own (which needs a single-threaded process).
-bool enterFreshNetworkNamespace() {
-    if (::unshare(CLONE_NEWNET) == 0) {
-        return true;
-    }
-    const uid_t uid = ::geteuid();
-    const gid_t gid = ::getegid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-        return false;
-    }
-    return writeFile("/proc/self/setgroups", "deny") &&
-           writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") &&
-           writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
 // What a service's listeners heard, for waiting on with a bound.
@@ -82,7 +59,7 @@ class NetlinkReachabilityTest : public ::testing::Test {
 
     void SetUp() override {
         original_ = base::io::FileDescriptor(::open("/proc/thread-self/ns/net", O_RDONLY));
-        if (!enterFreshNetworkNamespace()) {
+        if (!test::enterFreshNamespaces(CLONE_NEWNET)) {
             GTEST_SKIP() << "no network namespace allowed here: " << std::strerror(errno);
         }
         if (!shell("ip link set lo up")) {
