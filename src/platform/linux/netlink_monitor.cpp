@@ -138,12 +138,14 @@ void NetlinkMonitor::wake(const Session& session) {
 void NetlinkMonitor::run(const std::shared_ptr<Session>& session) {
     ::pthread_setname_np(::pthread_self(), "terrane-netmon");
     using Clock = std::chrono::steady_clock;
-    optional<Clock::time_point> settleBy;
+    // While `settling`, a burst is under way and is reported once `settleBy` has passed.
+    bool settling = false;
+    Clock::time_point settleBy;
     for (;;) {
         int timeout = -1;
-        if (settleBy) {
+        if (settling) {
             const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(*settleBy - Clock::now());
+                std::chrono::duration_cast<std::chrono::milliseconds>(settleBy - Clock::now());
             timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
         }
         std::array<pollfd, 2> fds{
@@ -156,12 +158,13 @@ void NetlinkMonitor::run(const std::shared_ptr<Session>& session) {
             std::uint64_t count = 0;
             [[maybe_unused]] const ssize_t read = ::read(session->wake.get(), &count, sizeof count);
         }
-        if ((fds[0].revents & POLLIN) != 0 && drain(session->socket.get()) && !settleBy) {
+        if ((fds[0].revents & POLLIN) != 0 && drain(session->socket.get()) && !settling) {
+            settling = true;
             settleBy = Clock::now() + kSettleTime;
         }
-        const bool settled = settleBy && Clock::now() >= *settleBy;
+        const bool settled = settling && Clock::now() >= settleBy;
         if (settled) {
-            settleBy.reset();
+            settling = false;
             metered_.store(networkManagerReportsMetered());
         }
         {
