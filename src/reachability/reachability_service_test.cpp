@@ -43,7 +43,7 @@ TEST(ReachabilityFlagsTest, StatusFollowsTheRulesInOrder) {
     }
 }
 
-// Answers flags set by the test; counts notifier starts.
+// Answers the flags the test sets.
 class FakeHandle : public ReachabilityHandle {
   public:
     explicit FakeHandle(std::shared_ptr<std::atomic<ReachabilityFlags>> flags)

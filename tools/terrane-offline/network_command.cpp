@@ -6,7 +6,10 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <string>
 #include <terrane/reachability/reachability_factory.hpp>
+#include <tuple>
+#include <utility>
 
 namespace terrane::tool {
 namespace {
