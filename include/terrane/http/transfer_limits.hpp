@@ -22,6 +22,10 @@ struct TransferLimits {
     // 0 (or less) in either field: no such limit.
     std::uint32_t lowSpeedBytesPerSecond = 1;
     std::chrono::seconds lowSpeedTime{60};
+    // The most body a plain request takes in (it is held in memory); more ends the exchange with
+    // OtherError "Response body too large.". Downloads go to disk and have maxBytes instead.
+    // 0: no cap.
+    std::uint64_t maxResponseBytes = 64 * 1024 * 1024;
 
     friend bool operator==(const TransferLimits&, const TransferLimits&) = default;
 };

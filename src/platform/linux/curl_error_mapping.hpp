@@ -18,6 +18,7 @@ HttpRequestErrorType requestErrorTypeFor(CURLcode result);
 
 // The message of a transfer whose response head was too large, by libcurl's limits or ours.
 inline constexpr char kResponseHeaderTooLarge[] = "Response header too large.";
+inline constexpr char kResponseBodyTooLarge[] = "Response body too large.";
 
 // libcurl's own text for a failed transfer: the detailed message of the error buffer when libcurl
 // wrote one, else the generic text of the result. libcurl reports a response header beyond its

@@ -137,6 +137,7 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
         .connectTimeout = std::chrono::seconds(1),
         .lowSpeedBytesPerSecond = 1,
         .lowSpeedTime = std::chrono::seconds(1),
+        .maxResponseBytes = 1024 * 1024,
     });
     TestFile longer;
     longer.content = test::testContent(32 * 1024);
@@ -152,7 +153,7 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
     struct Row {
         const char* name;
         std::string url;
-        // Nothing: no plain request for the row (its body would never end).
+        // Nothing: no plain request for the row.
         optional<HttpRequestErrorType> requestError;
         std::string requestMessagePart;
         DownloadErrorCode downloadError;
@@ -171,8 +172,9 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
          network, "Request timed out.", false},
         {"connection never accepted", unaccepting.url(), timedOut, "Failed to connect", network,
          "Request timed out.", false},
-        {"endless body without a length", server_->url("/endless"), nullopt, "",
-         DownloadErrorCode::SizeExceeded, "limit of 1048576 bytes", false},
+        {"endless body without a length", server_->url("/endless"), other,
+         "Response body too large.", DownloadErrorCode::SizeExceeded, "limit of 1048576 bytes",
+         false},
         {"a length beyond the cap", server_->url("/beyond-cap"), connection, "",
          DownloadErrorCode::SizeExceeded, "limit of 1048576 bytes", false},
         {"a length longer than the body", server_->url("/longer-than-body"), connection,

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/linux/curl_error_mapping.hpp"
+#include "terrane/http/transfer_limits.hpp"
 
 namespace terrane::common {
 
@@ -30,6 +31,7 @@ bool RequestTransfer::start(const std::string& userAgent) {
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &RequestTransfer::onBody);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(request_.timeout));
+    maxBodyBytes_ = getTransferLimits().maxResponseBytes;
     return true;
 }
 
@@ -43,16 +45,23 @@ std::size_t RequestTransfer::onHeader(char* data, std::size_t size, std::size_t 
 }
 
 std::size_t RequestTransfer::onBody(char* data, std::size_t size, std::size_t count, void* self) {
-    auto& body = static_cast<RequestTransfer*>(self)->body_;
+    auto& transfer = *static_cast<RequestTransfer*>(self);
+    auto& body = transfer.body_;
+    if (transfer.maxBodyBytes_ != 0 && body.size() + size * count > transfer.maxBodyBytes_) {
+        // A body that never ends must not take the process's memory with it.
+        transfer.bodyTooLarge_ = true;
+        return 0;
+    }
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(data);
     body.insert(body.end(), bytes, bytes + size * count);
     return size * count;
 }
 
 CurlTransfer::Next RequestTransfer::complete(CURLcode result) {
-    if (headTooLarge_) {
+    if (headTooLarge_ || bodyTooLarge_) {
         deliver(unexpected(
-            HttpRequestError{HttpRequestErrorType::OtherError, kResponseHeaderTooLarge}));
+            HttpRequestError{HttpRequestErrorType::OtherError,
+                             headTooLarge_ ? kResponseHeaderTooLarge : kResponseBodyTooLarge}));
         return Next::Done;
     }
     if (result != CURLE_OK) {

@@ -45,6 +45,9 @@ class RequestTransfer final : public CurlTransfer {
     ResponseHead head_;
     HttpBody body_;
     bool headTooLarge_ = false;
+    // From the transfer limits in force at start; 0: none.
+    std::uint64_t maxBodyBytes_ = 0;
+    bool bodyTooLarge_ = false;
 };
 
 }  // namespace terrane::common
