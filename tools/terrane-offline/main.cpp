@@ -15,6 +15,7 @@
 #include "download_command.hpp"
 #include "interrupt_watcher.hpp"
 #include "log_sink.hpp"
+#include "network_command.hpp"
 #include "options.hpp"
 #include "publish_command.hpp"
 #include "regions_command.hpp"
@@ -122,6 +123,8 @@ int run(int argc, char** argv, InterruptWatcher& interrupts) {
                      "The sample server's BYTES per second per connection")
         ->capture_default_str();
 
+    NetworkCommand network(app);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -159,6 +162,9 @@ int run(int argc, char** argv, InterruptWatcher& interrupts) {
     } else if (demo->parsed()) {
         installLogSink(Redactor(), global.verbose);
         result = runDemo(global, interrupts, demoOptions);
+    } else if (network.parsed()) {
+        installLogSink(Redactor(), global.verbose);
+        result = network.run(interrupts);
     }
     return report(result);
 }

@@ -1,0 +1,143 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "terrane/reachability/reachability_factory.hpp"
+#include "testing/namespaces.hpp"
+#include "util/file_descriptor.hpp"
+
+// Reachability against the real kernel, each test in a network namespace of its own with one
+// test link "x0" (a dummy link, or a veth pair where the kernel has no dummy driver).
+namespace terrane::common {
+namespace {
+
+bool shell(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// What a service's listeners heard, for waiting on with a bound.
+class Heard {
+  public:
+    void add(NetworkStatus status) {
+        const std::lock_guard lock(mutex_);
+        statuses_.push_back(status);
+        changed_.notify_all();
+    }
+    // Waits until the latest call reported `status`.
+    bool waitForLatest(NetworkStatus status) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10),
+                                 [&] { return !statuses_.empty() && statuses_.back() == status; });
+    }
+    std::size_t count() {
+        const std::lock_guard lock(mutex_);
+        return statuses_.size();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<NetworkStatus> statuses_;
+};
+
+class NetlinkReachabilityTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        // Keeps a NetworkManager of the machine out of the answers; its hint has a test of its own.
+        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/terrane-test-bus", 1);
+    }
+
+    void SetUp() override {
+        original_ = base::io::FileDescriptor(::open("/proc/thread-self/ns/net", O_RDONLY));
+        if (!test::enterFreshNamespaces(CLONE_NEWNET)) {
+            GTEST_SKIP() << "no network namespace allowed here: " << std::strerror(errno);
+        }
+        if (!shell("ip link set lo up")) {
+            GTEST_SKIP() << "the ip tool cannot configure this namespace";
+        }
+        if (shell("ip link add x0 type dummy")) {
+            carrierOff_ = "ip link set x0 carrier off";
+            carrierOn_ = "ip link set x0 carrier on";
+        } else if (shell("ip link add x0 type veth peer name x1 && ip link set x1 up")) {
+            carrierOff_ = "ip link set x1 down";
+            carrierOn_ = "ip link set x1 up";
+        } else {
+            GTEST_SKIP() << "neither dummy nor veth links can be made here";
+        }
+    }
+
+    void TearDown() override {
+        if (original_) {
+            ::setns(original_.get(), CLONE_NEWNET);
+        }
+    }
+
+    static std::shared_ptr<ReachabilityInterface> startService(const optional<std::string>& host,
+                                                               Heard& heard) {
+        auto service = ReachabilityFactory::reachability(host);
+        service->addListener([&heard](NetworkStatus status) { heard.add(status); });
+        service->start();
+        return service;
+    }
+
+    std::string carrierOff_;
+    std::string carrierOn_;
+
+  private:
+    base::io::FileDescriptor original_;
+};
+
+TEST_F(NetlinkReachabilityTest, EveryChangeOfTheDefaultRouteReachesTheListeners) {
+    Heard heard;
+    auto service = startService(nullopt, heard);
+    ASSERT_EQ(heard.count(), 1u) << "start() calls the listener once";
+    EXPECT_TRUE(heard.waitForLatest(NetworkStatus::NotReachable)) << "only loopback";
+
+    const struct {
+        std::string change;
+        NetworkStatus status;
+    } steps[] = {
+        {"ip link set x0 up && ip route add default dev x0", NetworkStatus::ReachableViaWiFi},
+        {carrierOff_, NetworkStatus::NotReachable},
+        {carrierOn_, NetworkStatus::ReachableViaWiFi},
+        {"ip link set x0 down", NetworkStatus::NotReachable},
+        {"ip link set x0 name wwan0 && ip link set wwan0 up && ip route add default dev wwan0",
+         NetworkStatus::ReachableViaWAN},
+        {"ip route del default", NetworkStatus::NotReachable},
+    };
+    for (const auto& step : steps) {
+        ASSERT_TRUE(shell(step.change)) << step.change;
+        EXPECT_TRUE(heard.waitForLatest(step.status))
+            << step.change << ": expected " << toString(step.status);
+        EXPECT_EQ(service->currentNetworkStatus(), step.status) << step.change;
+        EXPECT_EQ(service->isReachable(), step.status != NetworkStatus::NotReachable);
+    }
+}
+
+TEST_F(NetlinkReachabilityTest, OneChangeReachesTheServicesOfTwoHosts) {
+    Heard first;
+    Heard second;
+    auto a = startService(std::string("192.0.2.1"), first);
+    auto b = startService(std::string("2001:db8::1"), second);
+    EXPECT_TRUE(first.waitForLatest(NetworkStatus::NotReachable));
+    EXPECT_TRUE(second.waitForLatest(NetworkStatus::NotReachable));
+
+    ASSERT_TRUE(
+        shell("ip link set x0 up && ip route add default dev x0 && "
+              "ip -6 route add default dev x0"));
+    EXPECT_TRUE(first.waitForLatest(NetworkStatus::ReachableViaWiFi));
+    EXPECT_TRUE(second.waitForLatest(NetworkStatus::ReachableViaWiFi));
+}
+
+}  // namespace
+}  // namespace terrane::common

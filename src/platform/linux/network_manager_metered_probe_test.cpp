@@ -1,0 +1,148 @@
+#include "platform/linux/network_manager_metered_probe.hpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+extern char** environ;
+
+namespace terrane::common {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A private message bus: dbus-daemon with the session configuration on a socket in a scratch
+// directory. The object owns the daemon and stops it on destruction.
+class PrivateBus {
+  public:
+    PrivateBus()
+        : directory_(fs::temp_directory_path() / ("terrane-bus-" + std::to_string(::getpid()))) {
+        fs::create_directories(directory_);
+        const std::string listen = "--address=unix:path=" + (directory_ / "bus").string();
+        const char* argv[] = {"dbus-daemon", "--session", "--nofork", listen.c_str(), nullptr};
+        if (::posix_spawnp(&pid_, "dbus-daemon", nullptr, nullptr, const_cast<char**>(argv),
+                           environ) != 0) {
+            pid_ = -1;
+            return;
+        }
+        // Bounded wait for the daemon's socket to appear.
+        for (int i = 0; i < 500 && !fs::exists(directory_ / "bus"); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    ~PrivateBus() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGTERM);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        std::error_code ignored;
+        fs::remove_all(directory_, ignored);
+    }
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+    bool running() const { return pid_ > 0 && fs::exists(directory_ / "bus"); }
+    std::string address() const { return "unix:path=" + (directory_ / "bus").string(); }
+
+  private:
+    fs::path directory_;
+    pid_t pid_ = -1;
+};
+
+// NetworkManager as far as the probe sees it: the Metered property of its manager object. It
+// answers on a thread of its own until destroyed; while paused it takes calls but never answers.
+class FakeNetworkManager {
+  public:
+    explicit FakeNetworkManager(const std::string& address)
+        : thread_([this, address] { serve(address); }) {
+        while (!ready_.load()) {
+            std::this_thread::yield();
+        }
+    }
+    ~FakeNetworkManager() {
+        stop_.store(true);
+        thread_.join();
+    }
+
+    bool serving() const { return serving_.load(); }
+    std::atomic<std::uint32_t> metered{0};
+    std::atomic<bool> paused{false};
+
+  private:
+    static int getMetered(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                          void* self, sd_bus_error*) {
+        return sd_bus_message_append(reply, "u",
+                                     static_cast<FakeNetworkManager*>(self)->metered.load());
+    }
+
+    void serve(const std::string& address) {
+        static const sd_bus_vtable vtable[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("Metered", "u", &FakeNetworkManager::getMetered, 0, 0),
+            SD_BUS_VTABLE_END,
+        };
+        sd_bus* bus = nullptr;
+        const bool up =
+            sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
+            sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0 &&
+            sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/NetworkManager",
+                                     "org.freedesktop.NetworkManager", vtable, this) >= 0 &&
+            sd_bus_request_name(bus, "org.freedesktop.NetworkManager", 0) >= 0;
+        serving_.store(up);
+        ready_.store(true);
+        while (up && !stop_.load()) {
+            if (!paused.load() && sd_bus_process(bus, nullptr) > 0) {
+                continue;
+            }
+            sd_bus_wait(bus, 20'000);
+        }
+        sd_bus_flush_close_unref(bus);
+    }
+
+    std::atomic<bool> ready_{false};
+    std::atomic<bool> serving_{false};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST(NetworkManagerMeteredProbeTest, OnlyYesAndGuessYesCountAsMetered) {
+    PrivateBus bus;
+    if (!bus.running()) {
+        GTEST_SKIP() << "dbus-daemon cannot run here";
+    }
+    EXPECT_FALSE(networkManagerReportsMetered(bus.address())) << "no NetworkManager on the bus";
+    EXPECT_FALSE(networkManagerReportsMetered("unix:path=/nonexistent/bus")) << "no bus";
+
+    FakeNetworkManager manager(bus.address());
+    ASSERT_TRUE(manager.serving());
+    const struct {
+        std::uint32_t value;
+        const char* name;
+        bool metered;
+    } rows[] = {
+        {0, "unknown", false},  {1, "yes", true},       {2, "no", false},
+        {3, "guess-yes", true}, {4, "guess-no", false},
+    };
+    for (const auto& row : rows) {
+        manager.metered.store(row.value);
+        EXPECT_EQ(networkManagerReportsMetered(bus.address()), row.metered) << row.name;
+    }
+
+    manager.metered.store(1);
+    manager.paused.store(true);
+    EXPECT_FALSE(networkManagerReportsMetered(bus.address(), std::chrono::milliseconds(100)))
+        << "no answer within the bound";
+}
+
+}  // namespace
+}  // namespace terrane::common

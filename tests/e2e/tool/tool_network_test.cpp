@@ -1,0 +1,88 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tool_test_support.hpp"
+
+namespace terrane::tool::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+bool shell(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// Each test runs the tool in a fresh network namespace with only loopback up, and keeps a
+// NetworkManager of the machine out of its answers.
+class ToolNetworkTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        original_ = ::open("/proc/thread-self/ns/net", O_RDONLY);
+        if (::unshare(CLONE_NEWNET) != 0 || !shell("ip link set lo up")) {
+            GTEST_SKIP() << "no network namespace allowed here";
+        }
+    }
+    void TearDown() override {
+        if (original_ >= 0) {
+            ::setns(original_, CLONE_NEWNET);
+            ::close(original_);
+        }
+    }
+
+    const std::vector<std::string> environment_{
+        "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent/terrane-test-bus"};
+
+  private:
+    int original_ = -1;
+};
+
+TEST_F(ToolNetworkTest, OneAnswerPrintsTheStatusAndExitsByIt) {
+    const struct {
+        std::vector<std::string> arguments;
+        std::string out;
+        int status;
+    } rows[] = {
+        {{"network"}, "network: not reachable\n", 1},
+        {{"network", "127.0.0.1"}, "127.0.0.1: WiFi\n", 0},
+        {{"network", "192.0.2.1"}, "192.0.2.1: not reachable\n", 1},
+    };
+    for (const auto& row : rows) {
+        const RunResult result = runTool(row.arguments, environment_);
+        EXPECT_EQ(result.out, row.out) << row.arguments.back();
+        EXPECT_EQ(result.status, row.status) << row.arguments.back();
+    }
+}
+
+TEST_F(ToolNetworkTest, WatchPrintsALinePerChangeUntilCtrlC) {
+    if (!shell("ip link add x0 type dummy") &&
+        !shell("ip link add x0 type veth peer name x1 && ip link set x1 up")) {
+        GTEST_SKIP() << "neither dummy nor veth links can be made here";
+    }
+    ScratchDirectory work;
+    ChildProcess tool({toolPath(), "network", "--watch"}, work.path(), environment_);
+    std::string expected = "network: not reachable\n";
+    EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
+
+    for (const auto& [change, line] : {
+             std::pair{"ip link set x0 up && ip route add default dev x0", "network: WiFi\n"},
+             std::pair{"ip route del default", "network: not reachable\n"},
+         }) {
+        ASSERT_TRUE(shell(change)) << change;
+        expected += line;
+        EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
+    }
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.wait(10s), 0);
+    EXPECT_EQ(tool.out(), expected);
+}
+
+}  // namespace
+}  // namespace terrane::tool::test
