@@ -22,8 +22,20 @@ OfflineClientImpl::OfflineClientImpl(const std::string& path, const OfflineServi
       loop(std::make_shared<ClientLoop>(settings.clock ? std::move(settings.clock)
                                                        : steadyClientClock())),
       scheduler_(std::make_unique<PackScheduler>(
-          *service, loop, observers, settings.random ? std::move(settings.random) : ownRandom())) {
+          *service, loop, observers, settings.random ? std::move(settings.random) : ownRandom(),
+          NetworkStatus::ReachableViaWiFi)) {
     PackScheduler* scheduler = scheduler_.get();
+    if (settings.reachability) {
+        // Listeners cannot be removed: this one goes quiet with the loop.
+        settings.reachability->addListener(
+            [weak = std::weak_ptr(loop), scheduler](NetworkStatus status) {
+                if (const auto live = weak.lock()) {
+                    live->post([scheduler, status] { scheduler->networkChanged(status); });
+                }
+            });
+        const NetworkStatus status = settings.reachability->currentNetworkStatus();
+        loop->post([scheduler, status] { scheduler->networkChanged(status); });
+    }
     forwarding_ = std::make_shared<ForwardingObserver>(
         loop, [scheduler](const PackState& state) { scheduler->packChanged(state); },
         [scheduler](const std::string& message) { scheduler->logMessage(message); });

@@ -15,6 +15,7 @@
 #include "terrane/util/md5.hpp"
 #include "testing/fake_http_service.hpp"
 #include "testing/manual_clock.hpp"
+#include "testing/scripted_reachability.hpp"
 #include "testing/storage_tree.hpp"
 
 namespace terrane::common {
@@ -105,14 +106,15 @@ class OfflineClientTest : public ::testing::Test {
         OfflineClientSettings settings;
         settings.clock = clock;
         settings.random = [] { return 0.0; };
+        settings.reachability = reachability;
         clients.push_back(
             std::make_unique<OfflineClient>(directory.path().string(), serviceOptions, settings));
         return *clients.back();
     }
 
     // Region "region-a" at revision 3, whose maps pack is `content`; no navigation pack.
-    OfflineDataRegionMetadata region() const {
-        auto described = test::sampleRegion("region-a", 3);
+    OfflineDataRegionMetadata region(std::string id = "region-a") const {
+        auto described = test::sampleRegion(std::move(id), 3);
         described.mapPack->bytes = content.size();
         described.mapPack->md5_checksum = util::md5String(content);
         return described;
@@ -136,6 +138,8 @@ class OfflineClientTest : public ::testing::Test {
     std::shared_ptr<test::FakeHttpService> http = std::make_shared<test::FakeHttpService>();
     std::shared_ptr<test::ManualClock> clock = std::make_shared<test::ManualClock>();
     std::shared_ptr<ProgressLog> progress = std::make_shared<ProgressLog>();
+    std::shared_ptr<test::ScriptedReachability> reachability =
+        std::make_shared<test::ScriptedReachability>(NetworkStatus::ReachableViaWiFi);
     std::vector<std::unique_ptr<OfflineClient>> clients;
 };
 
@@ -301,6 +305,74 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
     ASSERT_TRUE(again.result()[0].outcome);
     EXPECT_EQ(downloaderLog->lines(), heard);
     EXPECT_GT(removerLog->lines().size(), 2u);
+}
+
+TEST_F(OfflineClientTest, ADownloadWaitsWhileThePolicyForbidsTheNetworkAndResumesAfter) {
+    auto& client = makeClient();
+    struct Row {
+        NetworkStatus away;
+        NetworkPolicy policy;
+    };
+    const Row rows[] = {
+        {NetworkStatus::NotReachable, NetworkPolicy::AnyNetwork},
+        {NetworkStatus::ReachableViaWAN, NetworkPolicy::NotOverWAN},
+    };
+    for (const auto& row : rows) {
+        const std::string id = "region-" + toString(row.away);
+        auto options = withProgress();
+        options.network = row.policy;
+        auto operation = client.download(region(id), {maps}, options);
+        const auto first = http->nextDownload();
+        first.progress(10, content.size());
+        progress->next([](const PackProgress& record) { return record.bytesDone == 10; });
+
+        reachability->set(row.away);
+        EXPECT_EQ(http->nextCancellation().id(), first.id()) << id;
+        progress->next([](const PackProgress& record) { return record.waitingForNetwork; });
+        reachability->set(NetworkStatus::ReachableViaWiFi);
+        const auto resumed = http->nextDownload();
+        EXPECT_TRUE(resumed.resume()) << id;
+        resumed.finish(content);
+        ASSERT_TRUE(operation.result()[0].outcome) << id;
+        EXPECT_EQ(progress
+                      ->next([](const PackProgress& record) {
+                          return record.state == OfflineDataPackStatus::Available;
+                      })
+                      .attempt,
+                  1u)
+            << "a resumption is no retry";
+    }
+}
+
+TEST_F(OfflineClientTest, TheNetworkPolicyDecidesWhetherADownloadStarts) {
+    auto& client = makeClient();
+    struct Row {
+        NetworkStatus status;
+        NetworkPolicy policy;
+        bool starts;
+    };
+    const Row rows[] = {
+        {NetworkStatus::ReachableViaWiFi, NetworkPolicy::NotOverWAN, true},
+        {NetworkStatus::ReachableViaWAN, NetworkPolicy::AnyNetwork, true},
+        {NetworkStatus::ReachableViaWAN, NetworkPolicy::NotOverWAN, false},
+        {NetworkStatus::NotReachable, NetworkPolicy::AnyNetwork, false},
+    };
+    int number = 0;
+    for (const auto& row : rows) {
+        reachability->set(row.status);
+        auto options = withProgress();
+        options.network = row.policy;
+        const std::size_t before = http->downloads().size();
+        auto operation =
+            client.download(region("region-" + std::to_string(++number)), {maps}, options);
+        if (!row.starts) {
+            progress->next([](const PackProgress& record) { return record.waitingForNetwork; });
+            EXPECT_EQ(http->downloads().size(), before) << number;
+            reachability->set(NetworkStatus::ReachableViaWiFi);
+        }
+        http->nextDownload().finish(content);
+        EXPECT_TRUE(operation.result()[0].outcome) << number;
+    }
 }
 
 }  // namespace

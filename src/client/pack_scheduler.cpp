@@ -27,8 +27,13 @@ std::string describe(const OfflineDataRegionMetadata& region, OfflineDataDomain 
 }  // namespace
 
 PackScheduler::PackScheduler(OfflineService& service, std::shared_ptr<ClientLoop> loop,
-                             ObserverList& observers, std::function<double()> random)
-    : service_(service), loop_(std::move(loop)), observers_(observers), random_(std::move(random)) {
+                             ObserverList& observers, std::function<double()> random,
+                             NetworkStatus network)
+    : service_(service),
+      loop_(std::move(loop)),
+      observers_(observers),
+      random_(std::move(random)),
+      network_(network) {
 }
 
 std::shared_ptr<PackScheduler::Operation> PackScheduler::makeOperation(
@@ -349,8 +354,8 @@ void PackScheduler::cancel(std::uint64_t operation) {
     }
 }
 
-void PackScheduler::networkChanged(NetworkLink link) {
-    link_ = link;
+void PackScheduler::networkChanged(NetworkStatus network) {
+    network_ = network;
     std::vector<std::uint64_t> held;
     std::vector<std::uint64_t> resumed;
     for (auto& [id, task] : tasks_) {
@@ -417,15 +422,7 @@ void PackScheduler::report(const Task& task) {
 }
 
 bool PackScheduler::allowed(const Task& task) const {
-    switch (link_) {
-        case NetworkLink::Unmetered:
-            return true;
-        case NetworkLink::Metered:
-            return task.operation->options.network != NetworkPolicy::NotOverWAN;
-        case NetworkLink::Down:
-            return false;
-    }
-    return false;
+    return allowsDownloads(task.operation->options.network, network_);
 }
 
 bool PackScheduler::othersNeed(std::uint64_t id) const {

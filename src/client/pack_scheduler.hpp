@@ -13,17 +13,11 @@
 #include "client/observer_list.hpp"
 #include "client/pack_operation_state.hpp"
 #include "client/snapshot_observer.hpp"
+#include "terrane/client/network_policy.hpp"
 #include "terrane/client/offline_client.hpp"
 #include "terrane/offline/offline_service.hpp"
 
 namespace terrane::common {
-
-// What the network lets downloads do at the moment.
-enum class NetworkLink {
-    Unmetered,
-    Metered,
-    Down,
-};
 
 // The requests of one OfflineClient and how each pack of them is followed: asked for, watched
 // through the service's reports, retried after a delay, held back while the network is away,
@@ -37,7 +31,7 @@ enum class NetworkLink {
 class PackScheduler {
   public:
     PackScheduler(OfflineService& service, std::shared_ptr<ClientLoop> loop,
-                  ObserverList& observers, std::function<double()> random);
+                  ObserverList& observers, std::function<double()> random, NetworkStatus network);
     PackScheduler(const PackScheduler&) = delete;
     PackScheduler& operator=(const PackScheduler&) = delete;
 
@@ -50,7 +44,7 @@ class PackScheduler {
     // A report of the service, through the client's service observer.
     void packChanged(const PackState& state);
     void logMessage(const std::string& message);
-    void networkChanged(NetworkLink link);
+    void networkChanged(NetworkStatus network);
 
     // Ends every open pack with an error and lets go of the snapshots still awaited.
     void shutdown();
@@ -129,7 +123,7 @@ class PackScheduler {
     std::shared_ptr<ClientLoop> loop_;
     ObserverList& observers_;
     std::function<double()> random_;
-    NetworkLink link_ = NetworkLink::Unmetered;
+    NetworkStatus network_;
     std::map<std::uint64_t, Task> tasks_;
     std::map<std::uint64_t, std::shared_ptr<SnapshotObserver>> snapshots_;
     std::uint64_t nextId_ = 1;

@@ -2,6 +2,9 @@
 
 #include <cstdint>
 
+#include "terrane/export.hpp"
+#include "terrane/reachability/network_status.hpp"
+
 namespace terrane::common {
 
 // Which networks a download may use. While the network it may use is not there, an
@@ -12,5 +15,8 @@ enum class NetworkPolicy : std::uint32_t {
     // Not over links paid by the byte: ReachableViaWAN counts as not reachable.
     NotOverWAN = 1,
 };
+
+// Whether a download under `policy` may run while the network is `status`. Any thread.
+TERRANE_EXPORT bool allowsDownloads(NetworkPolicy policy, NetworkStatus status);
 
 }  // namespace terrane::common

@@ -19,6 +19,7 @@
 #include "terrane/expected.hpp"
 #include "terrane/export.hpp"
 #include "terrane/offline/offline_data.hpp"
+#include "terrane/reachability/reachability_interface.hpp"
 
 namespace terrane::common {
 
@@ -45,6 +46,11 @@ struct OfflineClientSettings {
     // Draws the jitter of retry delays, uniformly from [0, 1); called on the client's thread.
     // Empty: a generator of the client's own.
     std::function<double()> random;
+    // Tells the client when the network comes and goes, for the downloads' network policies.
+    // The client adds a listener when it is built (so build it before the service is started,
+    // or on the thread that starts and stops it) and reads the current status then; the
+    // service must be started by its owner. Empty: the network counts as there, unmetered.
+    std::shared_ptr<ReachabilityInterface> reachability;
 };
 
 // Requests with answers on top of the process's OfflineService: list the catalogue and wait for
