@@ -21,8 +21,14 @@ void ObserverList::notify(const std::function<void(OfflineClientObserver&)>& cal
     // A copy, since a callback may change the list; each is asked whether it still belongs.
     const auto snapshot = observers_;
     for (const auto& observer : snapshot) {
-        if (std::find(observers_.begin(), observers_.end(), observer) != observers_.end()) {
+        if (std::find(observers_.begin(), observers_.end(), observer) == observers_.end()) {
+            continue;
+        }
+        try {
             call(*observer);
+        } catch (...) {
+            // One observer's failure must not cost the others their call, nor the client its
+            // thread; there is nobody else to tell.
         }
     }
 }

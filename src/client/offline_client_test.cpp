@@ -164,6 +164,23 @@ TEST_F(OfflineClientTest, AnAvailablePackCompletesAtOnceAndAnAbsentOneWithNotFou
     EXPECT_EQ(http->downloads().size(), 1u);
 }
 
+TEST_F(OfflineClientTest, TheCatalogueIsWaitedForUntilItArrivesTheTimeoutOrTheStop) {
+    auto& client = makeClient();
+    http->respondToUrlsStartingWith(
+        "http://127.0.0.1:9/offline-data/v1/alice/regions", 200,
+        R"({"harbour": {"revision": 7, "configuration": {}}, "hills": {"revision": 2,
+            "configuration": {}}})");
+    const auto found = client.findRegion("harbour", nullopt, 10s);
+    ASSERT_TRUE(found) << found.error();
+    EXPECT_EQ(found->revision, 7u);
+
+    http->clearAutomaticAnswers();
+    EXPECT_EQ(client.listRegions(10ms).error().code, OfflineDataErrorCode::Connection);
+    std::stop_source stop;
+    stop.request_stop();
+    EXPECT_EQ(client.listRegions(10s, stop.get_token()).error().message, cancelledMessage);
+}
+
 TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnTheBackoffScheduleWhichProgressResets) {
     auto& client = makeClient();
     const auto drop = [](const FakeDownload& download) {

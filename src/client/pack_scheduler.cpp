@@ -329,6 +329,11 @@ void PackScheduler::retryTimer(std::uint64_t id, std::uint64_t timer) {
         return;
     }
     auto& task = found->second;
+    if (task.operation->state.expired()) {
+        // Nobody waits for the pack any more.
+        tasks_.erase(found);
+        return;
+    }
     if (!allowed(task)) {
         task.phase = Phase::Paused;
         task.retryDue = true;

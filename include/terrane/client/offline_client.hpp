@@ -81,33 +81,35 @@ class TERRANE_EXPORT OfflineClient {
     OfflineClient(const OfflineClient&) = delete;
     OfflineClient& operator=(const OfflineClient&) = delete;
 
-    // Reads the catalogue afresh and waits for it. Connection when no answer came within
-    // `timeout`; Unknown with cancelledMessage when `stop` was requested first.
+    // Reads the catalogue afresh and blocks the calling thread until it arrives. Connection when
+    // no answer came within `timeout`; Unknown with cancelledMessage when `stop` was requested
+    // first.
     expected<std::vector<OfflineDataRegionMetadata>, OfflineDataError> listRegions(
         std::chrono::milliseconds timeout, std::stop_token stop = {}) const;
 
-    // listRegions(), then findRegion() of region_selection.hpp: the latest revision unless one
-    // is named.
+    // Blocks as listRegions() does, then findRegion() of region_selection.hpp: the latest
+    // revision unless one is named.
     expected<OfflineDataRegionMetadata, OfflineDataError> findRegion(
         std::string_view id, optional<std::uint32_t> revision, std::chrono::milliseconds timeout,
         std::stop_token stop = {}) const;
 
-    // Downloads the region's packs of `domains` (empty: every pack the region offers). A pack
-    // already available completes at once with its path; a domain the region does not offer
-    // completes with NotFound.
+    // Returns at once; the work runs on the client's thread. Downloads the region's packs of
+    // `domains` (empty: every pack the region offers). A pack already available completes at
+    // once with its path; a domain the region does not offer completes with NotFound.
     PackOperation download(const OfflineDataRegionMetadata& region,
                            std::vector<OfflineDataDomain> domains,
                            PackDownloadOptions options = {});
 
-    // Deletes the region's packs of `domains` (empty: every pack the region offers); each
-    // completes once Deleted, which waits for the acknowledgement of every service observer
-    // that uses the pack (this client's own is given at once). A pack that is not stored
-    // completes as Deleted.
+    // Returns at once. Deletes the region's packs of `domains` (empty: every pack the region
+    // offers); each completes once Deleted, which waits for the acknowledgement of every service
+    // observer (this client's own is given at once). A pack that is not stored completes as
+    // Deleted.
     PackOperation remove(const OfflineDataRegionMetadata& region,
                          std::vector<OfflineDataDomain> domains);
 
     // What the storage holds now, partial downloads included, in the service's order (region
-    // id, revision, domain). Needs no catalogue. Waits for the service's worker.
+    // id, revision, domain). Needs no catalogue. Blocks the calling thread until the service's
+    // worker has run everything queued before.
     std::vector<PackState> stored() const;
 
     // Observers of this client only. Adding one twice, or a null one, changes nothing. Once

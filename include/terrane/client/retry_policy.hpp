@@ -32,7 +32,7 @@ struct RetryPolicy {
 TERRANE_EXPORT std::chrono::milliseconds retryDelay(const RetryPolicy& policy,
                                                     std::uint32_t failuresInRow, double random);
 
-// Whether a pack that failed with this error is asked for again after a delay.
+// Whether a pack that failed with this error is asked for again after a delay. Any thread.
 TERRANE_EXPORT bool isRetryable(OfflineDataErrorCode code);
 
 }  // namespace terrane::common
