@@ -70,17 +70,27 @@ class ProgressLog {
 class StateLog final : public OfflineClientObserver {
   public:
     void onPackState(const PackState& state) override {
-        std::lock_guard lock(mutex_);
-        lines_.push_back(toString(state.domain) + " " +
-                         std::to_string(static_cast<int>(state.pack.status)));
+        {
+            std::lock_guard lock(mutex_);
+            lines_.push_back(toString(state.domain) + " " +
+                             std::to_string(static_cast<int>(state.pack.status)));
+        }
+        changed_.notify_all();
     }
     std::vector<std::string> lines() const {
         std::lock_guard lock(mutex_);
         return lines_;
     }
+    // The lines once the last one is `last`.
+    std::vector<std::string> linesEndingWith(const std::string& last) const {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, 10s, [&] { return !lines_.empty() && lines_.back() == last; });
+        return lines_;
+    }
 
   private:
     mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
     std::vector<std::string> lines_;
 };
 
@@ -307,13 +317,16 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
     EXPECT_THAT(downloader.stored(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(download.result()[0].outcome->path));
 
-    const auto deletion = ElementsAre(line(maps, OfflineDataPackStatus::Deleting),
-                                      line(maps, OfflineDataPackStatus::Deleted));
-    EXPECT_THAT(removerLog->lines(), deletion);
-    auto heard = downloaderLog->lines();
-    ASSERT_GE(heard.size(), 2u);
+    // Each client's observer hears every pack of the service, on its client's own thread.
+    const auto deleted = line(maps, OfflineDataPackStatus::Deleted);
+    const auto lastTwo = [](const std::vector<std::string>& lines) {
+        return lines.size() < 2 ? lines : std::vector(lines.end() - 2, lines.end());
+    };
+    const auto deletion = ElementsAre(line(maps, OfflineDataPackStatus::Deleting), deleted);
+    EXPECT_THAT(lastTwo(removerLog->linesEndingWith(deleted)), deletion);
+    const auto heard = downloaderLog->linesEndingWith(deleted);
     EXPECT_EQ(heard.front(), line(maps, OfflineDataPackStatus::Pending));
-    EXPECT_THAT(std::vector(heard.end() - 2, heard.end()), deletion);
+    EXPECT_THAT(lastTwo(heard), deletion);
 
     // An observer removed from one client hears nothing more; the other client's still does.
     downloader.removeObserver(downloaderLog);
