@@ -24,7 +24,8 @@ class TERRANE_EXPORT ReachabilityInterface {
     // run in order of addition, each time with the status queried once for that change, on the
     // monitor thread; they must not block for long, since every other service waits behind them.
     // An empty listener raises std::bad_function_call when its turn comes (on the monitor
-    // thread the error is logged and the next listener runs).
+    // thread the error is logged and the next listener runs). A listener must not destroy the
+    // service it belongs to.
     virtual void addListener(std::function<void(NetworkStatus)>&& listener) = 0;
 
     // Any thread: currentNetworkStatus() != NotReachable.
