@@ -337,71 +337,55 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
     EXPECT_GT(removerLog->lines().size(), 2u);
 }
 
-TEST_F(OfflineClientTest, ADownloadWaitsWhileThePolicyForbidsTheNetworkAndResumesAfter) {
+TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkAndResumeAfter) {
     auto& client = makeClient();
     struct Row {
-        NetworkStatus away;
+        NetworkStatus start;
         NetworkPolicy policy;
+        bool startsAtOnce;
+        // Where the network goes while the download runs, if anywhere.
+        optional<NetworkStatus> away;
     };
     const Row rows[] = {
-        {NetworkStatus::NotReachable, NetworkPolicy::AnyNetwork},
-        {NetworkStatus::ReachableViaWAN, NetworkPolicy::NotOverWAN},
+        {NetworkStatus::ReachableViaWiFi, NetworkPolicy::AnyNetwork, true,
+         NetworkStatus::NotReachable},
+        {NetworkStatus::ReachableViaWiFi, NetworkPolicy::NotOverWAN, true,
+         NetworkStatus::ReachableViaWAN},
+        {NetworkStatus::ReachableViaWAN, NetworkPolicy::AnyNetwork, true, nullopt},
+        {NetworkStatus::ReachableViaWAN, NetworkPolicy::NotOverWAN, false, nullopt},
+        {NetworkStatus::NotReachable, NetworkPolicy::AnyNetwork, false, nullopt},
     };
-    for (const auto& row : rows) {
-        const std::string id = "region-" + toString(row.away);
-        auto options = withProgress();
-        options.network = row.policy;
-        auto operation = client.download(region(id), {maps}, options);
-        const auto first = http->nextDownload();
-        first.progress(10, content.size());
-        progress->next([](const PackProgress& record) { return record.bytesDone == 10; });
-
-        reachability->set(row.away);
-        EXPECT_EQ(http->nextCancellation().id(), first.id()) << id;
-        progress->next([](const PackProgress& record) { return record.waitingForNetwork; });
-        reachability->set(NetworkStatus::ReachableViaWiFi);
-        const auto resumed = http->nextDownload();
-        EXPECT_TRUE(resumed.resume()) << id;
-        resumed.finish(content);
-        ASSERT_TRUE(operation.result()[0].outcome) << id;
-        EXPECT_EQ(progress
-                      ->next([](const PackProgress& record) {
-                          return record.state == OfflineDataPackStatus::Available;
-                      })
-                      .attempt,
-                  1u)
-            << "a resumption is no retry";
-    }
-}
-
-TEST_F(OfflineClientTest, TheNetworkPolicyDecidesWhetherADownloadStarts) {
-    auto& client = makeClient();
-    struct Row {
-        NetworkStatus status;
-        NetworkPolicy policy;
-        bool starts;
-    };
-    const Row rows[] = {
-        {NetworkStatus::ReachableViaWiFi, NetworkPolicy::NotOverWAN, true},
-        {NetworkStatus::ReachableViaWAN, NetworkPolicy::AnyNetwork, true},
-        {NetworkStatus::ReachableViaWAN, NetworkPolicy::NotOverWAN, false},
-        {NetworkStatus::NotReachable, NetworkPolicy::AnyNetwork, false},
-    };
+    const auto waiting = [](const PackProgress& record) { return record.waitingForNetwork; };
     int number = 0;
     for (const auto& row : rows) {
-        reachability->set(row.status);
+        reachability->set(row.start);
         auto options = withProgress();
         options.network = row.policy;
         const std::size_t before = http->downloads().size();
         auto operation =
             client.download(region("region-" + std::to_string(++number)), {maps}, options);
-        if (!row.starts) {
-            progress->next([](const PackProgress& record) { return record.waitingForNetwork; });
+        if (!row.startsAtOnce) {
+            progress->next(waiting);
             EXPECT_EQ(http->downloads().size(), before) << number;
             reachability->set(NetworkStatus::ReachableViaWiFi);
         }
-        http->nextDownload().finish(content);
-        EXPECT_TRUE(operation.result()[0].outcome) << number;
+        auto download = http->nextDownload();
+        if (row.away) {
+            download.progress(10, content.size());
+            progress->next([](const PackProgress& record) { return record.bytesDone == 10; });
+            reachability->set(*row.away);
+            EXPECT_EQ(http->nextCancellation().id(), download.id()) << number;
+            progress->next(waiting);
+            reachability->set(NetworkStatus::ReachableViaWiFi);
+            download = http->nextDownload();
+            EXPECT_TRUE(download.resume()) << number;
+        }
+        download.finish(content);
+        ASSERT_TRUE(operation.result()[0].outcome) << number;
+        const auto available = progress->next([](const PackProgress& record) {
+            return record.state == OfflineDataPackStatus::Available;
+        });
+        EXPECT_EQ(available.attempt, 1u) << "waiting for the network is no retry";
     }
 }
 
