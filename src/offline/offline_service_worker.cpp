@@ -43,6 +43,18 @@ OfflineServiceWorker::OfflineServiceWorker(Proxy<OfflineServiceWorker> proxy_,
     }
 }
 
+void OfflineServiceWorker::retakeStorage() {
+    auto lock = StorageLock::acquire(root, false);
+    if (!lock) {
+        storageHolder = std::move(lock.error());
+        return;
+    }
+    // The other process has gone: what it left is read back now, as a start would have.
+    storageLock = std::move(*lock);
+    storageHolder.reset();
+    initialize();
+}
+
 bool OfflineServiceWorker::acceptRegionId(const std::string& id) {
     if (isValidRegionId(id)) {
         return true;

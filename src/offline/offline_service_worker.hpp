@@ -177,8 +177,8 @@ class OfflineServiceWorker {
     ContextResult loadContext(const PackKey& key);
     // The prologue of a public pack operation: the region id must be usable as a directory
     // name, the context must load (the failure is logged), and then the worker is marked busy.
-    // On a tree held by another process the pack becomes Errored (Filesystem,
-    // storageInUseMessage()). Empty when the operation stops there.
+    // On a tree still held by another process (see retakeStorage) the pack becomes Errored
+    // (Filesystem, storageInUseMessage()). Empty when the operation stops there.
     optional<Context> beginPackOperation(OfflineDataDomain domain,
                                          OfflineDataRegionMetadata&& region);
     // The prologue of an answer or follow-up carrying a key: as above with loadContext(key) (an
@@ -221,6 +221,9 @@ class OfflineServiceWorker {
 
     // offline_service_worker.cpp: the entry check of the public pack operations.
     bool acceptRegionId(const std::string& id);
+    // For a worker whose tree another process held: one attempt to take it over; when it
+    // succeeds, the stored packs are recovered (and told) as at a start, without onInitialized.
+    void retakeStorage();
     // The HTTP service in force, asked of HttpServiceFactory when first needed and kept from then
     // on; null while there is none (the caller reports "HTTP Service is not available").
     HttpServiceInterface* acquireHttpService();
@@ -287,7 +290,8 @@ class OfflineServiceWorker {
     // The constructor queues the first check.
     bool idleCheckPosted = true;
     // The tree's lock, held for the worker's life; or, when another process holds it, who does:
-    // then every pack operation fails with storageInUseMessage() and no file is touched.
+    // then every pack operation fails with storageInUseMessage() and no file is touched, until
+    // one finds the tree free.
     StorageLock storageLock;
     optional<OfflineStorageHolder> storageHolder;
 };

@@ -58,7 +58,8 @@ int lockRetryingInterrupts(int fd, int operation) {
 
 }  // namespace
 
-expected<StorageLock, OfflineStorageHolder> StorageLock::acquire(const fs::path& root) {
+expected<StorageLock, OfflineStorageHolder> StorageLock::acquire(const fs::path& root,
+                                                                 bool patient) {
     std::error_code ignored;
     fs::create_directories(root, ignored);
     // Readable by others, so that another user's process can at least tell who holds the tree.
@@ -76,7 +77,7 @@ expected<StorageLock, OfflineStorageHolder> StorageLock::acquire(const fs::path&
             // A file system without flock support: nothing to coordinate with.
             return StorageLock();
         }
-        if (attempt + 1 == lockAttempts) {
+        if (!patient || attempt + 1 == lockAttempts) {
             return unexpected(OfflineStorageHolder{root, readPid(file.get())});
         }
         std::this_thread::sleep_for(lockPause);

@@ -23,7 +23,9 @@ class StorageLock {
     // a bounded moment (a process that only looks with findHolder() holds it that long), then
     // gives up and names the holder. A root where no lock file can be made (a read-only tree)
     // is not locked at all: the service then fails where it writes, as it would anyway.
-    static expected<StorageLock, OfflineStorageHolder> acquire(const std::filesystem::path& root);
+    // `patient` false tries once only, for a worker that must not stall.
+    static expected<StorageLock, OfflineStorageHolder> acquire(const std::filesystem::path& root,
+                                                               bool patient = true);
 
     // Who holds the root, if another process does. Creates nothing; never waits.
     static optional<OfflineStorageHolder> findHolder(const std::filesystem::path& root);

@@ -65,6 +65,9 @@ optional<Context> OfflineServiceWorker::beginPackOperation(OfflineDataDomain dom
     if (!acceptRegionId(region.id)) {
         return nullopt;
     }
+    if (storageHolder) {
+        retakeStorage();
+    }
     auto context = loadContext(domain, std::move(region));
     if (!context) {
         logContextError(context.error());

@@ -55,8 +55,10 @@ struct DownloadOptions {
 
     DownloadOptions() = default;
 
-    DownloadOptions(HttpRequest request, std::string localPath, bool resume = false)
-        : request(std::move(request)), localPath(std::move(localPath)), resume(resume) {}
+    DownloadOptions(HttpRequest givenRequest, std::string givenLocalPath, bool givenResume = false)
+        : request(std::move(givenRequest)),
+          localPath(std::move(givenLocalPath)),
+          resume(givenResume) {}
 
     friend bool operator==(const DownloadOptions&, const DownloadOptions&) = default;
 };
@@ -79,24 +81,25 @@ struct DownloadStatus {
 
     DownloadStatus() = default;
 
-    DownloadStatus(std::uint64_t downloadId, DownloadState state, optional<DownloadError> error,
-                   optional<std::uint64_t> totalBytes, std::uint64_t receivedBytes,
-                   DownloadOptions downloadOptions, optional<HttpResult> httpResult)
-        : downloadId(downloadId),
-          state(state),
-          error(std::move(error)),
-          totalBytes(totalBytes),
-          receivedBytes(receivedBytes),
-          downloadOptions(std::move(downloadOptions)),
-          httpResult(std::move(httpResult)) {}
+    DownloadStatus(std::uint64_t givenDownloadId, DownloadState givenState,
+                   optional<DownloadError> givenError, optional<std::uint64_t> givenTotalBytes,
+                   std::uint64_t givenReceivedBytes, DownloadOptions givenDownloadOptions,
+                   optional<HttpResult> givenHttpResult)
+        : downloadId(givenDownloadId),
+          state(givenState),
+          error(std::move(givenError)),
+          totalBytes(givenTotalBytes),
+          receivedBytes(givenReceivedBytes),
+          downloadOptions(std::move(givenDownloadOptions)),
+          httpResult(std::move(givenHttpResult)) {}
 
     // The short form applications use; id, state and byte count keep their defaults.
-    DownloadStatus(optional<DownloadError> error, optional<std::uint64_t> totalBytes,
-                   DownloadOptions downloadOptions, optional<HttpResult> httpResult)
-        : error(std::move(error)),
-          totalBytes(totalBytes),
-          downloadOptions(std::move(downloadOptions)),
-          httpResult(std::move(httpResult)) {}
+    DownloadStatus(optional<DownloadError> givenError, optional<std::uint64_t> givenTotalBytes,
+                   DownloadOptions givenDownloadOptions, optional<HttpResult> givenHttpResult)
+        : error(std::move(givenError)),
+          totalBytes(givenTotalBytes),
+          downloadOptions(std::move(givenDownloadOptions)),
+          httpResult(std::move(givenHttpResult)) {}
 
     friend bool operator==(const DownloadStatus&, const DownloadStatus&) = default;
 };

@@ -42,23 +42,24 @@ struct HttpRequest {
 
     HttpRequest() = default;
 
-    HttpRequest(HttpMethod method, std::string url, HttpHeaders headers, bool keepCompression,
-                std::uint64_t timeout, UAComponents uaComponents, HttpBody body)
-        : method(method),
-          url(std::move(url)),
-          headers(std::move(headers)),
-          keepCompression(keepCompression),
-          timeout(timeout),
-          uaComponents(std::move(uaComponents)),
-          body(std::move(body)) {}
+    HttpRequest(HttpMethod givenMethod, std::string givenUrl, HttpHeaders givenHeaders,
+                bool givenKeepCompression, std::uint64_t givenTimeout,
+                UAComponents givenUaComponents, HttpBody givenBody)
+        : method(givenMethod),
+          url(std::move(givenUrl)),
+          headers(std::move(givenHeaders)),
+          keepCompression(givenKeepCompression),
+          timeout(givenTimeout),
+          uaComponents(std::move(givenUaComponents)),
+          body(std::move(givenBody)) {}
 
     // The short form applications use: a GET without timeout that keeps no compression.
-    explicit HttpRequest(std::string url, HttpHeaders headers = {}, UAComponents uaComponents = {},
-                         HttpBody body = {})
-        : url(std::move(url)),
-          headers(std::move(headers)),
-          uaComponents(std::move(uaComponents)),
-          body(std::move(body)) {}
+    explicit HttpRequest(std::string givenUrl, HttpHeaders givenHeaders = {},
+                         UAComponents givenUaComponents = {}, HttpBody givenBody = {})
+        : url(std::move(givenUrl)),
+          headers(std::move(givenHeaders)),
+          uaComponents(std::move(givenUaComponents)),
+          body(std::move(givenBody)) {}
 
     friend bool operator==(const HttpRequest&, const HttpRequest&) = default;
 };

@@ -13,7 +13,9 @@ namespace terrane::common {
 // lock on its tree (the account directory below the service path) for as long as it lives; the
 // system releases it when that process ends, however it ends. A service started on a tree held
 // by another process still lists the catalogue, but leaves every pack alone: each pack operation
-// ends Errored with code Filesystem and storageInUseMessage() as its message.
+// ends Errored with code Filesystem and storageInUseMessage() as its message. The first pack
+// operation after the other process has let go takes the tree over, reads back what is stored
+// there (observers hear of every stored pack) and goes ahead.
 struct OfflineStorageHolder {
     // The locked tree.
     std::filesystem::path path;
