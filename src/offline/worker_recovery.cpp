@@ -69,6 +69,8 @@ void OfflineServiceWorker::initialize() {
         return;
     }
 
+    // The tree is ours alone now: what a killed process left half-written goes.
+    base::io::removeInterruptedWrites(root);
     try {
         for (const fs::directory_entry& entry : fs::directory_iterator(root)) {
             // Follows links. Anything that is not a directory, or whose type cannot even be
@@ -85,6 +87,7 @@ void OfflineServiceWorker::initialize() {
 
 void OfflineServiceWorker::loadExistingRegion(const fs::path& regionDirectory) {
     const std::string regionId = regionDirectory.filename().string();
+    base::io::removeInterruptedWrites(regionDirectory);
     try {
         for (const fs::directory_entry& entry : fs::directory_iterator(regionDirectory)) {
             try {
@@ -122,6 +125,7 @@ void OfflineServiceWorker::loadExistingRevision(const std::string& regionId,
     }
 
     const fs::path& revisionDirectory = entry.path();
+    base::io::removeInterruptedWrites(revisionDirectory);
     const fs::path metadataPath = metadataFilePath(revisionDirectory);
     if (!fs::exists(metadataPath)) {
         skip("Missing metadata file");
@@ -186,6 +190,7 @@ void OfflineServiceWorker::loadExistingPack(OfflineDataPackHolder& holder,
                                             const OfflineDataPackMetadata& pack) {
     const fs::path packFile = packFilePath(revisionDirectory, domain, pack.format);
     const fs::path downloadFile = downloadFilePath(packFile);
+    base::io::removeInterruptedWrites(packFile.parent_path());
     // readFile takes regular files only (links followed): a directory, a special file, a
     // missing or unreadable record all fail here alike.
     const auto text = base::io::readFile(headerFilePath(packFile));

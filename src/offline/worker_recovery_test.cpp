@@ -311,7 +311,7 @@ TEST_F(RecoveryTest, APackWithoutAUsableHeaderRecordDoesNotExist) {
     EXPECT_TRUE(fs::exists(tree.revisionDirectory("r", "3") / "metadata.json"));
 }
 
-TEST_F(RecoveryTest, TemporariesOfInterruptedWritesAreIgnored) {
+TEST_F(RecoveryTest, TemporariesOfInterruptedWritesAreRemovedAndNothingElse) {
     // What a crash in the middle of an atomic write leaves: a hidden, torn file beside the
     // target, which is either missing or still whole.
     tree.writeFile(".configuration.json.tmp-AbC123", R"({"base_u)");
@@ -319,10 +319,21 @@ TEST_F(RecoveryTest, TemporariesOfInterruptedWritesAreIgnored) {
     tree.writeFile("r/3/.metadata.json.tmp-XyZ987", R"({"na)");
     tree.writeFile("r/3/maps/.1.json.tmp-QqQ111", R"({"bytes": 1)");
     tree.writeFile("r/.4.tmp-Kk7aa1", "");
+    const auto lookAlikes = {".notes.tmp-AbC12", "r/3/maps/.1.json.tmp-Ab_123", "r/3/1.tmp-AbC123"};
+    for (const char* file : lookAlikes) {
+        tree.writeFile(file, "");
+    }
 
     EXPECT_THAT(startAndSettle(), ElementsAre(available("r", 3), "onInitialized", "onIdle"));
     EXPECT_TRUE(fs::is_regular_file(tree.root() / "configuration.json"));
-    EXPECT_TRUE(fs::exists(tree.root() / ".configuration.json.tmp-AbC123"));
+    for (const char* gone : {".configuration.json.tmp-AbC123", "r/3/.metadata.json.tmp-XyZ987",
+                             "r/3/maps/.1.json.tmp-QqQ111", "r/.4.tmp-Kk7aa1"}) {
+        EXPECT_FALSE(fs::exists(tree.root() / gone)) << gone;
+    }
+    // Look-alikes that this library does not write stay.
+    for (const char* kept : lookAlikes) {
+        EXPECT_TRUE(fs::exists(tree.root() / kept)) << kept;
+    }
 }
 
 TEST_F(RecoveryTest, ALinkLoopIsReportedAndTheRestOfTheTreeRecovered) {

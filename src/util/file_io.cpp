@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -119,7 +120,33 @@ int syncDirectory(const std::filesystem::path& directory) {
     return error;
 }
 
+// "." + a name + ".tmp-" + six characters of the suffix alphabet.
+bool isInterruptedWrite(std::string_view name) {
+    constexpr std::string_view marker = ".tmp-";
+    constexpr std::size_t suffixLength = 6;
+    if (name.size() < 1 + 1 + marker.size() + suffixLength || !name.starts_with('.')) {
+        return false;
+    }
+    const std::string_view suffix = name.substr(name.size() - suffixLength);
+    return name.substr(name.size() - suffixLength - marker.size(), marker.size()) == marker &&
+           std::ranges::all_of(suffix, [](char c) {
+               return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+           });
+}
+
 }  // namespace
+
+void removeInterruptedWrites(const std::filesystem::path& directory) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code typeError;
+        if (entry->is_regular_file(typeError) && !entry->is_symlink(typeError) &&
+            isInterruptedWrite(entry->path().filename().string())) {
+            std::filesystem::remove(entry->path(), typeError);
+        }
+    }
+}
 
 expected<std::string, std::string> readFile(const std::filesystem::path& path) {
     // O_NONBLOCK keeps the open of a FIFO without a writer from waiting; it is refused below.

@@ -34,4 +34,11 @@ terrane::common::expected<std::string, std::string> readFile(const std::filesyst
 terrane::common::expected<void, std::string> writeFileAtomically(const std::filesystem::path& path,
                                                                  std::string_view contents);
 
+// Removes, from `directory` alone (not below it), the temporaries that writeFileAtomically or any
+// writer using the same naming left when the process died between creating and renaming them.
+// Only for a caller that owns the directory exclusively: another writer's temporary in flight
+// would go too. Links and anything that is not a regular file are left; failures are ignored,
+// since a temporary left behind harms nothing but space.
+void removeInterruptedWrites(const std::filesystem::path& directory);
+
 }  // namespace terrane::base::io

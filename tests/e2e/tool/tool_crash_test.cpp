@@ -141,7 +141,7 @@ TEST_F(CrashTest, EveryPackIsAbsentResumableOrRightAfterAnyKill) {
         SCOPED_TRACE("round " + std::to_string(round) + " of seed " + std::to_string(seed));
         const auto& words = work[random() % work.size()];
         auto first = spawn(words, static_cast<int>(round));
-        pause(1500);
+        pause(1000);
         std::unique_ptr<ChildProcess> second;
         if (chance(30)) {
             second = spawn({"download", "harbour"}, static_cast<int>(round));
