@@ -116,37 +116,41 @@ namespace pybind11::detail {
 // Core enumerations are enum.IntEnum members in Python; plain ints are accepted when they name a
 // member (anything else raises ValueError before the core sees it).
 template <typename E>
-struct int_enum_caster {
-    PYBIND11_TYPE_CASTER(E, const_name("IntEnum"));
-    bool load(handle source, bool) {
-        auto& type = terrane::python::enumClass<E>();
-        if (!PyLong_Check(source.ptr()) || PyBool_Check(source.ptr())) {
-            return false;
-        }
-        object member = reinterpret_borrow<object>(type)(source);
-        value = static_cast<E>(member.cast<std::int64_t>());
-        return true;
+bool loadEnum(handle source, E& value) {
+    if (!PyLong_Check(source.ptr()) || PyBool_Check(source.ptr())) {
+        return false;
     }
-    static handle cast(E source, return_value_policy, handle) {
-        return terrane::python::enumClass<E>()(static_cast<std::int64_t>(source)).release();
-    }
-};
+    object member = reinterpret_borrow<object>(terrane::python::enumClass<E>())(source);
+    value = static_cast<E>(member.cast<std::int64_t>());
+    return true;
+}
 
-#define TERRANE_INT_ENUM(E) \
-    template <>             \
-    struct type_caster<E> : int_enum_caster<E> {};
-TERRANE_INT_ENUM(terrane::common::OfflineDataDomain)
-TERRANE_INT_ENUM(terrane::common::OfflineDataErrorCode)
-TERRANE_INT_ENUM(terrane::common::OfflineDataPackStatus)
-TERRANE_INT_ENUM(terrane::common::HttpMethod)
-TERRANE_INT_ENUM(terrane::common::HttpRequestErrorType)
-TERRANE_INT_ENUM(terrane::common::DownloadState)
-TERRANE_INT_ENUM(terrane::common::DownloadErrorCode)
-TERRANE_INT_ENUM(terrane::common::UrlScheme)
-TERRANE_INT_ENUM(terrane::common::LoggingLevel)
-TERRANE_INT_ENUM(terrane::common::NetworkStatus)
-TERRANE_INT_ENUM(terrane::common::SKUIdentifier)
-TERRANE_INT_ENUM(terrane::common::NetworkPolicy)
+template <typename E>
+handle castEnum(E source) {
+    return terrane::python::enumClass<E>()(static_cast<std::int64_t>(source)).release();
+}
+
+#define TERRANE_INT_ENUM(E)                                                          \
+    template <>                                                                      \
+    struct type_caster<terrane::common::E> {                                         \
+        PYBIND11_TYPE_CASTER(terrane::common::E, const_name(#E));                    \
+        bool load(handle source, bool) { return loadEnum(source, value); }           \
+        static handle cast(terrane::common::E source, return_value_policy, handle) { \
+            return castEnum(source);                                                 \
+        }                                                                            \
+    };
+TERRANE_INT_ENUM(OfflineDataDomain)
+TERRANE_INT_ENUM(OfflineDataErrorCode)
+TERRANE_INT_ENUM(OfflineDataPackStatus)
+TERRANE_INT_ENUM(HttpMethod)
+TERRANE_INT_ENUM(HttpRequestErrorType)
+TERRANE_INT_ENUM(DownloadState)
+TERRANE_INT_ENUM(DownloadErrorCode)
+TERRANE_INT_ENUM(UrlScheme)
+TERRANE_INT_ENUM(LoggingLevel)
+TERRANE_INT_ENUM(NetworkStatus)
+TERRANE_INT_ENUM(SKUIdentifier)
+TERRANE_INT_ENUM(NetworkPolicy)
 #undef TERRANE_INT_ENUM
 
 // HTTP bodies are bytes.

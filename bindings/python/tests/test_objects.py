@@ -1,4 +1,7 @@
 import gc
+import os
+import subprocess
+import sys
 import math
 
 import pytest
@@ -157,3 +160,11 @@ def test_small_services():
     network.start()
     network.stop()
     assert heard == [network.current_network_status()] and not math.isnan(len(heard))
+
+
+def test_stubs_match_the_module():
+    checked = subprocess.run(
+        [sys.executable, "-m", "mypy.stubtest", "terrane_common", "--concise", "--allowlist",
+         os.path.join(os.path.dirname(__file__), "stubtest_allowlist.txt")],
+        capture_output=True, text=True)
+    assert checked.returncode == 0, checked.stdout
