@@ -13,6 +13,7 @@
 
 #include "platform/linux/curl_error_mapping.hpp"
 #include "terrane/log/log.hpp"
+#include "util/digest_cache.hpp"
 
 namespace terrane::common {
 
@@ -141,7 +142,8 @@ optional<ResumeData> DownloadTransfer::takeResumeData() {
     }
     // Used up whatever comes of it; a fresh file is written once the server has answered.
     removeResumeData(status_.downloadOptions.localPath);
-    const int fd = ::open(partialPath_.c_str(), O_WRONLY | O_CLOEXEC);
+    // Readable too, for the digest of the bytes it already holds.
+    const int fd = ::open(partialPath_.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         return nullopt;
     }
@@ -306,8 +308,7 @@ bool DownloadTransfer::acceptSuccessHead(std::int64_t code) {
 
 bool DownloadTransfer::openPartialFile(bool truncate) {
     if (!static_cast<bool>(partial_)) {
-        const int fd =
-            ::open(partialPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kPrivateFileMode);
+        const int fd = ::open(partialPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFileMode);
         if (fd < 0) {
             fileError_ = systemErrorText(errno);
             return false;
@@ -315,12 +316,14 @@ bool DownloadTransfer::openPartialFile(bool truncate) {
         partial_ = base::io::FileDescriptor(fd);
     }
     ownsPartial_ = true;
+    digest_.reset();
     const off_t end = truncate ? 0 : static_cast<off_t>(offset_);
     // Bytes past the offset (kept from a cut-off run) are replaced by what arrives now.
     if (::ftruncate(partial_.get(), end) != 0 || ::lseek(partial_.get(), end, SEEK_SET) < 0) {
         fileError_ = systemErrorText(errno);
         return false;
     }
+    digest_ = FileDigestFollower::start(partial_.get(), static_cast<std::uint64_t>(end));
     return true;
 }
 
@@ -351,6 +354,9 @@ bool DownloadTransfer::acceptBody(const char* data, std::size_t size) {
                 return false;
             }
             written_ += size;
+            if (digest_) {
+                digest_->advance(written_);
+            }
             status_.receivedBytes = written_;
             progressDirty_ = true;
             return true;
@@ -410,6 +416,7 @@ void DownloadTransfer::succeed() {
         fail(DownloadErrorCode::FileSystemError, *fileError_);
         return;
     }
+    const auto digest = digest_ ? digest_->finish(written_) : nullopt;
     int error = ::fdatasync(partial_.get()) == 0 ? 0 : errno;
     if (const int closeError = partial_.close(); error == 0) {
         error = closeError;
@@ -423,6 +430,12 @@ void DownloadTransfer::succeed() {
         return;
     }
     ownsPartial_ = false;
+    // Recorded after the rename, which changes the file's change time, through the follower's
+    // descriptor: the path may name another file by now.
+    if (digest) {
+        (void)util::DigestCache::instance().record(digest_->descriptor(), *digest);
+    }
+    digest_.reset();
     if (wroteResumeData_) {
         removeResumeData(localPath);
         resumeDataOnDisk_ = false;
@@ -440,6 +453,7 @@ void DownloadTransfer::finishWithErrorBody() {
         status_.httpResult = HttpResponseData{head_.headers(), code, {}};
     }
     // The partial file was not touched by this answer: what it had still resumes.
+    digest_.reset();
     (void)partial_.close();
     if (resumedFrom_) {
         (void)storeResumeData(status_.downloadOptions.localPath, *resumedFrom_);
@@ -469,6 +483,7 @@ void DownloadTransfer::abandon() {
 }
 
 bool DownloadTransfer::keepPartialForLater() {
+    digest_.reset();
     (void)partial_.close();
     if (!ownsPartial_) {
         return false;
@@ -491,6 +506,7 @@ bool DownloadTransfer::keepPartialForLater() {
 }
 
 void DownloadTransfer::discardPartial() {
+    digest_.reset();
     (void)partial_.close();
     if (ownsPartial_) {
         ::unlink(partialPath_.c_str());
