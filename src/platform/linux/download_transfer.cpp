@@ -25,8 +25,11 @@ constexpr const char kTimedOut[] = "Request timed out.";
 constexpr const char kIdentityEncoding[] = "Accept-Encoding: identity";
 // Partial files and resume data are nobody else's business.
 constexpr mode_t kPrivateFileMode = 0600;
-// Fewer, larger writes: a fast loopback transfer spends its time in system calls otherwise.
-constexpr long kReceiveBufferSize = 256 * 1024;
+// Fewer, larger reads and writes: a fast loopback transfer spends its time in system calls
+// otherwise. libcurl hands the body over in pieces of 16 KiB whatever it reads at once, so the
+// pieces are gathered up to kWriteBytes before they go to the file.
+constexpr long kReceiveBufferSize = 512 * 1024;
+constexpr std::size_t kWriteBytes = 1024 * 1024;
 
 std::string systemErrorText(int error) {
     return std::generic_category().message(error);
@@ -316,6 +319,7 @@ bool DownloadTransfer::openPartialFile(bool truncate) {
         partial_ = base::io::FileDescriptor(fd);
     }
     ownsPartial_ = true;
+    unwritten_.clear();
     digest_.reset();
     const off_t end = truncate ? 0 : static_cast<off_t>(offset_);
     // Bytes past the offset (kept from a cut-off run) are replaced by what arrives now.
@@ -343,25 +347,53 @@ bool DownloadTransfer::acceptBody(const char* data, std::size_t size) {
             }
             return true;
         }
-        case BodySink::File:
-            if (exceedsLimit(written_ + size)) {
+        case BodySink::File: {
+            const std::uint64_t received = written_ + unwritten_.size() + size;
+            if (exceedsLimit(received)) {
                 sizeExceeded_ = true;
                 return false;
             }
-            if (const int error =
-                    base::io::writeAll(partial_.get(), std::string_view(data, size))) {
-                fileError_ = systemErrorText(error);
+            if (unwritten_.size() + size > kWriteBytes && !flushBody()) {
                 return false;
             }
-            written_ += size;
-            if (digest_) {
-                digest_->advance(written_);
+            if (size >= kWriteBytes) {
+                if (!writeBody(data, size)) {
+                    return false;
+                }
+            } else {
+                if (unwritten_.capacity() < kWriteBytes) {
+                    unwritten_.reserve(kWriteBytes);
+                }
+                unwritten_.insert(unwritten_.end(), data, data + size);
             }
-            status_.receivedBytes = written_;
+            status_.receivedBytes = received;
             progressDirty_ = true;
             return true;
+        }
     }
     return true;
+}
+
+bool DownloadTransfer::writeBody(const char* data, std::size_t size) {
+    if (const int error = base::io::writeAll(partial_.get(), std::string_view(data, size))) {
+        fileError_ = systemErrorText(error);
+        return false;
+    }
+    written_ += size;
+    if (digest_) {
+        digest_->advance(written_);
+    }
+    return true;
+}
+
+bool DownloadTransfer::flushBody() {
+    if (unwritten_.empty()) {
+        return true;
+    }
+    const bool written = writeBody(unwritten_.data(), unwritten_.size());
+    // Bytes a failed write left behind are not retried: the download ends on the error.
+    unwritten_.clear();
+    return written;
 }
 
 CurlTransfer::Next DownloadTransfer::complete(CURLcode result) {
@@ -374,6 +406,9 @@ CurlTransfer::Next DownloadTransfer::complete(CURLcode result) {
         announceHead_ = true;
         lastActivity_ = Clock::now();
         return createHandle(false) ? Next::Restart : Next::Done;
+    }
+    if (!fileError_) {
+        (void)flushBody();
     }
     if (sizeExceeded_) {
         discardPartial();
@@ -483,6 +518,10 @@ void DownloadTransfer::abandon() {
 }
 
 bool DownloadTransfer::keepPartialForLater() {
+    if (!fileError_) {
+        (void)flushBody();
+    }
+    unwritten_.clear();
     digest_.reset();
     (void)partial_.close();
     if (!ownsPartial_) {
@@ -506,6 +545,7 @@ bool DownloadTransfer::keepPartialForLater() {
 }
 
 void DownloadTransfer::discardPartial() {
+    unwritten_.clear();
     digest_.reset();
     (void)partial_.close();
     if (ownsPartial_) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/curl_handles.hpp"
 #include "platform/linux/curl_transfer.hpp"
@@ -81,6 +82,9 @@ class DownloadTransfer final : public CurlTransfer {
     bool acceptFinalHead();
     bool acceptSuccessHead(std::int64_t code);
     bool acceptBody(const char* data, std::size_t size);
+    // Write to the partial file; false (fileError_ set) when the write fails.
+    bool writeBody(const char* data, std::size_t size);
+    bool flushBody();
 
     // False when the handle could not be set up; the failure is queued then.
     bool createHandle(bool withRange);
@@ -122,6 +126,8 @@ class DownloadTransfer final : public CurlTransfer {
     std::uint64_t offset_ = 0;
     // Bytes in the partial file.
     std::uint64_t written_ = 0;
+    // Bytes received after those, gathered for one larger write.
+    std::vector<char> unwritten_;
     // What resumes this download later; set once validators are known.
     optional<ResumeData> resume_;
     // Whether this download has written resume data (and so may remove the file when done).
