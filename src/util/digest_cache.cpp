@@ -3,7 +3,9 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 #include <utility>
 
@@ -80,6 +82,31 @@ optional<std::string> DigestCache::find(const FileIdentity& identity) const {
         return nullopt;
     }
     return found->digest;
+}
+
+int DigestCache::rename(const std::string& from, const std::string& to) {
+    struct stat before {};
+    const bool known = ::stat(from.c_str(), &before) == 0 && find(FileIdentity::of(before));
+    if (::rename(from.c_str(), to.c_str()) != 0) {
+        return errno;
+    }
+    struct stat after {};
+    if (!known || ::stat(to.c_str(), &after) != 0) {
+        return 0;
+    }
+    const FileIdentity was = FileIdentity::of(before);
+    const FileIdentity now = FileIdentity::of(after);
+    if (now.device != was.device || now.inode != was.inode || now.size != was.size ||
+        now.modifiedNanoseconds != was.modifiedNanoseconds) {
+        return 0;
+    }
+    std::lock_guard lock(mutex_);
+    for (auto& entry : entries_) {
+        if (entry.identity == was) {
+            entry.identity = now;
+        }
+    }
+    return 0;
 }
 
 void DigestCache::clear() {

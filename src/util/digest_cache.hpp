@@ -48,6 +48,12 @@ class DigestCache {
     // The digest recorded for exactly this state of the file, if any.
     optional<std::string> find(const FileIdentity& identity) const;
 
+    // Renames `from` to `to` as rename(2) does (0 or the errno value), and keeps a digest
+    // recorded for the file under its new change time: a rename changes no byte. It is kept only
+    // when the file renamed is the one recorded, with the same size and modification time: a
+    // write in between would have moved the latter, since the clock was past it when recorded.
+    int rename(const std::string& from, const std::string& to);
+
     // Forgets every entry.
     void clear();
 

@@ -156,13 +156,28 @@ TEST(Md5File, AnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
              return file;
          },
          Answer::Read},
-        {"renamed",
+        {"renamed through the digest cache, as the library renames what it verified",
+         [](const fs::path& file) {
+             const fs::path renamed = file.string() + ".renamed";
+             EXPECT_EQ(DigestCache::instance().rename(file, renamed), 0);
+             return renamed;
+         },
+         Answer::Recorded},
+        {"renamed by another hand, which moves the change time",
          [](const fs::path& file) {
              const fs::path renamed = file.string() + ".renamed";
              fs::rename(file, renamed);
              return renamed;
          },
          Answer::RecordedIfIdentityKept},
+        {"written to, then renamed through the digest cache",
+         [](const fs::path& file) {
+             std::ofstream(file, std::ios::binary | std::ios::in | std::ios::out) << 'x';
+             const fs::path renamed = file.string() + ".renamed";
+             EXPECT_EQ(DigestCache::instance().rename(file, renamed), 0);
+             return renamed;
+         },
+         Answer::Read},
     };
     TemporaryDirectory directory;
     const std::string recorded = "digest recorded for the original";

@@ -456,8 +456,15 @@ void DownloadTransfer::succeed() {
     if (const int closeError = partial_.close(); error == 0) {
         error = closeError;
     }
-    if (error == 0 && ::rename(partialPath_.c_str(), localPath.c_str()) != 0) {
-        error = errno;
+    auto& digests = util::DigestCache::instance();
+    // Recorded for the file as flushed, through the follower's descriptor, and carried over by
+    // the rename: nothing that changes the file in between can slip into the record.
+    if (error == 0 && digest) {
+        (void)digests.record(digest_->descriptor(), *digest);
+    }
+    digest_.reset();
+    if (error == 0) {
+        error = digests.rename(partialPath_, localPath);
     }
     if (error != 0) {
         keepPartialForLater();
@@ -465,12 +472,6 @@ void DownloadTransfer::succeed() {
         return;
     }
     ownsPartial_ = false;
-    // Recorded after the rename, which changes the file's change time, through the follower's
-    // descriptor: the path may name another file by now.
-    if (digest) {
-        (void)util::DigestCache::instance().record(digest_->descriptor(), *digest);
-    }
-    digest_.reset();
     if (wroteResumeData_) {
         removeResumeData(localPath);
         resumeDataOnDisk_ = false;
