@@ -13,6 +13,7 @@
 #include "offline/offline_storage.hpp"
 #include "offline/pack_paths.hpp"
 #include "terrane/util/md5.hpp"
+#include "util/digest_cache.hpp"
 #include "util/file_io.hpp"
 
 namespace terrane::common {
@@ -78,9 +79,12 @@ void OfflineServiceWorker::verifyPackDownload(PackKey key) {
     // A pack file found at start-up without a record vouching for it is checked where it is.
     const fs::path packFile = packFileOf(downloadFile);
     if (packFile != fs::path(downloadFile)) {
-        fs::rename(downloadFile, packFile, error);
-        if (error) {
-            return failPack(*context, OfflineDataErrorCode::Filesystem, error.message());
+        // Through the digest cache, so that the pack is still known by the digest just checked.
+        if (const int failure =
+                util::DigestCache::instance().rename(downloadFile, packFile.string());
+            failure != 0) {
+            return failPack(*context, OfflineDataErrorCode::Filesystem,
+                            std::generic_category().message(failure));
         }
     }
     holder.headers.verified = true;

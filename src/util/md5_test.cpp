@@ -1,5 +1,6 @@
 #include "terrane/util/md5.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,7 +8,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <vector>
+
+#include "util/digest_cache.hpp"
+#include "util/file_descriptor.hpp"
 
 namespace terrane::common::util {
 namespace {
@@ -79,6 +85,130 @@ TEST(Md5File, DigestEqualsTheDigestOfTheContents) {
         ASSERT_TRUE(digest.has_value()) << size << ": " << digest.error();
         EXPECT_EQ(*digest, md5String(contents)) << "size " << size;
     }
+}
+
+FileIdentity identityOf(const fs::path& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return FileIdentity::of(status);
+}
+
+void recordDigest(const fs::path& path, const std::string& digest) {
+    const base::io::FileDescriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    ASSERT_TRUE(DigestCache::instance().record(file.get(), digest)) << path;
+}
+
+void setTimes(const fs::path& path, const struct stat& times) {
+    const timespec both[2] = {times.st_atim, times.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), both, 0), 0) << path;
+}
+
+// A digest recorded for a file answers for it only while the file is the one recorded: the answer
+// shows which it was, since the recorded digest is not the file's.
+TEST(Md5File, AnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
+    enum class Answer { Recorded, Read, RecordedIfIdentityKept };
+    struct Row {
+        const char* change;
+        std::function<fs::path(const fs::path&)> apply;  // returns where the file is now
+        Answer expected;
+    };
+    const std::string original = patternedBytes(100'000);
+    const auto unchanged = [](const fs::path& file) { return file; };
+    const std::vector<Row> rows = {
+        {"none", unchanged, Answer::Recorded},
+        {"one byte overwritten, times put back",
+         [](const fs::path& file) {
+             struct stat before {};
+             ::stat(file.c_str(), &before);
+             const base::io::FileDescriptor out{::open(file.c_str(), O_WRONLY | O_CLOEXEC)};
+             EXPECT_EQ(::pwrite(out.get(), "x", 1, 500), 1);
+             setTimes(file, before);
+             return file;
+         },
+         Answer::Read},
+        {"appended to",
+         [](const fs::path& file) {
+             std::ofstream(file, std::ios::binary | std::ios::app) << 'x';
+             return file;
+         },
+         Answer::Read},
+        {"truncated",
+         [](const fs::path& file) {
+             fs::resize_file(file, 50'000);
+             return file;
+         },
+         Answer::Read},
+        {"replaced by a file of the same size and times",
+         [&](const fs::path& file) {
+             struct stat before {};
+             ::stat(file.c_str(), &before);
+             // Removed first, so that the new file may well get the same inode.
+             fs::remove(file);
+             std::string other = original;
+             other[0] = static_cast<char>(~other[0]);
+             setTimes(writeFile(file, other), before);
+             return file;
+         },
+         Answer::Read},
+        {"mode changed",
+         [](const fs::path& file) {
+             fs::permissions(file, fs::perms::owner_read, fs::perm_options::replace);
+             return file;
+         },
+         Answer::Read},
+        {"renamed through the digest cache, as the library renames what it verified",
+         [](const fs::path& file) {
+             const fs::path renamed = file.string() + ".renamed";
+             EXPECT_EQ(DigestCache::instance().rename(file, renamed), 0);
+             return renamed;
+         },
+         Answer::Recorded},
+        {"renamed by another hand, which moves the change time",
+         [](const fs::path& file) {
+             const fs::path renamed = file.string() + ".renamed";
+             fs::rename(file, renamed);
+             return renamed;
+         },
+         Answer::RecordedIfIdentityKept},
+        {"written to, then renamed through the digest cache",
+         [](const fs::path& file) {
+             std::ofstream(file, std::ios::binary | std::ios::in | std::ios::out) << 'x';
+             const fs::path renamed = file.string() + ".renamed";
+             EXPECT_EQ(DigestCache::instance().rename(file, renamed), 0);
+             return renamed;
+         },
+         Answer::Read},
+    };
+    TemporaryDirectory directory;
+    const std::string recorded = "digest recorded for the original";
+    for (const auto& row : rows) {
+        const auto file = writeFile(directory.path() / "file", original);
+        recordDigest(file, recorded);
+        const FileIdentity before = identityOf(file);
+        const fs::path now = row.apply(file);
+        const bool kept = identityOf(now) == before;
+        std::string contents(fs::file_size(now), '\0');
+        std::ifstream(now, std::ios::binary)
+            .read(contents.data(), static_cast<std::streamsize>(contents.size()));
+        const bool expectRecorded = row.expected == Answer::Recorded ||
+                                    (row.expected == Answer::RecordedIfIdentityKept && kept);
+        EXPECT_EQ(md5File(now.string()), expectRecorded ? recorded : md5String(contents))
+            << row.change;
+        fs::remove(now);
+    }
+}
+
+TEST(Md5File, DigestCacheKeepsTheNewestEntries) {
+    TemporaryDirectory directory;
+    std::vector<fs::path> files;
+    for (std::size_t index = 0; index <= DigestCache::kCapacity; ++index) {
+        files.push_back(writeFile(directory.path() / std::to_string(index), std::to_string(index)));
+    }
+    for (const auto& file : files) {
+        recordDigest(file, "recorded " + file.filename().string());
+    }
+    EXPECT_EQ(md5File(files.front().string()), md5String("0"));
+    EXPECT_EQ(md5File(files.back().string()), "recorded " + files.back().filename().string());
 }
 
 TEST(Md5File, EmptyFileHasTheEmptyDigest) {

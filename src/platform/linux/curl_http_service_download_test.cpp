@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -9,7 +10,9 @@
 #include "platform/linux/download_transfer.hpp"
 #include "platform/linux/resume_data.hpp"
 #include "terrane/http/request_id.hpp"
+#include "terrane/util/md5.hpp"
 #include "testing/http_test_server.hpp"
+#include "util/digest_cache.hpp"
 
 namespace terrane::common {
 namespace {
@@ -71,6 +74,16 @@ class CurlHttpServiceDownloadTest : public ::testing::Test {
     // Stops the engine, so that no callback can arrive any more.
     void stopService() { service_.reset(); }
 
+    // What the digest cache holds for the destination as it is now: the digest taken while the
+    // bytes were written, which md5File answers with instead of reading the file.
+    optional<std::string> cachedDigest() const {
+        struct stat status {};
+        if (::stat(destination_.c_str(), &status) != 0) {
+            return nullopt;
+        }
+        return util::DigestCache::instance().find(util::FileIdentity::of(status));
+    }
+
     std::string rd() const { return resumeDataPathFor(destination_); }
     std::string part() const { return partialFilePathFor(destination_); }
 
@@ -118,6 +131,7 @@ TEST_F(CurlHttpServiceDownloadTest, AFreshDownloadReportsPendingDownloadingThenF
     }
 
     EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));
     EXPECT_FALSE(fs::exists(part()));
     EXPECT_FALSE(fs::exists(rd()));
 }
@@ -266,6 +280,7 @@ TEST_F(CurlHttpServiceDownloadTest, CancellingAfterTheHeadStoresResumeDataAndRes
     EXPECT_EQ(final.receivedBytes, content.size());
     EXPECT_EQ((*final.httpResult)->code, 206);
     EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));  // the bytes from before included
     EXPECT_FALSE(fs::exists(rd()));
     EXPECT_FALSE(fs::exists(part()));
 
@@ -312,6 +327,7 @@ TEST_F(CurlHttpServiceDownloadTest, AChangedFileStartsOverFromZero) {
     EXPECT_EQ(inbox.items()[1].receivedBytes, 0u);
     EXPECT_EQ((*final.httpResult)->code, 200);
     EXPECT_EQ(test::readWholeFile(destination_), file.content);
+    EXPECT_EQ(cachedDigest(), util::md5String(file.content));
     EXPECT_EQ(server_->requestsFor("/pack").back().header("if-range"), "\"v1\"");
 }
 
@@ -343,6 +359,7 @@ TEST_F(CurlHttpServiceDownloadTest, BytesWrittenAfterTheLastStoredDataAreKept) {
     EXPECT_EQ(download("/pack", true).state, DownloadState::Finished);
     EXPECT_EQ(server_->requestsFor("/pack").back().header("range"), "bytes=40000-");
     EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));
 }
 
 TEST_F(CurlHttpServiceDownloadTest, ResumeDataForAnotherUrlIsIgnoredAndKept) {

@@ -13,6 +13,7 @@
 
 #include "platform/linux/curl_error_mapping.hpp"
 #include "terrane/log/log.hpp"
+#include "util/digest_cache.hpp"
 
 namespace terrane::common {
 
@@ -24,8 +25,11 @@ constexpr const char kTimedOut[] = "Request timed out.";
 constexpr const char kIdentityEncoding[] = "Accept-Encoding: identity";
 // Partial files and resume data are nobody else's business.
 constexpr mode_t kPrivateFileMode = 0600;
-// Fewer, larger writes: a fast loopback transfer spends its time in system calls otherwise.
-constexpr long kReceiveBufferSize = 256 * 1024;
+// Fewer, larger reads and writes: a fast loopback transfer spends its time in system calls
+// otherwise. libcurl hands the body over in pieces of 16 KiB whatever it reads at once, so the
+// pieces are gathered up to kWriteBytes before they go to the file.
+constexpr long kReceiveBufferSize = 512 * 1024;
+constexpr std::size_t kWriteBytes = 1024 * 1024;
 
 std::string systemErrorText(int error) {
     return std::generic_category().message(error);
@@ -141,7 +145,8 @@ optional<ResumeData> DownloadTransfer::takeResumeData() {
     }
     // Used up whatever comes of it; a fresh file is written once the server has answered.
     removeResumeData(status_.downloadOptions.localPath);
-    const int fd = ::open(partialPath_.c_str(), O_WRONLY | O_CLOEXEC);
+    // Readable too, for the digest of the bytes it already holds.
+    const int fd = ::open(partialPath_.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         return nullopt;
     }
@@ -306,8 +311,7 @@ bool DownloadTransfer::acceptSuccessHead(std::int64_t code) {
 
 bool DownloadTransfer::openPartialFile(bool truncate) {
     if (!static_cast<bool>(partial_)) {
-        const int fd =
-            ::open(partialPath_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kPrivateFileMode);
+        const int fd = ::open(partialPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFileMode);
         if (fd < 0) {
             fileError_ = systemErrorText(errno);
             return false;
@@ -315,12 +319,15 @@ bool DownloadTransfer::openPartialFile(bool truncate) {
         partial_ = base::io::FileDescriptor(fd);
     }
     ownsPartial_ = true;
+    unwritten_.clear();
+    digest_.reset();
     const off_t end = truncate ? 0 : static_cast<off_t>(offset_);
     // Bytes past the offset (kept from a cut-off run) are replaced by what arrives now.
     if (::ftruncate(partial_.get(), end) != 0 || ::lseek(partial_.get(), end, SEEK_SET) < 0) {
         fileError_ = systemErrorText(errno);
         return false;
     }
+    digest_ = FileDigestFollower::start(partial_.get(), static_cast<std::uint64_t>(end));
     return true;
 }
 
@@ -340,22 +347,53 @@ bool DownloadTransfer::acceptBody(const char* data, std::size_t size) {
             }
             return true;
         }
-        case BodySink::File:
-            if (exceedsLimit(written_ + size)) {
+        case BodySink::File: {
+            const std::uint64_t received = written_ + unwritten_.size() + size;
+            if (exceedsLimit(received)) {
                 sizeExceeded_ = true;
                 return false;
             }
-            if (const int error =
-                    base::io::writeAll(partial_.get(), std::string_view(data, size))) {
-                fileError_ = systemErrorText(error);
+            if (unwritten_.size() + size > kWriteBytes && !flushBody()) {
                 return false;
             }
-            written_ += size;
-            status_.receivedBytes = written_;
+            if (size >= kWriteBytes) {
+                if (!writeBody(data, size)) {
+                    return false;
+                }
+            } else {
+                if (unwritten_.capacity() < kWriteBytes) {
+                    unwritten_.reserve(kWriteBytes);
+                }
+                unwritten_.insert(unwritten_.end(), data, data + size);
+            }
+            status_.receivedBytes = received;
             progressDirty_ = true;
             return true;
+        }
     }
     return true;
+}
+
+bool DownloadTransfer::writeBody(const char* data, std::size_t size) {
+    if (const int error = base::io::writeAll(partial_.get(), std::string_view(data, size))) {
+        fileError_ = systemErrorText(error);
+        return false;
+    }
+    written_ += size;
+    if (digest_) {
+        digest_->advance(written_);
+    }
+    return true;
+}
+
+bool DownloadTransfer::flushBody() {
+    if (unwritten_.empty()) {
+        return true;
+    }
+    const bool written = writeBody(unwritten_.data(), unwritten_.size());
+    // Bytes a failed write left behind are not retried: the download ends on the error.
+    unwritten_.clear();
+    return written;
 }
 
 CurlTransfer::Next DownloadTransfer::complete(CURLcode result) {
@@ -368,6 +406,9 @@ CurlTransfer::Next DownloadTransfer::complete(CURLcode result) {
         announceHead_ = true;
         lastActivity_ = Clock::now();
         return createHandle(false) ? Next::Restart : Next::Done;
+    }
+    if (!fileError_) {
+        (void)flushBody();
     }
     if (sizeExceeded_) {
         discardPartial();
@@ -410,12 +451,20 @@ void DownloadTransfer::succeed() {
         fail(DownloadErrorCode::FileSystemError, *fileError_);
         return;
     }
+    const auto digest = digest_ ? digest_->finish(written_) : nullopt;
     int error = ::fdatasync(partial_.get()) == 0 ? 0 : errno;
     if (const int closeError = partial_.close(); error == 0) {
         error = closeError;
     }
-    if (error == 0 && ::rename(partialPath_.c_str(), localPath.c_str()) != 0) {
-        error = errno;
+    auto& digests = util::DigestCache::instance();
+    // Recorded for the file as flushed, through the follower's descriptor, and carried over by
+    // the rename: nothing that changes the file in between can slip into the record.
+    if (error == 0 && digest) {
+        (void)digests.record(digest_->descriptor(), *digest);
+    }
+    digest_.reset();
+    if (error == 0) {
+        error = digests.rename(partialPath_, localPath);
     }
     if (error != 0) {
         keepPartialForLater();
@@ -440,6 +489,7 @@ void DownloadTransfer::finishWithErrorBody() {
         status_.httpResult = HttpResponseData{head_.headers(), code, {}};
     }
     // The partial file was not touched by this answer: what it had still resumes.
+    digest_.reset();
     (void)partial_.close();
     if (resumedFrom_) {
         (void)storeResumeData(status_.downloadOptions.localPath, *resumedFrom_);
@@ -469,6 +519,11 @@ void DownloadTransfer::abandon() {
 }
 
 bool DownloadTransfer::keepPartialForLater() {
+    if (!fileError_) {
+        (void)flushBody();
+    }
+    unwritten_.clear();
+    digest_.reset();
     (void)partial_.close();
     if (!ownsPartial_) {
         return false;
@@ -491,6 +546,8 @@ bool DownloadTransfer::keepPartialForLater() {
 }
 
 void DownloadTransfer::discardPartial() {
+    unwritten_.clear();
+    digest_.reset();
     (void)partial_.close();
     if (ownsPartial_) {
         ::unlink(partialPath_.c_str());

@@ -6,11 +6,13 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/curl_handles.hpp"
 #include "platform/linux/curl_transfer.hpp"
 #include "platform/linux/delivery_queue.hpp"
 #include "platform/linux/easy_request.hpp"
+#include "platform/linux/file_digest_follower.hpp"
 #include "platform/linux/response_head.hpp"
 #include "platform/linux/resume_data.hpp"
 #include "terrane/http/http_service_interface.hpp"
@@ -25,13 +27,16 @@ namespace terrane::common {
 // Failed. Nothing after the final report or after a cancellation.
 //
 // Files: the bytes go to "<localPath>.part" (mode 0600), which on success is flushed and renamed
-// over localPath. An answer outside 2xx still ends Finished but leaves the destination alone; its
-// body (at most kMaxErrorBody bytes) is the data of httpResult. Resume data ("<localPath>.rd") is
-// written as soon as the head of a resumable answer (2xx with a strong ETag or a Last-Modified
-// date, body not content-encoded) arrives, and refreshed with the byte count when the download is
-// cancelled, fails in transport or on a full disk, or is abandoned, so that a download cut off even
-// by a crash can resume. A partial file that cannot be resumed is removed when the download ends.
-// The request goes out with "Accept-Encoding: identity", whatever the caller's headers say.
+// over localPath. Their MD5 digest is taken as they arrive (a resumed file's earlier bytes
+// included) and recorded in the process's digest cache for the file as renamed, so that
+// util::md5File answers for it without reading it while nothing changes it. An answer outside 2xx
+// still ends Finished but leaves the destination alone; its body (at most kMaxErrorBody bytes) is
+// the data of httpResult. Resume data ("<localPath>.rd") is written as soon as the head of a
+// resumable answer (2xx with a strong ETag or a Last-Modified date, body not content-encoded)
+// arrives, and refreshed with the byte count when the download is cancelled, fails in transport or
+// on a full disk, or is abandoned, so that a download cut off even by a crash can resume. A partial
+// file that cannot be resumed is removed when the download ends. The request goes out with
+// "Accept-Encoding: identity", whatever the caller's headers say.
 //
 // Size: with options.maxBytes, a download ends with SizeExceeded as soon as the bytes it holds
 // (a resumed offset included) would exceed it, or the response head announces more; its partial
@@ -77,6 +82,9 @@ class DownloadTransfer final : public CurlTransfer {
     bool acceptFinalHead();
     bool acceptSuccessHead(std::int64_t code);
     bool acceptBody(const char* data, std::size_t size);
+    // Write to the partial file; false (fileError_ set) when the write fails.
+    bool writeBody(const char* data, std::size_t size);
+    bool flushBody();
 
     // False when the handle could not be set up; the failure is queued then.
     bool createHandle(bool withRange);
@@ -110,12 +118,16 @@ class DownloadTransfer final : public CurlTransfer {
     BodySink sink_ = BodySink::Discard;
 
     base::io::FileDescriptor partial_;
+    // The digest of the partial file from its first byte, while one can be taken.
+    std::unique_ptr<FileDigestFollower> digest_;
     // Whether the partial file holds bytes of this download (and so is ours to remove).
     bool ownsPartial_ = false;
     // The offset the running request continues from; 0 for a request without a range.
     std::uint64_t offset_ = 0;
     // Bytes in the partial file.
     std::uint64_t written_ = 0;
+    // Bytes received after those, gathered for one larger write.
+    std::vector<char> unwritten_;
     // What resumes this download later; set once validators are known.
     optional<ResumeData> resume_;
     // Whether this download has written resume data (and so may remove the file when done).
