@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <utility>
 
 #include "json_writer.hpp"
 #include "pack_selection.hpp"
