@@ -4,22 +4,20 @@
 #include <cstdio>
 #include <map>
 
+#include "client_session.hpp"
 #include "json_writer.hpp"
-#include "offline_session.hpp"
 #include "pack_selection.hpp"
+#include "service_events.hpp"
 #include "storage_wait.hpp"
 #include "text_format.hpp"
 
 namespace terrane::tool {
 
-using common::OfflineDataPackStatus;
 using namespace std::chrono_literals;
 
 namespace {
 
 struct Doomed {
-    common::OfflineDataRegionMetadata region;
-    bool done = false;
     bool deleted = false;
     std::string failure;
 };
@@ -40,28 +38,24 @@ Result<void> runDelete(const ToolContext& context, const DeleteRequest& request)
     if (auto free = waitForStorage(context, context.baseUrl, context.user); !free) {
         return free;
     }
-    OfflineSession session(context, context.baseUrl, context.user);
-    if (auto ready = session.waitUntilInitialized(); !ready) {
-        return ready;
-    }
-
-    const auto matches = [&](const PackKey& key) {
-        return key.region == request.region &&
-               (!request.revision || *request.revision == key.revision) &&
-               std::find(domains->begin(), domains->end(), key.domain) != domains->end();
+    ClientSession session(context);
+    const auto matches = [&](const common::PackState& state) {
+        return state.region.id == request.region &&
+               (!request.revision || *request.revision == state.region.revision) &&
+               std::find(domains->begin(), domains->end(), state.domain) != domains->end();
     };
-    // A verification begun at start-up would otherwise report its outcome in the middle of the
-    // deletion, where it reads as the deletion's.
-    if (auto settled = session.waitWhileVerifying(matches); !settled) {
-        return settled;
-    }
-    std::map<PackKey, Doomed> doomed;
-    for (const auto& [key, known] : session.packs()) {
-        if (matches(key)) {
-            doomed[key] = Doomed{known.region, false, false, {}};
+    // One removal per stored revision, of the domains it holds.
+    std::map<std::uint32_t,
+             std::pair<common::OfflineDataRegionMetadata, std::vector<common::OfflineDataDomain>>>
+        revisions;
+    for (const auto& state : session.client().stored()) {
+        if (matches(state)) {
+            auto& entry = revisions[state.region.revision];
+            entry.first = state.region;
+            entry.second.push_back(state.domain);
         }
     }
-    if (doomed.empty()) {
+    if (revisions.empty()) {
         std::string what = "region '" + request.region + "'";
         if (request.revision) {
             what += " revision " + std::to_string(*request.revision);
@@ -72,55 +66,33 @@ Result<void> runDelete(const ToolContext& context, const DeleteRequest& request)
         return fail(Failure, "nothing to delete: no stored pack of " + what + " for user " +
                                  context.user + " in " + context.storage);
     }
-    for (const auto& [key, pack] : doomed) {
-        session.service().deletePack(key.domain, pack.region);
+    std::vector<std::pair<PackKey, common::PackOperation>> removals;
+    for (const auto& [revision, entry] : revisions) {
+        const auto operation = session.client().remove(entry.first, entry.second);
+        for (const auto domain : entry.second) {
+            removals.emplace_back(PackKey{request.region, revision, domain}, operation);
+        }
     }
-
-    const std::uint64_t barrier = session.postBarrier();
-    bool barrierPassed = false;
-    const auto pending = [&doomed] {
-        return std::any_of(doomed.begin(), doomed.end(),
-                           [](const auto& entry) { return !entry.second.done; });
-    };
-    while (pending()) {
-        const auto event = session.next(1h);
-        if (!event) {
-            continue;
-        }
-        if (event->kind == ServiceEvent::Kind::Interrupted) {
-            return fail(Interrupted, "interrupted while waiting for the deletion to finish");
-        }
-        if (event->kind == ServiceEvent::Kind::Barrier) {
-            barrierPassed |= event->barrier == barrier;
-            continue;
-        }
-        if (event->kind == ServiceEvent::Kind::Idle && barrierPassed) {
-            for (auto& [key, pack] : doomed) {
-                if (!pack.done) {
-                    pack.done = true;
-                    pack.failure = "the service did not delete it (run with --verbose for its log)";
-                }
+    std::map<PackKey, Doomed> doomed;
+    for (auto& [key, operation] : removals) {
+        while (!operation.wait_for(100ms)) {
+            if (session.interrupted()) {
+                return fail(Interrupted, "interrupted while waiting for the deletion to finish");
             }
-            continue;
         }
-        if (event->kind != ServiceEvent::Kind::Pack) {
-            continue;
-        }
-        auto found = doomed.find(event->key());
-        if (found == doomed.end() || found->second.done) {
-            continue;
-        }
-        if (event->pack.status == OfflineDataPackStatus::Deleted) {
-            found->second.done = true;
-            found->second.deleted = true;
+        const auto& results = operation.result();
+        const auto result = std::find_if(results.begin(), results.end(), [&](const auto& each) {
+            return each.domain == key.domain;
+        });
+        Doomed& pack = doomed[key];
+        pack.deleted = result->outcome.has_value();
+        if (pack.deleted) {
             if (!context.json) {
-                std::printf("deleted %s\n", describe(found->first).c_str());
+                std::printf("deleted %s\n", describe(key).c_str());
                 std::fflush(stdout);
             }
-        } else if (event->pack.status == OfflineDataPackStatus::Errored) {
-            found->second.done = true;
-            found->second.failure = event->pack.error ? describeError(*event->pack.error)
-                                                      : std::string("no reason given");
+        } else {
+            pack.failure = describeError(result->outcome.error());
         }
     }
 

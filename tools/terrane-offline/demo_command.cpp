@@ -90,7 +90,7 @@ Result<void> runDemo(const GlobalOptions& global, InterruptWatcher& interrupts,
     }
     for (const char* region : {"harbour", "highlands"}) {
         heading(std::string("terrane-offline download ") + region);
-        if (auto done = runDownload(context, DownloadRequest{region, {}, "all"}); !done) {
+        if (auto done = runDownload(context, DownloadRequest{region, {}, "all", {}}); !done) {
             return done;
         }
     }

@@ -1,50 +1,59 @@
 #pragma once
 
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace terrane::tool {
 
-// A small pretty-printing JSON writer that keeps members in the order they are written, for the
-// catalogue files that `publish` makes and for `--json` output (the library's value converter
-// writes compact JSON in hash order, which is right for machines but not for people).
+// RapidJSON's pretty writer with chained calls, for the catalogue files that `publish` makes and
+// for `--json` output: members stay in the order they are written and the text is indented for
+// people (the library's value converter writes compact JSON in hash order).
 //
-// Usage is checked only loosely: a member value must follow key(), containers must be closed in
-// order. One thread at a time.
+// RapidJSON checks the nesting (a member value must follow key()). One thread at a time.
 class JsonWriter {
   public:
-    JsonWriter& beginObject();
-    JsonWriter& endObject();
-    JsonWriter& beginArray();
-    JsonWriter& endArray();
-    JsonWriter& key(std::string_view name);
-    JsonWriter& value(std::string_view text);
+    JsonWriter() : writer_(buffer_) { writer_.SetIndent(' ', 2); }
+
+    JsonWriter& beginObject() { return done(writer_.StartObject()); }
+    JsonWriter& endObject() { return done(writer_.EndObject()); }
+    JsonWriter& beginArray() { return done(writer_.StartArray()); }
+    JsonWriter& endArray() { return done(writer_.EndArray()); }
+    JsonWriter& key(std::string_view name) {
+        return done(writer_.Key(name.data(), static_cast<rapidjson::SizeType>(name.size())));
+    }
+    JsonWriter& value(std::string_view text) {
+        return done(writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size())));
+    }
     JsonWriter& value(const char* text) { return value(std::string_view(text)); }
     JsonWriter& value(const std::string& text) { return value(std::string_view(text)); }
-    JsonWriter& value(std::uint64_t number);
-    JsonWriter& value(std::int64_t number);
-    JsonWriter& value(std::uint32_t number) { return value(std::uint64_t{number}); }
-    JsonWriter& value(bool flag);
-    JsonWriter& null();
-    // A value that is already JSON text, inserted as it is.
-    JsonWriter& raw(std::string_view json);
+    JsonWriter& value(std::uint64_t number) { return done(writer_.Uint64(number)); }
+    JsonWriter& value(std::int64_t number) { return done(writer_.Int64(number)); }
+    JsonWriter& value(std::uint32_t number) { return done(writer_.Uint(number)); }
+    JsonWriter& value(bool flag) { return done(writer_.Bool(flag)); }
+    JsonWriter& null() { return done(writer_.Null()); }
+    // A value that is already JSON text (an object), inserted as it is.
+    JsonWriter& raw(std::string_view json) {
+        return done(writer_.RawValue(json.data(), json.size(), rapidjson::kObjectType));
+    }
 
     // The document so far, with a final newline once the outermost container is closed.
-    const std::string& text() const { return out_; }
-
-    // `text` as a quoted JSON string.
-    static std::string quote(std::string_view text);
+    std::string text() const {
+        std::string out(buffer_.GetString(), buffer_.GetSize());
+        if (writer_.IsComplete()) {
+            out.push_back('\n');
+        }
+        return out;
+    }
 
   private:
-    void beforeValue();
-    void newline();
+    JsonWriter& done(bool) { return *this; }
 
-    std::string out_;
-    // One entry per open container: whether it has a member or element yet.
-    std::vector<bool> hasContent_;
-    bool afterKey_ = false;
+    rapidjson::StringBuffer buffer_;
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer_;
 };
 
 }  // namespace terrane::tool

@@ -23,6 +23,7 @@
 #include "status_command.hpp"
 #include "text_format.hpp"
 #include "tool_error.hpp"
+#include "update_command.hpp"
 
 using namespace terrane::tool;
 
@@ -35,6 +36,17 @@ int report(const Result<void>& result) {
     std::fflush(stdout);
     std::fprintf(stderr, "terrane-offline: %s\n", printable(result.error().message).c_str());
     return result.error().status;
+}
+
+// `download` and `update` fetch packs alike.
+void addDownloadFlags(CLI::App& command, DownloadSettings& settings) {
+    command.add_flag_callback(
+        "--no-retry", [&settings] { settings.retry = false; },
+        "Stop at the first failure instead of asking again after a growing delay");
+    command.add_flag_callback(
+        "--no-wan", [&settings] { settings.network = terrane::common::NetworkPolicy::NotOverWAN; },
+        "Download only while the catalogue is reached other than over a mobile or metered link; "
+        "wait otherwise");
 }
 
 int run(int argc, char** argv, InterruptWatcher& interrupts) {
@@ -74,8 +86,17 @@ int run(int argc, char** argv, InterruptWatcher& interrupts) {
     downloadCommand->add_option("--domain", download.domain, "maps, navigation or all")
         ->check(CLI::IsMember({"maps", "navigation", "all"}))
         ->capture_default_str();
+    addDownloadFlags(*downloadCommand, download.settings);
 
-    auto* status = app.add_subcommand("status", "Show every stored pack");
+    auto* status = app.add_subcommand(
+        "status", "Show every stored pack, marking those the catalogue has a newer revision of");
+
+    UpdateRequest update;
+    auto* updateCommand = app.add_subcommand(
+        "update", "Download the newer revision of stored regions, then delete the older one");
+    updateCommand->add_option("REGION", update.region, "Region id (default: every stored one)");
+    updateCommand->add_flag("--dry-run", update.dryRun, "Only say what would change");
+    addDownloadFlags(*updateCommand, update.settings);
 
     DeleteRequest erase;
     auto* deleteCommand = app.add_subcommand("delete", "Delete a region's stored packs");
@@ -151,6 +172,9 @@ int run(int argc, char** argv, InterruptWatcher& interrupts) {
     } else if (downloadCommand->parsed()) {
         result =
             withContext([&](const ToolContext& context) { return runDownload(context, download); });
+    } else if (updateCommand->parsed()) {
+        result =
+            withContext([&](const ToolContext& context) { return runUpdate(context, update); });
     } else if (status->parsed()) {
         result = withContext([](const ToolContext& context) { return runStatus(context); });
     } else if (deleteCommand->parsed()) {

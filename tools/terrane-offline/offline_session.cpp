@@ -61,9 +61,6 @@ OfflineSession::OfflineSession(const ToolContext& context, const std::string& ba
 
 OfflineSession::~OfflineSession() {
     common::OfflineService::unregisterObserver(observer_);
-    for (const auto& [number, barrier] : barriers_) {
-        common::OfflineService::unregisterObserver(barrier);
-    }
     // The last reference: the worker runs what is queued, then its thread is joined.
     service_.reset();
 }
@@ -90,12 +87,6 @@ common::optional<ServiceEvent> OfflineSession::next(std::chrono::milliseconds ti
         case ServiceEvent::Kind::Log:
             printLog(event->message);
             break;
-        case ServiceEvent::Kind::Barrier:
-            if (const auto found = barriers_.find(event->barrier); found != barriers_.end()) {
-                common::OfflineService::unregisterObserver(found->second);
-                barriers_.erase(found);
-            }
-            break;
         default:
             break;
     }
@@ -115,25 +106,6 @@ Result<void> OfflineSession::waitUntilInitialized() {
             return {};
         }
     }
-}
-
-Result<void> OfflineSession::waitWhileVerifying(
-    const std::function<bool(const PackKey&)>& relevant) {
-    const auto verifying = [&] {
-        for (const auto& [key, known] : packs_) {
-            if (known.pack.status == OfflineDataPackStatus::Verifying && relevant(key)) {
-                return true;
-            }
-        }
-        return false;
-    };
-    while (verifying()) {
-        const auto event = next(1h);
-        if (event && event->kind == ServiceEvent::Kind::Interrupted) {
-            return common::unexpected(interruptedError());
-        }
-    }
-    return {};
 }
 
 Result<bool> OfflineSession::waitUntilIdle(std::chrono::milliseconds limit) {
@@ -157,14 +129,22 @@ Result<bool> OfflineSession::waitUntilIdle(std::chrono::milliseconds limit) {
     }
 }
 
-Result<std::vector<common::OfflineDataRegionMetadata>> OfflineSession::listRegions() {
+Result<std::vector<common::OfflineDataRegionMetadata>> OfflineSession::listRegions(
+    std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     service_->listAvailableRegions([queue = queue_](Catalogue answer) {
         ServiceEvent event = ServiceEvent::of(ServiceEvent::Kind::Catalogue);
         event.catalogue = std::make_shared<const Catalogue>(std::move(answer));
         queue->push(std::move(event));
     });
     while (true) {
-        const auto event = next(1h);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left <= 0ms) {
+            return fail(Unreachable, "the catalogue at " + context_.redact(endpoint_) +
+                                         " did not answer in time");
+        }
+        const auto event = next(left);
         if (!event) {
             continue;
         }
@@ -180,14 +160,6 @@ Result<std::vector<common::OfflineDataRegionMetadata>> OfflineSession::listRegio
         }
         return **event->catalogue;
     }
-}
-
-std::uint64_t OfflineSession::postBarrier() {
-    const std::uint64_t number = nextBarrier_++;
-    auto barrier = std::make_shared<BarrierObserver>(queue_, number);
-    barriers_.emplace(number, barrier);
-    common::OfflineService::registerObserver(barrier);
-    return number;
 }
 
 }  // namespace terrane::tool

@@ -37,8 +37,6 @@ class OfflineSession {
     OfflineSession(const OfflineSession&) = delete;
     OfflineSession& operator=(const OfflineSession&) = delete;
 
-    common::OfflineService& service() { return *service_; }
-
     // The next event, or nothing after `timeout`. Pack events update packs() first; log lines are
     // printed to stderr with --verbose.
     common::optional<ServiceEvent> next(std::chrono::milliseconds timeout);
@@ -49,20 +47,13 @@ class OfflineSession {
     // Waits until the service has announced every stored pack.
     Result<void> waitUntilInitialized();
 
-    // Waits until no pack for which `relevant` holds is Verifying: a verification that start-up
-    // recovery began reports its outcome later, and that report must not be taken for the
-    // outcome of what the command asks next.
-    Result<void> waitWhileVerifying(const std::function<bool(const PackKey&)>& relevant);
-
     // Waits until the service falls idle, but no longer than `limit`; false on time-out.
     Result<bool> waitUntilIdle(std::chrono::milliseconds limit);
 
-    // Reads the catalogue; failures become the user-facing error and exit status.
-    Result<std::vector<common::OfflineDataRegionMetadata>> listRegions();
-
-    // Marks the current end of the service's queue; the Barrier event with the returned number
-    // arrives once everything posted before has run.
-    std::uint64_t postBarrier();
+    // Reads the catalogue, waiting at most `limit`; failures become the user-facing error and
+    // exit status (Unreachable when no answer came in time).
+    Result<std::vector<common::OfflineDataRegionMetadata>> listRegions(
+        std::chrono::milliseconds limit = std::chrono::hours(1));
 
     // The account's endpoint as the service uses it (the built-in one when none was given).
     const std::string& endpoint() const { return endpoint_; }
@@ -76,8 +67,6 @@ class OfflineSession {
     std::string user_;
     std::shared_ptr<EventQueue> queue_;
     std::shared_ptr<QueueingObserver> observer_;
-    std::map<std::uint64_t, std::shared_ptr<BarrierObserver>> barriers_;
-    std::uint64_t nextBarrier_ = 1;
     std::map<PackKey, KnownPack> packs_;
     InterruptListener interruptListener_;
     std::shared_ptr<common::OfflineService> service_;

@@ -109,10 +109,4 @@ void QueueingObserver::onLogMessage(const std::string& message) {
     queue_->push(std::move(event));
 }
 
-void BarrierObserver::onInitialized() {
-    ServiceEvent event = ServiceEvent::of(ServiceEvent::Kind::Barrier);
-    event.barrier = number_;
-    queue_->push(std::move(event));
-}
-
 }  // namespace terrane::tool

@@ -42,9 +42,6 @@ struct ServiceEvent {
         Log,
         // `catalogue` holds the answer to listAvailableRegions.
         Catalogue,
-        // A barrier observer was attached: every task posted before it has run. `barrier` is its
-        // number.
-        Barrier,
         // Ctrl-C or SIGTERM.
         Interrupted,
     };
@@ -55,7 +52,6 @@ struct ServiceEvent {
     common::OfflineDataPack pack;
     std::string message;
     std::shared_ptr<const Catalogue> catalogue;
-    std::uint64_t barrier = 0;
 
     PackKey key() const { return PackKey{region.id, region.revision, domain}; }
 
@@ -123,21 +119,6 @@ class QueueingObserver final : public common::OfflineServiceObserver {
                   const common::OfflineDataPack& pack);
 
     std::shared_ptr<EventQueue> queue_;
-};
-
-// An observer whose only job is to say when it was attached. Registering one posts a task behind
-// every operation posted before it, and the service confirms the attachment with onInitialized:
-// so its event marks the point after which an onIdle really follows those operations.
-class BarrierObserver final : public common::OfflineServiceObserver {
-  public:
-    BarrierObserver(std::shared_ptr<EventQueue> queue, std::uint64_t number)
-        : queue_(std::move(queue)), number_(number) {}
-
-    void onInitialized() override;
-
-  private:
-    std::shared_ptr<EventQueue> queue_;
-    std::uint64_t number_;
 };
 
 }  // namespace terrane::tool

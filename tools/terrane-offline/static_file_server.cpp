@@ -1,10 +1,7 @@
 #include "static_file_server.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
+#include <httplib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,7 +22,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr std::size_t kMaxHead = 16 * 1024;
+constexpr std::size_t kMaxBody = 16 * 1024;
 constexpr std::size_t kChunk = 64 * 1024;
 constexpr int kSocketTimeoutSeconds = 60;
 
@@ -35,12 +32,6 @@ struct ByteRange {
 };
 
 enum class RangeOutcome { Whole, Partial, Unsatisfiable };
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 std::string trim(std::string_view text) {
     const auto first = text.find_first_not_of(" \t");
@@ -113,28 +104,6 @@ RangeOutcome parseRange(const std::string& header, std::uint64_t size, ByteRange
     return RangeOutcome::Partial;
 }
 
-bool percentDecode(std::string_view text, std::string& out) {
-    out.clear();
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            out.push_back(text[i]);
-            continue;
-        }
-        if (i + 2 >= text.size()) {
-            return false;
-        }
-        unsigned value = 0;
-        const auto [end, error] =
-            std::from_chars(text.data() + i + 1, text.data() + i + 3, value, 16);
-        if (error != std::errc() || end != text.data() + i + 3 || value == 0) {
-            return false;
-        }
-        out.push_back(static_cast<char>(value));
-        i += 2;
-    }
-    return true;
-}
-
 bool etagListMatches(const std::string& header, const std::string& etag) {
     std::size_t start = 0;
     while (start <= header.size()) {
@@ -163,40 +132,38 @@ std::string contentTypeFor(const fs::path& path) {
     return "application/octet-stream";
 }
 
-std::string reasonPhrase(int status) {
-    switch (status) {
-        case 200:
-            return "OK";
-        case 206:
-            return "Partial Content";
-        case 304:
-            return "Not Modified";
-        case 400:
-            return "Bad Request";
-        case 404:
-            return "Not Found";
-        case 405:
-            return "Method Not Allowed";
-        case 416:
-            return "Range Not Satisfiable";
-        default:
-            return "Error";
+// An open file that every copy of a content provider shares; closed with the last one.
+class OpenFile {
+  public:
+    explicit OpenFile(int descriptor) : descriptor_(descriptor) {}
+    ~OpenFile() {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
     }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    int get() const { return descriptor_; }
+
+  private:
+    int descriptor_;
+};
+
+void sendError(httplib::Response& response, int status, const std::string& message) {
+    response.status = status;
+    response.set_header("Cache-Control", "no-store");
+    response.set_content("{\"message\":\"" + message + "\"}", "application/json");
 }
 
 }  // namespace
 
-struct StaticFileServer::Request {
+// What the access log says about a request, kept apart from it for the end of a paced body.
+struct StaticFileServer::Entry {
     std::string method;
     std::string path;
-    bool keepAlive = true;
-    std::map<std::string, std::string> headers;
-
-    std::string header(const std::string& name) const {
-        const auto found = headers.find(name);
-        return found == headers.end() ? std::string() : found->second;
-    }
-    bool has(const std::string& name) const { return headers.contains(name); }
+    std::string range;
+    std::string ifRange;
+    std::string ifNoneMatch;
 };
 
 Result<std::unique_ptr<StaticFileServer>> StaticFileServer::start(StaticFileServerOptions options) {
@@ -216,33 +183,65 @@ Result<std::unique_ptr<StaticFileServer>> StaticFileServer::start(StaticFileServ
                                       "': " + std::strerror(errno));
         }
     }
-    server->listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (server->listener_ < 0 || ::pipe2(server->wake_, O_CLOEXEC) != 0) {
-        return fail(Failure, std::string("cannot open a socket: ") + std::strerror(errno));
-    }
-    const int yes = 1;
-    ::setsockopt(server->listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(server->options_.port);
-    if (::bind(server->listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(server->listener_, 128) != 0) {
+    auto& http = *server->server_;
+    http.set_read_timeout(kSocketTimeoutSeconds);
+    http.set_write_timeout(kSocketTimeoutSeconds);
+    http.set_payload_max_length(kMaxBody);
+    StaticFileServer* raw = server.get();
+    http.Get(".*", [raw](const httplib::Request& request, httplib::Response& response) {
+        raw->serveFile(request, response);
+    });
+    // Before httplib reads a body, which a client of another method may never end.
+    http.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
+        if (request.method == "GET" || request.method == "HEAD") {
+            return httplib::Server::HandlerResponse::Unhandled;
+        }
+        sendError(response, 405, "Method not allowed");
+        response.set_header("Allow", "GET, HEAD");
+        response.set_header("Connection", "close");
+        return httplib::Server::HandlerResponse::Handled;
+    });
+    http.set_logger([raw](const httplib::Request& request, const httplib::Response& response) {
+        raw->requests_.fetch_add(1);
+        std::uint64_t bytes = request.method == "HEAD" ? 0 : response.body.size();
+        {
+            std::lock_guard lock(raw->transfersMutex_);
+            if (const auto found = raw->transfers_.find(&response);
+                found != raw->transfers_.end()) {
+                bytes = found->second->load();
+            }
+        }
+        raw->logAccess(
+            Entry{request.method, request.path, request.get_header_value("Range"),
+                  request.get_header_value("If-Range"), request.get_header_value("If-None-Match")},
+            response.status, bytes);
+    });
+    const std::string host = "127.0.0.1";
+    const int port = server->options_.port == 0 ? http.bind_to_any_port(host)
+                                                : (http.bind_to_port(host, server->options_.port)
+                                                       ? static_cast<int>(server->options_.port)
+                                                       : -1);
+    if (port <= 0) {
         return fail(Failure, "cannot listen on 127.0.0.1:" + std::to_string(server->options_.port) +
                                  ": " + std::strerror(errno));
     }
-    socklen_t length = sizeof address;
-    ::getsockname(server->listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    server->port_ = ntohs(address.sin_port);
-    server->acceptor_ = std::thread([raw = server.get()] { raw->acceptLoop(); });
+    server->port_ = static_cast<std::uint16_t>(port);
+    server->listener_ = std::thread([raw] {
+        raw->server_->listen_after_bind();
+        raw->listenerDone_.store(true);
+    });
     return server;
 }
 
-StaticFileServer::StaticFileServer(StaticFileServerOptions options) : options_(std::move(options)) {
+StaticFileServer::StaticFileServer(StaticFileServerOptions options)
+    : options_(std::move(options)), server_(std::make_unique<httplib::Server>()) {
 }
 
 StaticFileServer::~StaticFileServer() {
     stop();
+    if (logFile_ >= 0) {
+        ::close(logFile_);
+    }
 }
 
 std::string StaticFileServer::url() const {
@@ -250,175 +249,21 @@ std::string StaticFileServer::url() const {
 }
 
 void StaticFileServer::stop() {
-    if (!stopping_.exchange(true)) {
-        if (wake_[1] >= 0) {
-            (void)!::write(wake_[1], "x", 1);
-        }
-    }
-    if (acceptor_.joinable()) {
-        acceptor_.join();
-    }
-    { std::lock_guard lock(paceMutex_); }
-    paceWake_.notify_all();
     {
-        std::lock_guard lock(connectionsMutex_);
-        for (Connection& connection : connections_) {
-            ::shutdown(connection.socket, SHUT_RDWR);
-        }
-    }
-    reapFinished(true);
-    for (int* descriptor : {&listener_, &wake_[0], &wake_[1], &logFile_}) {
-        if (*descriptor >= 0) {
-            ::close(*descriptor);
-            *descriptor = -1;
-        }
-    }
-}
-
-void StaticFileServer::acceptLoop() {
-    std::array<pollfd, 2> descriptors{{{listener_, POLLIN, 0}, {wake_[0], POLLIN, 0}}};
-    while (!stopping_.load()) {
-        const int ready = ::poll(descriptors.data(), descriptors.size(), 1000);
-        reapFinished(false);
-        if (ready <= 0 || (descriptors[1].revents & POLLIN) != 0) {
-            continue;
-        }
-        if ((descriptors[0].revents & POLLIN) == 0) {
-            continue;
-        }
-        const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (socket < 0) {
-            continue;
-        }
-        const timeval timeout{kSocketTimeoutSeconds, 0};
-        ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-        std::lock_guard lock(connectionsMutex_);
-        Connection& connection = connections_.emplace_back();
-        connection.socket = socket;
-        connection.thread = std::thread([this, &connection] {
-            serveConnection(connection);
-            // The client sees the end at once; the descriptor itself is closed by the reaper.
-            ::shutdown(connection.socket, SHUT_RDWR);
-            connection.finished.store(true);
-        });
-    }
-}
-
-void StaticFileServer::reapFinished(bool all) {
-    std::lock_guard lock(connectionsMutex_);
-    for (auto connection = connections_.begin(); connection != connections_.end();) {
-        if (all || connection->finished.load()) {
-            if (connection->thread.joinable()) {
-                connection->thread.join();
-            }
-            // Closed only here, after the join, so that a shutdown() from stop() can never hit a
-            // descriptor number that was meanwhile reused.
-            ::close(connection->socket);
-            connection = connections_.erase(connection);
-        } else {
-            ++connection;
-        }
-    }
-}
-
-void StaticFileServer::serveConnection(Connection& connection) {
-    const int socket = connection.socket;
-    std::string buffer;
-    while (!stopping_.load()) {
-        std::size_t end = 0;
-        while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
-            if (buffer.size() > kMaxHead) {
-                return;
-            }
-            std::array<char, 4096> chunk{};
-            const ssize_t received = ::recv(socket, chunk.data(), chunk.size(), 0);
-            if (received < 0 && errno == EINTR) {
-                continue;
-            }
-            if (received <= 0) {
-                return;
-            }
-            buffer.append(chunk.data(), static_cast<std::size_t>(received));
-        }
-        const std::string head = buffer.substr(0, end);
-        buffer.erase(0, end + 4);
-
-        Request request;
-        const auto lineEnd = head.find("\r\n");
-        const std::string line = head.substr(0, lineEnd);
-        const auto firstSpace = line.find(' ');
-        const auto secondSpace = line.find(' ', firstSpace + 1);
-        if (firstSpace == std::string::npos || secondSpace == std::string::npos) {
-            return;
-        }
-        request.method = line.substr(0, firstSpace);
-        const std::string target = line.substr(firstSpace + 1, secondSpace - firstSpace - 1);
-        const std::string version = line.substr(secondSpace + 1);
-        std::size_t position = lineEnd == std::string::npos ? head.size() : lineEnd + 2;
-        while (position < head.size()) {
-            auto next = head.find("\r\n", position);
-            if (next == std::string::npos) {
-                next = head.size();
-            }
-            const std::string field = head.substr(position, next - position);
-            position = next + 2;
-            const auto colon = field.find(':');
-            if (colon == std::string::npos) {
-                continue;
-            }
-            const std::string name = lower(field.substr(0, colon));
-            const std::string value = trim(std::string_view(field).substr(colon + 1));
-            auto [entry, inserted] = request.headers.emplace(name, value);
-            if (!inserted) {
-                entry->second += ", " + value;
-            }
-        }
-        const std::string connectionHeader = lower(request.header("connection"));
-        request.keepAlive = version == "HTTP/1.1"
-                                ? connectionHeader.find("close") == std::string::npos
-                                : connectionHeader.find("keep-alive") != std::string::npos;
-        // The query (and the access token in it) is cut off before anything looks at the path.
-        const std::string rawPath = target.substr(0, target.find_first_of("?#"));
-        const bool decoded = percentDecode(rawPath, request.path);
-        std::uint64_t bodyLength = 0;
-        if (request.has("content-length") &&
-            (!parseNumber(request.header("content-length"), bodyLength) || bodyLength > kMaxHead)) {
-            return;
-        }
-        while (buffer.size() < bodyLength) {
-            std::array<char, 4096> chunk{};
-            const ssize_t received = ::recv(socket, chunk.data(), chunk.size(), 0);
-            if (received <= 0) {
-                return;
-            }
-            buffer.append(chunk.data(), static_cast<std::size_t>(received));
-        }
-        buffer.erase(0, bodyLength);
-        if (!decoded || !request.path.starts_with("/")) {
-            request.path = rawPath;
-            request.keepAlive = false;
-            request.method = "BAD";
-        }
-        if (!respond(socket, request)) {
+        std::lock_guard lock(paceMutex_);
+        if (stopping_.exchange(true)) {
             return;
         }
     }
-}
-
-bool StaticFileServer::sendAll(int socket, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t sent = ::send(socket, data, size, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) {
-            continue;
+    paceWake_.notify_all();
+    if (listener_.joinable()) {
+        // httplib ignores a stop() that comes before its loop has begun.
+        while (!server_->is_running() && !listenerDone_.load()) {
+            std::this_thread::sleep_for(1ms);
         }
-        if (sent <= 0) {
-            return false;
-        }
-        data += sent;
-        size -= static_cast<std::size_t>(sent);
+        server_->stop();
+        listener_.join();
     }
-    return true;
 }
 
 bool StaticFileServer::pace(std::chrono::steady_clock::time_point start, std::uint64_t sent) {
@@ -434,19 +279,16 @@ bool StaticFileServer::pace(std::chrono::steady_clock::time_point start, std::ui
     return !stopping_.load();
 }
 
-void StaticFileServer::logAccess(const Request& request, int status, std::uint64_t bodyBytes) {
+void StaticFileServer::logAccess(const Entry& entry, int status, std::uint64_t bodyBytes) {
     bodyBytes_.fetch_add(bodyBytes);
     if (logFile_ < 0 && !options_.echoRequests) {
         return;
     }
-    const auto shown = [&request](const char* name) {
-        const std::string value = request.header(name);
-        return value.empty() ? std::string("-") : value;
-    };
-    const std::string line = request.method + " " + request.path + " " + std::to_string(status) +
-                             " " + std::to_string(bodyBytes) + " range=" + shown("range") +
-                             " if-range=" + shown("if-range") +
-                             " if-none-match=" + shown("if-none-match") + "\n";
+    const auto shown = [](const std::string& value) { return value.empty() ? "-" : value; };
+    const std::string line = entry.method + " " + entry.path + " " + std::to_string(status) + " " +
+                             std::to_string(bodyBytes) + " range=" + shown(entry.range) +
+                             " if-range=" + shown(entry.ifRange) +
+                             " if-none-match=" + shown(entry.ifNoneMatch) + "\n";
     std::lock_guard lock(logMutex_);
     if (logFile_ >= 0) {
         (void)!::write(logFile_, line.data(), line.size());
@@ -457,30 +299,12 @@ void StaticFileServer::logAccess(const Request& request, int status, std::uint64
     }
 }
 
-bool StaticFileServer::respond(int socket, const Request& request) {
-    requests_.fetch_add(1);
-    const auto sendError = [&](int status, const std::string& message,
-                               const std::string& extraHeaders) {
-        const std::string body = "{\"message\":\"" + message + "\"}";
-        const bool head = request.method == "HEAD";
-        const std::string response =
-            "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) +
-            "\r\nServer: terrane-offline\r\nContent-Type: application/json\r\n"
-            "Cache-Control: no-store\r\nContent-Length: " +
-            std::to_string(body.size()) + "\r\n" + extraHeaders +
-            (request.keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n") + "\r\n" +
-            (head ? std::string() : body);
-        const bool sent = sendAll(socket, response.data(), response.size());
-        logAccess(request, status, head ? 0 : body.size());
-        return sent && request.keepAlive;
-    };
-
-    if (request.method == "BAD") {
-        return sendError(400, "Bad request", "");
-    }
-    if (request.method != "GET" && request.method != "HEAD") {
-        return sendError(405, "Method not allowed", "Allow: GET, HEAD\r\n");
-    }
+void StaticFileServer::serveFile(const httplib::Request& request, httplib::Response& response) {
+    // httplib would cut the body to the Range header by itself, blind to If-Range and to ranges
+    // past the end; this server decides on ranges, so the request must not carry them on. The
+    // request is httplib's own mutable object, handed to handlers as const.
+    const_cast<httplib::Request&>(request).ranges.clear();
+    // httplib has already split off the query, and with it any access token.
     fs::path file = root_;
     for (const auto& segment : fs::path(request.path)) {
         const std::string part = segment.string();
@@ -488,23 +312,19 @@ bool StaticFileServer::respond(int socket, const Request& request) {
             continue;
         }
         if (part == "..") {
-            return sendError(404, "Not found", "");
+            return sendError(response, 404, "Not found");
         }
         file /= part;
     }
     std::error_code error;
     const fs::path resolved = fs::canonical(file, error);
-    const std::string rootText = root_.string() + "/";
-    if (error || !resolved.string().starts_with(rootText)) {
-        return sendError(404, "Not found", "");
+    if (error || !resolved.string().starts_with(root_.string() + "/")) {
+        return sendError(response, 404, "Not found");
     }
-    const int descriptor = ::open(resolved.c_str(), O_RDONLY | O_CLOEXEC);
+    auto opened = std::make_shared<OpenFile>(::open(resolved.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status {};
-    if (descriptor < 0 || ::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-        return sendError(404, "Not found", "");
+    if (opened->get() < 0 || ::fstat(opened->get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return sendError(response, 404, "Not found");
     }
     const std::uint64_t size = static_cast<std::uint64_t>(status.st_size);
     const std::uint64_t modifiedNanoseconds =
@@ -515,94 +335,76 @@ bool StaticFileServer::respond(int socket, const Request& request) {
                   static_cast<unsigned long long>(modifiedNanoseconds));
     const std::string etag = tag.data();
     const std::string lastModified = httpDate(status.st_mtim.tv_sec);
+    response.set_header("ETag", etag);
+    response.set_header("Last-Modified", lastModified);
+    response.set_header("Cache-Control", "max-age=" + std::to_string(options_.maxAge));
+    response.set_header("Accept-Ranges", "bytes");
 
-    std::string common =
-        "Server: terrane-offline\r\nDate: " + httpDate(std::time(nullptr)) + "\r\nETag: " + etag +
-        "\r\nLast-Modified: " + lastModified +
-        "\r\nCache-Control: max-age=" + std::to_string(options_.maxAge) +
-        "\r\nAccept-Ranges: bytes\r\n" +
-        (request.keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n");
-
-    int code = 200;
+    response.status = 200;
     ByteRange range{0, size == 0 ? 0 : size - 1};
-    if (request.has("if-none-match") && etagListMatches(request.header("if-none-match"), etag)) {
-        code = 304;
-    } else if (request.has("range")) {
+    if (request.has_header("If-None-Match") &&
+        etagListMatches(request.get_header_value("If-None-Match"), etag)) {
+        response.status = 304;
+        return;
+    }
+    if (request.has_header("Range")) {
         bool rangeApplies = true;
-        if (request.has("if-range")) {
-            const std::string validator = request.header("if-range");
+        if (request.has_header("If-Range")) {
+            const std::string validator = request.get_header_value("If-Range");
             rangeApplies = validator.starts_with("\"")
                                ? validator == etag
                                : !validator.starts_with("W/") && validator == lastModified;
         }
         if (rangeApplies) {
-            switch (parseRange(request.header("range"), size, range)) {
+            switch (parseRange(request.get_header_value("Range"), size, range)) {
                 case RangeOutcome::Whole:
                     range = ByteRange{0, size == 0 ? 0 : size - 1};
                     break;
                 case RangeOutcome::Partial:
-                    code = 206;
+                    response.status = 206;
+                    response.set_header("Content-Range", "bytes " + std::to_string(range.first) +
+                                                             "-" + std::to_string(range.last) +
+                                                             "/" + std::to_string(size));
                     break;
                 case RangeOutcome::Unsatisfiable:
-                    code = 416;
-                    break;
+                    response.status = 416;
+                    response.set_header("Content-Range", "bytes */" + std::to_string(size));
+                    return;
             }
         }
     }
-
-    std::string head =
-        "HTTP/1.1 " + std::to_string(code) + " " + reasonPhrase(code) + "\r\n" + common;
-    std::uint64_t length = 0;
-    if (code == 304) {
-        head += "\r\n";
-    } else if (code == 416) {
-        head += "Content-Range: bytes */" + std::to_string(size) + "\r\nContent-Length: 0\r\n\r\n";
-    } else {
-        length = size == 0 ? 0 : range.last - range.first + 1;
-        head += "Content-Type: " + contentTypeFor(resolved) + "\r\n";
-        if (code == 206) {
-            head += "Content-Range: bytes " + std::to_string(range.first) + "-" +
-                    std::to_string(range.last) + "/" + std::to_string(size) + "\r\n";
-        }
-        head += "Content-Length: " + std::to_string(length) + "\r\n\r\n";
+    const std::uint64_t length = size == 0 ? 0 : range.last - range.first + 1;
+    if (length == 0) {
+        response.set_content(std::string(), contentTypeFor(resolved));
+        return;
     }
-    if (!sendAll(socket, head.data(), head.size())) {
-        ::close(descriptor);
-        logAccess(request, code, 0);
-        return false;
+    auto sent = std::make_shared<std::atomic<std::uint64_t>>(0);
+    {
+        std::lock_guard lock(transfersMutex_);
+        transfers_[&response] = sent;
     }
-    if (request.method == "HEAD" || length == 0) {
-        ::close(descriptor);
-        logAccess(request, code, 0);
-        return request.keepAlive;
-    }
-
     const std::size_t chunkSize = options_.rateLimit == 0
                                       ? kChunk
                                       : static_cast<std::size_t>(std::clamp<std::uint64_t>(
                                             options_.rateLimit / 20, 1024, kChunk));
-    std::vector<char> chunk(chunkSize);
-    std::uint64_t sent = 0;
-    bool complete = true;
     const auto started = std::chrono::steady_clock::now();
-    while (sent < length) {
-        const std::size_t wanted =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunkSize, length - sent));
-        const ssize_t got =
-            ::pread(descriptor, chunk.data(), wanted, static_cast<off_t>(range.first + sent));
-        if (got <= 0 || !sendAll(socket, chunk.data(), static_cast<std::size_t>(got))) {
-            complete = false;
-            break;
-        }
-        sent += static_cast<std::uint64_t>(got);
-        if (sent < length && !pace(started, sent)) {
-            complete = false;
-            break;
-        }
-    }
-    ::close(descriptor);
-    logAccess(request, code, sent);
-    return complete && request.keepAlive;
+    response.set_content_provider(
+        static_cast<std::size_t>(length), contentTypeFor(resolved),
+        [this, opened, sent, chunkSize, started, length, first = range.first](
+            std::size_t offset, std::size_t wanted, httplib::DataSink& sink) {
+            std::vector<char> chunk(std::min(chunkSize, wanted));
+            const ssize_t got = ::pread(opened->get(), chunk.data(), chunk.size(),
+                                        static_cast<off_t>(first + offset));
+            if (got <= 0 || !sink.write(chunk.data(), static_cast<std::size_t>(got))) {
+                return false;
+            }
+            *sent += static_cast<std::uint64_t>(got);
+            return *sent >= length || pace(started, sent->load());
+        },
+        [this, key = &response](bool) {
+            std::lock_guard lock(transfersMutex_);
+            transfers_.erase(key);
+        });
 }
 
 }  // namespace terrane::tool

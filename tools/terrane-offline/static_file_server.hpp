@@ -4,13 +4,19 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
-#include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "tool_error.hpp"
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+}  // namespace httplib
 
 namespace terrane::tool {
 
@@ -29,7 +35,7 @@ struct StaticFileServerOptions {
     bool echoRequests = false;
 };
 
-// A small HTTP/1.1 file server for catalogue trees, on 127.0.0.1 only.
+// A file server for catalogue trees on cpp-httplib, on 127.0.0.1 only.
 //
 // GET and HEAD of regular files below the root, with a strong ETag (size and modification time),
 // Last-Modified, Cache-Control max-age, single byte ranges ("Range: bytes=N-", "N-M", "-N") with
@@ -42,9 +48,9 @@ struct StaticFileServerOptions {
 // if-none-match=<...|->, written when the response ends (also when the client went away
 // mid-body, with the bytes sent until then).
 //
-// Threads: one accepting thread and one thread per connection, all owned and joined by the
-// server. start(), port(), url() and counters may be used from any thread; the destructor stops
-// the server and must not run on one of its own threads.
+// Threads: the listening thread and httplib's pool, all owned and joined by the server. start(),
+// port(), url() and the counters may be used from any thread; the destructor stops the server
+// and must not run on one of its own threads.
 class StaticFileServer {
   public:
     static Result<std::unique_ptr<StaticFileServer>> start(StaticFileServerOptions options);
@@ -60,44 +66,35 @@ class StaticFileServer {
     std::uint64_t requestsServed() const { return requests_.load(); }
     std::uint64_t bodyBytesSent() const { return bodyBytes_.load(); }
 
-    // Stops accepting, breaks off open connections and joins every thread. Idempotent.
+    // Stops accepting, breaks off paced transfers and joins every thread. Idempotent.
     void stop();
 
   private:
-    struct Connection {
-        int socket = -1;
-        std::thread thread;
-        std::atomic<bool> finished{false};
-    };
-    struct Request;
+    struct Entry;
 
     explicit StaticFileServer(StaticFileServerOptions options);
 
-    void acceptLoop();
-    void reapFinished(bool all);
-    void serveConnection(Connection& connection);
-    // False when the connection must close after this response.
-    bool respond(int socket, const Request& request);
-    bool sendAll(int socket, const char* data, std::size_t size);
+    void serveFile(const httplib::Request& request, httplib::Response& response);
     // Sleeps until `sent` bytes are due under the rate limit; false when the server stops.
     bool pace(std::chrono::steady_clock::time_point start, std::uint64_t sent);
-    void logAccess(const Request& request, int status, std::uint64_t bodyBytes);
+    void logAccess(const Entry& entry, int status, std::uint64_t bodyBytes);
 
     StaticFileServerOptions options_;
     std::filesystem::path root_;
-    int listener_ = -1;
-    int wake_[2] = {-1, -1};
     std::uint16_t port_ = 0;
+    std::unique_ptr<httplib::Server> server_;
+    std::thread listener_;
+    std::atomic<bool> listenerDone_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<std::uint64_t> requests_{0};
     std::atomic<std::uint64_t> bodyBytes_{0};
 
-    std::mutex connectionsMutex_;
-    std::list<Connection> connections_;
-    std::thread acceptor_;
-
     std::mutex paceMutex_;
     std::condition_variable paceWake_;
+
+    // The body bytes sent so far of each response under way, for its access-log line.
+    std::mutex transfersMutex_;
+    std::map<const httplib::Response*, std::shared_ptr<std::atomic<std::uint64_t>>> transfers_;
 
     std::mutex logMutex_;
     int logFile_ = -1;

@@ -1,7 +1,9 @@
 #include "status_command.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <vector>
 
@@ -22,6 +24,8 @@ namespace {
 
 // Recovery may send lease-extension requests; a slow server must not hold the listing for ever.
 constexpr auto kSettleLimit = 30s;
+// The catalogue only adds news of newer revisions; the listing does not wait long for it.
+constexpr auto kCatalogueLimit = 10s;
 
 struct Account {
     std::string baseUrl;
@@ -34,6 +38,8 @@ struct PackRow {
     KnownPack known;
     // From the pack's header record; empty when it has none or never expires.
     common::optional<common::OfflineDataTimePoint> leaseExpires;
+    // The catalogue's revision of the region when it is newer than the pack's.
+    common::optional<std::uint32_t> newerRevision;
 };
 
 // Each account directory holds a "configuration.json" naming its endpoint and user.
@@ -122,6 +128,10 @@ void printText(const std::vector<PackRow>& rows, const ToolContext& context) {
         if (row.known.pack.error) {
             std::printf("      %s\n", context.redact(describeError(*row.known.pack.error)).c_str());
         }
+        if (row.newerRevision) {
+            std::printf("      revision %u is out: terrane-offline update %s\n", *row.newerRevision,
+                        printable(row.key.region).c_str());
+        }
     }
 }
 
@@ -165,6 +175,9 @@ void printJson(const std::vector<PackRow>& rows, const ToolContext& context) {
         } else {
             json.null();
         }
+        if (row.newerRevision) {
+            json.key("newer_revision").value(*row.newerRevision);
+        }
         json.endObject();
     }
     json.endArray();
@@ -193,8 +206,20 @@ Result<void> runStatus(const ToolContext& context) {
                          "states so far\n",
                          account.user.c_str());
         }
+        // A catalogue that cannot be read changes nothing in the listing.
+        std::map<std::string, std::uint32_t> latest;
+        if (const auto catalogue = session.listRegions(kCatalogueLimit)) {
+            for (const auto& region : *catalogue) {
+                latest[region.id] = std::max(latest[region.id], region.revision);
+            }
+        }
         for (const auto& [key, known] : session.packs()) {
-            rows.push_back(PackRow{account, key, known, readLeaseExpiry(known.pack.path)});
+            PackRow row{account, key, known, readLeaseExpiry(known.pack.path), common::nullopt};
+            if (const auto found = latest.find(key.region);
+                found != latest.end() && found->second > key.revision) {
+                row.newerRevision = found->second;
+            }
+            rows.push_back(std::move(row));
         }
     }
     if (context.json) {

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <string>
+#include <terrane/client/network_policy.hpp>
+#include <terrane/offline/offline_data.hpp>
+#include <vector>
+
+#include "client_session.hpp"
+#include "options.hpp"
+#include "service_events.hpp"
+#include "tool_error.hpp"
+
+namespace terrane::tool {
+
+// How `download` and `update` go about their packs.
+struct DownloadSettings {
+    // Ask again after a dropped connection or a busy server (with a growing delay); false stops
+    // at the first failure.
+    bool retry = true;
+    common::NetworkPolicy network = common::NetworkPolicy::AnyNetwork;
+};
+
+// How one pack ended.
+struct PackOutcome {
+    PackKey key;
+    // Available with its path, or the state the pack was left in with the error that ended it.
+    common::OfflineDataPack pack;
+    // Why the pack ended without becoming available, when the service did not say.
+    std::string note;
+};
+
+// Downloads the region's packs of `domains` (each offered by the region) and waits until every
+// one is available or has failed for good, showing progress on stdout (a live line on a
+// terminal, plain lines otherwise, nothing with --json), a line when a pack waits for a retry or
+// for the network, and a line per pack at its end. Ctrl-C cancels the downloads (their partial
+// files stay) and fails with status 130. Main thread.
+Result<std::vector<PackOutcome>> downloadPacks(
+    ClientSession& session, const ToolContext& context,
+    const common::OfflineDataRegionMetadata& region,
+    const std::vector<common::OfflineDataDomain>& domains, const DownloadSettings& settings);
+
+// Success when every pack is available; otherwise the status the worst failure calls for.
+Result<void> judge(const std::vector<PackOutcome>& outcomes);
+
+// The --json form of the outcomes of `download`.
+std::string outcomesJson(const std::vector<PackOutcome>& outcomes, const ToolContext& context);
+
+}  // namespace terrane::tool
