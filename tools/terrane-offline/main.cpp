@@ -41,8 +41,14 @@ int report(const Result<void>& result) {
 // `download` and `update` fetch packs alike.
 void addDownloadFlags(CLI::App& command, DownloadSettings& settings) {
     command.add_flag_callback(
-        "--no-retry", [&settings] { settings.retry = false; },
+        "--no-retry", [&settings] { settings.attempts = 1; },
         "Stop at the first failure instead of asking again after a growing delay");
+    command
+        .add_option("--attempts", settings.attempts,
+                    "How many times a pack is asked for in all before giving up (0: without "
+                    "limit)")
+        ->type_name("N")
+        ->capture_default_str();
     command.add_flag_callback(
         "--no-wan", [&settings] { settings.network = terrane::common::NetworkPolicy::NotOverWAN; },
         "Download only while the catalogue is reached other than over a mobile or metered link; "

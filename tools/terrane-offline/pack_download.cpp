@@ -113,8 +113,8 @@ Result<std::vector<PackOutcome>> downloadPacks(
     options.progress = [inbox](const common::PackProgress& record) { inbox->push(record); };
     options.stop = session.stopToken();
     options.network = settings.network;
-    if (!settings.retry) {
-        options.retry.maxAttempts = 1;
+    if (settings.attempts != 0) {
+        options.retry.maxAttempts = settings.attempts;
     }
     const auto operation = session.client().download(region, domains, std::move(options));
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <terrane/client/network_policy.hpp>
 #include <terrane/offline/offline_data.hpp>
@@ -14,9 +15,10 @@ namespace terrane::tool {
 
 // How `download` and `update` go about their packs.
 struct DownloadSettings {
-    // Ask again after a dropped connection or a busy server (with a growing delay); false stops
-    // at the first failure.
-    bool retry = true;
+    // How many times a pack is asked for in all (1: no retry; 0: without limit). Bounded by
+    // default so that an unattended run against a server that stays down ends by itself: with the
+    // growing delay, 20 attempts without any progress take about an hour.
+    std::uint32_t attempts = 20;
     common::NetworkPolicy network = common::NetworkPolicy::AnyNetwork;
 };
 
