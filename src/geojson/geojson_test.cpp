@@ -5,9 +5,11 @@
 #include <rapidjson/document.h>
 
 #include <cstdint>
-#include <random>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "terrane/geojson/geojson.hpp"
 
@@ -21,11 +23,6 @@ using terrane::feature::value;
 using terrane::geojson::geojson;
 using testing::StartsWith;
 
-const char* const polygonMessage =
-    "Polygon must be described by 4 or more coordinate points. Improper nesting can also lead "
-    "to this error. Double check that the coordinates are properly nested and there are 4 or "
-    "more coordinates.";
-const char* const lineStringMessage = "A line string must have two or more coordinate points.";
 const char* const arrayOfPointsMessage =
     "coordinates must be an array of points describing linestring or an array of arrays "
     "describing polygons and line strings.";
@@ -48,12 +45,6 @@ geo::geometry readGeometry(const std::string& text) {
     return document.is<geo::geometry>() ? document.get<geo::geometry>() : geo::geometry();
 }
 
-feature readFeature(const std::string& text) {
-    geojson document = read(text);
-    EXPECT_TRUE(document.is<feature>()) << text;
-    return document.is<feature>() ? document.get<feature>() : feature();
-}
-
 std::string geometryWith(const std::string& type, const std::string& coordinates) {
     return R"({"type":")" + type + R"(","coordinates":)" + coordinates + "}";
 }
@@ -62,178 +53,142 @@ std::string featureWith(const std::string& members) {
     return R"({"type":"Feature","geometry":{"type":"Point","coordinates":[1,2]})" + members + "}";
 }
 
-TEST(GeoJsonDocument, ReadsEachKindOfDocument) {
-    EXPECT_EQ(readGeometry(geometryWith("Point", "[1.5,-2]")), geo::geometry(geo::point(1.5, -2)));
-
-    feature f = readFeature(featureWith(""));
-    EXPECT_EQ(f.geometry, geo::geometry(geo::point(1, 2)));
-    EXPECT_TRUE(f.properties.empty());
-    EXPECT_FALSE(f.id.has_value());
-
-    geojson collection = read(R"({"type":"FeatureCollection","features":[)" + featureWith("") +
-                              "," + featureWith(R"(,"id":"b")") + "]}");
-    ASSERT_TRUE(collection.is<feature_collection>());
-    const auto& features = collection.get<feature_collection>();
-    ASSERT_EQ(features.size(), 2u);
-    EXPECT_FALSE(features[0].id.has_value());
-    EXPECT_EQ(features[1].id, identifier(std::string("b")));
-
-    EXPECT_TRUE(read(R"({"type":"FeatureCollection","features":[]})").is<feature_collection>());
-}
-
-TEST(GeoJsonDocument, RejectsMalformedDocuments) {
-    EXPECT_EQ(failure("[]"), "GeoJSON must be an object");
-    EXPECT_EQ(failure("null"), "GeoJSON must be an object");
-    EXPECT_EQ(failure(R"({"coordinates":[1,2]})"), "GeoJSON must have a type property");
-    EXPECT_EQ(failure(R"({"type":"FeatureCollection"})"),
-              "FeatureCollection must have features property");
-    EXPECT_EQ(failure(R"({"type":"FeatureCollection","features":{}})"),
-              "FeatureCollection features property must be an array");
-    EXPECT_EQ(failure(R"({"type":"FeatureCollection","features":[1]})"),
-              "Feature must be an object");
-    EXPECT_EQ(failure(R"({"type":"FeatureCollection","features":[{"geometry":null}]})"),
-              "Feature must have a type property");
-    EXPECT_EQ(failure(R"({"type":"FeatureCollection","features":[{"type":"Point"}]})"),
-              "Feature type must be Feature");
-    EXPECT_EQ(failure(R"({"type":"FeatureCollection","features":[{"type":"Feature"}]})"),
-              "Feature must have a geometry property");
-    EXPECT_EQ(failure(R"({"type":"feature","geometry":null})"),
-              "feature geometry must have a coordinates property");
-    EXPECT_EQ(failure(R"({"type":7})"), "Geometry type must be a string");
-}
-
-TEST(GeoJsonDocument, JsonErrorsUseTheParseErrorForm) {
-    EXPECT_EQ(failure(""), "Parse error at offset 0: The document is empty.");
-    EXPECT_EQ(failure(R"({"type":"Point"} x)"),
-              "Parse error at offset 17: The document root must not be followed by other values.");
-    const std::string deep(100000, '[');
-    EXPECT_EQ(failure(deep),
-              "Parse error at offset 512: The document is nested more deeply than 512 levels.");
-}
-
-TEST(GeoJsonFeature, IdentifierKindFollowsTheNumber) {
-    EXPECT_EQ(readFeature(featureWith(R"(,"id":7)")).id, identifier(std::uint64_t{7}));
-    EXPECT_EQ(readFeature(featureWith(R"(,"id":-7)")).id, identifier(std::int64_t{-7}));
-    EXPECT_EQ(readFeature(featureWith(R"(,"id":7.5)")).id, identifier(7.5));
-    EXPECT_EQ(readFeature(featureWith(R"(,"id":7.0)")).id, identifier(7.0));
-    EXPECT_EQ(readFeature(featureWith(R"(,"id":18446744073709551616)")).id,
-              identifier(18446744073709551616.0));
-    EXPECT_EQ(readFeature(featureWith(R"(,"id":"x7")")).id, identifier(std::string("x7")));
-    EXPECT_EQ(failure(featureWith(R"(,"id":true)")), "Feature id must be a string or number");
-    EXPECT_EQ(failure(featureWith(R"(,"id":null)")), "Feature id must be a string or number");
-    EXPECT_EQ(failure(featureWith(R"(,"id":[7])")), "Feature id must be a string or number");
-}
-
-TEST(GeoJsonFeature, PropertiesUseTheValueClassification) {
-    feature f = readFeature(featureWith(
-        R"(,"properties":{"n":null,"b":true,"u":5,"s":-5,"d":5.0,"t":"x","a":[1],"o":{"k":2},"u":9})"));
-    const terrane::feature::property_map expected{
-        {"n", value()},
-        {"b", true},
-        {"u", std::uint64_t{5}},
-        {"s", std::int64_t{-5}},
-        {"d", 5.0},
-        {"t", "x"},
-        {"a", value::array_type{std::uint64_t{1}}},
-        {"o", value::object_type{{"k", std::uint64_t{2}}}},
+TEST(GeoJsonRead, EachKindOfDocumentReads) {
+    using geo::geometry;
+    const auto featureOf = [](std::optional<identifier> id) {
+        feature f;
+        f.geometry = geo::point(1, 2);
+        f.id = std::move(id);
+        return f;
     };
-    EXPECT_EQ(f.properties, expected);
-    EXPECT_TRUE(readFeature(featureWith(R"(,"properties":{})")).properties.empty());
-
-    EXPECT_EQ(failure(featureWith(R"(,"properties":null)")), "properties must be an object");
-    EXPECT_EQ(failure(featureWith(R"(,"properties":[])")), "properties must be an object");
+    const auto withProperties = [&](terrane::feature::property_map properties) {
+        feature f = featureOf(std::nullopt);
+        f.properties = std::move(properties);
+        return f;
+    };
+    const std::vector<std::pair<std::string, geojson>> rows{
+        {geometryWith("Point", "[1.5,-2]"), geometry(geo::point(1.5, -2))},
+        {geometryWith("Point", "[1,2,3]"), geometry(geo::point(1, 2))},
+        {geometryWith("Point", "[-1,18446744073709551615]"),
+         geometry(geo::point(-1, 18446744073709551615.0))},
+        {geometryWith("MultiPoint", "[[1,2],[3,4]]"), geometry(geo::multi_point{{1, 2}, {3, 4}})},
+        {geometryWith("MultiPoint", "[]"), geometry(geo::multi_point{})},
+        {geometryWith("LineString", "[[1,2],[3,4]]"), geometry(geo::line_string{{1, 2}, {3, 4}})},
+        {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6],[7,8],[9,0]]]"),
+         geometry(geo::multi_line_string{{{1, 2}, {3, 4}}, {{5, 6}, {7, 8}, {9, 0}}})},
+        // Rings need four points but not closure.
+        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]]]"),
+         geometry(geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}})},
+        {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[5,5],[6,5],[6,6],[5,5]]]]"),
+         geometry(geo::multi_polygon{geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 0}}},
+                                     geo::polygon{{{5, 5}, {6, 5}, {6, 6}, {5, 5}}}})},
+        {R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[1,2]},)"
+         R"({"type":"GeometryCollection","geometries":[)"
+         R"({"type":"LineString","coordinates":[[0,0],[1,1]]}]}]})",
+         geometry(geo::geometry_collection{
+             geo::point(1, 2), geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}}})},
+        {featureWith(""), featureOf(std::nullopt)},
+        {featureWith(R"(,"id":7)"), featureOf(identifier(std::uint64_t{7}))},
+        {featureWith(R"(,"id":-7)"), featureOf(identifier(std::int64_t{-7}))},
+        {featureWith(R"(,"id":7.0)"), featureOf(identifier(7.0))},
+        {featureWith(R"(,"id":18446744073709551616)"),
+         featureOf(identifier(18446744073709551616.0))},
+        {featureWith(R"(,"id":"x7")"), featureOf(identifier(std::string("x7")))},
+        {featureWith(
+             R"(,"properties":{"n":null,"b":true,"u":5,"s":-5,"d":5.0,"t":"x","a":[1],"o":{"k":2},"u":9})"),
+         withProperties({
+             {"n", value()},
+             {"b", true},
+             {"u", std::uint64_t{5}},
+             {"s", std::int64_t{-5}},
+             {"d", 5.0},
+             {"t", "x"},
+             {"a", value::array_type{std::uint64_t{1}}},
+             {"o", value::object_type{{"k", std::uint64_t{2}}}},
+         })},
+        {R"({"type":"FeatureCollection","features":[)" + featureWith("") + "," +
+             featureWith(R"(,"id":"b")") + "]}",
+         feature_collection{featureOf(std::nullopt), featureOf(identifier(std::string("b")))}},
+        {R"({"type":"FeatureCollection","features":[]})", feature_collection{}},
+    };
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(read(text), expected) << text;
+    }
 }
 
-TEST(GeoJsonFeature, GeometryMustBeAGeometryObject) {
-    EXPECT_EQ(failure(R"({"type":"Feature","geometry":null})"), "Geometry must be an object");
-    EXPECT_EQ(failure(R"({"type":"Feature","geometry":{"coordinates":[1,2]}})"),
-              "Geometry must have a type property");
-    // The geometry is read before the id and the properties.
-    EXPECT_EQ(failure(R"({"type":"Feature","id":true,"properties":1,"geometry":{"type":"X"}})"),
-              "X geometry must have a coordinates property");
-    EXPECT_EQ(
-        failure(
-            R"({"type":"Feature","properties":1,"id":true,"geometry":{"type":"Point","coordinates":[0,0]}})"),
-        "Feature id must be a string or number");
-}
-
-TEST(GeoJsonGeometry, PositionsKeepTheirFirstTwoNumbers) {
-    EXPECT_EQ(readGeometry(geometryWith("Point", "[1,2,3]")), geo::geometry(geo::point(1, 2)));
-    EXPECT_EQ(readGeometry(geometryWith("Point", "[-1,18446744073709551615]")),
-              geo::geometry(geo::point(-1, 18446744073709551615.0)));
-    EXPECT_EQ(failure(geometryWith("Point", "[1]")),
-              "coordinates array must have at least 2 numbers");
-    EXPECT_EQ(failure(geometryWith("Point", "[]")),
-              "coordinates array must have at least 2 numbers");
-    EXPECT_EQ(failure(geometryWith("Point", R"([1,"2"])")),
-              "coordinates array must have at least 2 numbers");
-    EXPECT_EQ(failure(geometryWith("Point", "5")), "coordinates property must be an array");
-    EXPECT_EQ(failure(R"({"type":"Point"})"), "Point geometry must have a coordinates property");
-    EXPECT_EQ(failure(geometryWith("MultiPoint", "[[1,2],3]")), "coordinates must be an array.");
-    EXPECT_EQ(readGeometry(geometryWith("MultiPoint", "[[1,2],[3,4]]")),
-              geo::geometry(geo::multi_point{{1, 2}, {3, 4}}));
-    EXPECT_EQ(readGeometry(geometryWith("MultiPoint", "[]")), geo::geometry(geo::multi_point{}));
-}
-
-TEST(GeoJsonGeometry, LineStringsNeedTwoPoints) {
-    EXPECT_EQ(failure(geometryWith("LineString", "[[1,2]]")), lineStringMessage);
-    EXPECT_EQ(failure(geometryWith("LineString", "[]")), lineStringMessage);
-    EXPECT_EQ(failure(geometryWith("LineString", "[1,2]")), "coordinates must be an array.");
-    EXPECT_EQ(readGeometry(geometryWith("LineString", "[[1,2],[3,4]]")),
-              geo::geometry(geo::line_string{{1, 2}, {3, 4}}));
-
-    EXPECT_EQ(failure(geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6]]]")),
-              lineStringMessage);
-    EXPECT_EQ(failure(geometryWith("MultiLineString", "[[[1,2],[3,4]],7]")), arrayOfPointsMessage);
-    // Every line string is sized before any position is read.
-    EXPECT_EQ(failure(geometryWith("MultiLineString", "[[[1],[3,4]],[[5,6]]]")), lineStringMessage);
-    EXPECT_EQ(readGeometry(geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6],[7,8],[9,0]]]")),
-              geo::geometry(geo::multi_line_string{{{1, 2}, {3, 4}}, {{5, 6}, {7, 8}, {9, 0}}}));
-}
-
-TEST(GeoJsonGeometry, PolygonRingsNeedFourPointsButNotClosure) {
-    EXPECT_EQ(failure(geometryWith("Polygon", "[[[0,0],[1,0],[0,1]]]")), polygonMessage);
-    EXPECT_EQ(readGeometry(geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]]]")),
-              geo::geometry(geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}}));
-    EXPECT_EQ(failure(geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]],7]")),
-              "Coordinates must be an array of arrays, each describing a polygon.");
-    EXPECT_EQ(failure(geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,0]],[[0,0]]]")),
-              polygonMessage);
-    EXPECT_EQ(failure(geometryWith("Polygon", "[[[0,0],[1,0],[1,1],0]]")),
-              "coordinates must be an array.");
-
-    EXPECT_EQ(failure(geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],5]")),
-              "Coordinates must be nested more deeply.");
-    EXPECT_EQ(failure(geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[0,0]]]]")),
-              polygonMessage);
-    EXPECT_EQ(readGeometry(geometryWith(
-                  "MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[5,5],[6,5],[6,6],[5,5]]]]")),
-              geo::geometry(geo::multi_polygon{geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 0}}},
-                                               geo::polygon{{{5, 5}, {6, 5}, {6, 6}, {5, 5}}}}));
-}
-
-TEST(GeoJsonGeometry, UnknownTypesFailByWhetherTheyHaveCoordinates) {
-    EXPECT_EQ(failure(geometryWith("Circle", "[1,2]")), "Circle not yet implemented");
-    EXPECT_EQ(failure(R"({"type":"Circle","radius":3})"),
-              "Circle geometry must have a coordinates property");
-    EXPECT_EQ(failure(geometryWith("point", "[1,2]")), "point not yet implemented");
-    EXPECT_EQ(failure(geometryWith("Circle", "{}")), "coordinates property must be an array");
-}
-
-TEST(GeoJsonGeometry, GeometryCollectionsNest) {
-    EXPECT_EQ(readGeometry(R"({"type":"GeometryCollection","geometries":[)"
-                           R"({"type":"Point","coordinates":[1,2]},)"
-                           R"({"type":"GeometryCollection","geometries":[)"
-                           R"({"type":"LineString","coordinates":[[0,0],[1,1]]}]}]})"),
-              geo::geometry(geo::geometry_collection{
-                  geo::point(1, 2), geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}}}));
-    EXPECT_EQ(failure(R"({"type":"GeometryCollection"})"),
-              "GeometryCollection must have a geometries property");
-    EXPECT_EQ(failure(R"({"type":"GeometryCollection","geometries":{}})"),
-              "GeometryCollection geometries property must be an array");
-    EXPECT_EQ(failure(R"({"type":"GeometryCollection","geometries":[)"
-                      R"({"type":"GeometryCollection","geometries":[null]}]})"),
-              "Geometry must be an object");
+TEST(GeoJsonRead, EveryFaultHasItsMessage) {
+    const char* const polygonMessage =
+        "Polygon must be described by 4 or more coordinate points. Improper nesting can also lead "
+        "to this error. Double check that the coordinates are properly nested and there are 4 or "
+        "more coordinates.";
+    const char* const lineStringMessage = "A line string must have two or more coordinate points.";
+    const std::string idMessage = "Feature id must be a string or number";
+    const std::string coordinatesMessage = "coordinates array must have at least 2 numbers";
+    const std::string collection = R"({"type":"FeatureCollection","features":)";
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"", "Parse error at offset 0: The document is empty."},
+        {R"({"type":"Point"} x)",
+         "Parse error at offset 17: The document root must not be followed by other values."},
+        {std::string(100000, '['),
+         "Parse error at offset 512: The document is nested more deeply than 512 levels."},
+        {"[]", "GeoJSON must be an object"},
+        {R"({"coordinates":[1,2]})", "GeoJSON must have a type property"},
+        {R"({"type":"FeatureCollection"})", "FeatureCollection must have features property"},
+        {collection + "{}}", "FeatureCollection features property must be an array"},
+        {collection + "[1]}", "Feature must be an object"},
+        {collection + R"([{"geometry":null}]})", "Feature must have a type property"},
+        {collection + R"([{"type":"Point"}]})", "Feature type must be Feature"},
+        {collection + R"([{"type":"Feature"}]})", "Feature must have a geometry property"},
+        {R"({"type":"feature","geometry":null})",
+         "feature geometry must have a coordinates property"},
+        {R"({"type":7})", "Geometry type must be a string"},
+        {featureWith(R"(,"id":true)"), idMessage},
+        {featureWith(R"(,"id":null)"), idMessage},
+        {featureWith(R"(,"id":[7])"), idMessage},
+        {featureWith(R"(,"properties":null)"), "properties must be an object"},
+        {featureWith(R"(,"properties":[])"), "properties must be an object"},
+        {R"({"type":"Feature","geometry":null})", "Geometry must be an object"},
+        {R"({"type":"Feature","geometry":{"coordinates":[1,2]}})",
+         "Geometry must have a type property"},
+        // The geometry is read before the id, and the id before the properties.
+        {R"({"type":"Feature","id":true,"properties":1,"geometry":{"type":"X"}})",
+         "X geometry must have a coordinates property"},
+        {R"({"type":"Feature","properties":1,"id":true,"geometry":{"type":"Point","coordinates":[0,0]}})",
+         idMessage},
+        {geometryWith("Point", "[1]"), coordinatesMessage},
+        {geometryWith("Point", "[]"), coordinatesMessage},
+        {geometryWith("Point", R"([1,"2"])"), coordinatesMessage},
+        {geometryWith("Point", "5"), "coordinates property must be an array"},
+        {R"({"type":"Point"})", "Point geometry must have a coordinates property"},
+        {geometryWith("MultiPoint", "[[1,2],3]"), "coordinates must be an array."},
+        {geometryWith("LineString", "[[1,2]]"), lineStringMessage},
+        {geometryWith("LineString", "[]"), lineStringMessage},
+        {geometryWith("LineString", "[1,2]"), "coordinates must be an array."},
+        {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6]]]"), lineStringMessage},
+        {geometryWith("MultiLineString", "[[[1,2],[3,4]],7]"), arrayOfPointsMessage},
+        // Every line string is sized before any position is read.
+        {geometryWith("MultiLineString", "[[[1],[3,4]],[[5,6]]]"), lineStringMessage},
+        {geometryWith("Polygon", "[[[0,0],[1,0],[0,1]]]"), polygonMessage},
+        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]],7]"),
+         "Coordinates must be an array of arrays, each describing a polygon."},
+        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,0]],[[0,0]]]"), polygonMessage},
+        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],0]]"), "coordinates must be an array."},
+        {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],5]"),
+         "Coordinates must be nested more deeply."},
+        {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[0,0]]]]"), polygonMessage},
+        {geometryWith("Circle", "[1,2]"), "Circle not yet implemented"},
+        {R"({"type":"Circle","radius":3})", "Circle geometry must have a coordinates property"},
+        {geometryWith("point", "[1,2]"), "point not yet implemented"},
+        {geometryWith("Circle", "{}"), "coordinates property must be an array"},
+        {R"({"type":"GeometryCollection"})", "GeometryCollection must have a geometries property"},
+        {R"({"type":"GeometryCollection","geometries":{}})",
+         "GeometryCollection geometries property must be an array"},
+        {R"({"type":"GeometryCollection","geometries":[{"type":"GeometryCollection","geometries":[null]}]})",
+         "Geometry must be an object"},
+    };
+    for (const auto& [text, message] : rows) {
+        EXPECT_EQ(failure(text), message) << text;
+    }
 }
 
 TEST(GeoJsonPrivateReaders, ReadThePartsTheirOwnWay) {
@@ -281,20 +236,12 @@ TEST(GeoJsonWrite, EachKindWritesAndReadsBack) {
         const std::string text = terrane::geojson::stringify(shape);
         EXPECT_EQ(readGeometry(text), shape) << text;
     }
-}
-
-TEST(GeoJsonWrite, WritesCompactTypedObjects) {
-    using terrane::geojson::stringify;
-    EXPECT_EQ(stringify(geo::point(1, 2.5)), R"({"type":"Point","coordinates":[1.0,2.5]})");
-    EXPECT_EQ(stringify(geo::multi_point{}), R"({"type":"MultiPoint","coordinates":[]})");
-    EXPECT_EQ(stringify(geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 0}}}),
-              R"({"type":"Polygon","coordinates":[[[0.0,0.0],[1.0,0.0],[1.0,1.0],[0.0,0.0]]]})");
     EXPECT_EQ(
-        stringify(geo::geometry_collection{geo::point(0, 0)}),
-        R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[0.0,0.0]}]})");
+        terrane::geojson::stringify(geo::geometry_collection{geo::point(0, 2.5)}),
+        R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[0.0,2.5]}]})");
     // No GeoJSON text means "no geometry"; an empty collection is the nearest readable thing.
-    EXPECT_EQ(stringify(geo::empty{}), R"({"type":"GeometryCollection","geometries":[]})");
-    EXPECT_EQ(readGeometry(stringify(geo::empty{})), geo::geometry(geo::geometry_collection{}));
+    EXPECT_EQ(terrane::geojson::stringify(geo::empty{}),
+              R"({"type":"GeometryCollection","geometries":[]})");
 }
 
 TEST(GeoJsonWrite, PrivateWriterBuildsTheDomInTheCallersAllocator) {
@@ -338,26 +285,13 @@ TEST(GeoJsonDepth, DeepCollectionsAreWrittenIterativelyAndRefusedOnRead) {
     }
 }
 
-TEST(GeoJsonRobustness, MalformedInputNeverCrashes) {
+TEST(GeoJsonRobustness, EveryTruncationIsAParseError) {
     const std::string sample =
         R"({"type":"FeatureCollection","features":[{"type":"Feature","id":3,"properties":{"a":[1]},)"
         R"("geometry":{"type":"GeometryCollection","geometries":[{"type":"MultiPolygon",)"
         R"("coordinates":[[[[0,0],[1,0],[1,1],[0,0]]]]},{"type":"MultiLineString",)"
         R"("coordinates":[[[0,0],[1,1]]]}]}}]})";
     ASSERT_TRUE(terrane::geojson::parse(sample).has_value());
-    std::mt19937 random(7);
-    const std::string alphabet = "[]{}\":,0123456789-.e tfnul\x00";
-    for (int round = 0; round < 5000; ++round) {
-        std::string mutated = sample;
-        const int edits = 1 + static_cast<int>(random() % 3);
-        for (int e = 0; e < edits; ++e) {
-            mutated[random() % mutated.size()] = alphabet[random() % alphabet.size()];
-        }
-        auto result = terrane::geojson::parse(mutated);
-        if (!result) {
-            EXPECT_FALSE(result.error().empty());
-        }
-    }
     for (std::size_t length = 0; length < sample.size(); ++length) {
         EXPECT_THAT(terrane::geojson::parse(sample.substr(0, length)).error(),
                     StartsWith("Parse error at offset "));

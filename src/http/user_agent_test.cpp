@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "terrane/version/version.hpp"
 
 namespace terrane::common {
 namespace {
-
-const std::string kProduct = "Terrane Common/" + Version::getCommonSDKVersionString();
 
 UAComponents atlasComponents() {
     UAComponents components;
@@ -27,92 +27,69 @@ UAComponents atlasComponents() {
 UserAgentFallbacks desktopFallbacks() {
     UserAgentFallbacks fallbacks;
     fallbacks.appName = "mapper";
+    fallbacks.appVersion = "1.0";
+    fallbacks.appIdentifier = "org.example.mapper";
+    fallbacks.appBuildNumber = "5";
     fallbacks.osName = "Linux";
     fallbacks.osVersion = "6.1.0";
     fallbacks.sdkName = "TerraneCommon";
     fallbacks.sdkVersion = "9.2.0";
     fallbacks.sdkIdentifier = "terrane-common";
+    fallbacks.sdkBuildNumber = "321";
     return fallbacks;
 }
 
-TEST(UserAgentTest, EmptyAndUnknownComponentsCountAsAbsent) {
-    EXPECT_TRUE(isValidUAComponent("Atlas"));
-    EXPECT_TRUE(isValidUAComponent("Unknown"));  // only the exact placeholder is absent
-    EXPECT_FALSE(isValidUAComponent(""));
-    EXPECT_FALSE(isValidUAComponent("unknown"));
-}
-
-TEST(UserAgentTest, EveryComponentGivenMakesTheFullHeader) {
-    EXPECT_EQ(buildUserAgentString(atlasComponents(), desktopFallbacks()),
-              "Atlas/2.1 (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12) " + kProduct);
-}
-
-TEST(UserAgentTest, DefaultComponentsTakeEveryValueFromThePlatform) {
-    auto fallbacks = desktopFallbacks();
-    fallbacks.appVersion = "1.0";
-    fallbacks.appIdentifier = "org.example.mapper";
-    fallbacks.appBuildNumber = "5";
-    fallbacks.sdkBuildNumber = "321";
-    EXPECT_EQ(buildUserAgentString(UAComponents{}, fallbacks),
-              "mapper/1.0 (org.example.mapper; 5; Linux 6.1.0) TerraneCommon/9.2.0 "
-              "(terrane-common; 321) " +
-                  kProduct);
-}
-
-TEST(UserAgentTest, AnAbsentAppVersionLeavesTheNameAlone) {
-    auto components = atlasComponents();
-    components.appVersionComponent = "";
-    EXPECT_TRUE(
-        buildUserAgentString(components, {}).starts_with("Atlas (atlas-app; 77; iOS 17.2) "));
-}
-
-TEST(UserAgentTest, AnAbsentAppBuildDropsTheWholeDetailPiece) {
-    auto components = atlasComponents();
-    components.appBuildNumberComponent = "unknown";
-    EXPECT_EQ(buildUserAgentString(components, {}),
-              "Atlas/2.1 RouteKit/3.0.1 (routekit; 12) " + kProduct);
-}
-
-TEST(UserAgentTest, WithoutAnOsVersionThereIsNoSystemInformationAndNoDetailPiece) {
-    auto components = atlasComponents();
-    components.osVersionComponent = "";
-    EXPECT_EQ(systemInformation(components, {}), nullopt);
-    EXPECT_EQ(buildUserAgentString(components, {}),
-              "Atlas/2.1 RouteKit/3.0.1 (routekit; 12) " + kProduct);
-    // The platform's own version stands in for an absent component.
-    EXPECT_EQ(systemInformation(components, desktopFallbacks()), "iOS 6.1.0");
-}
-
-TEST(UserAgentTest, AnUnknownOsNameIsReplacedByThePlatformsName) {
-    auto components = atlasComponents();
-    components.osNameComponent = "unknown";
-    EXPECT_EQ(systemInformation(components, desktopFallbacks()), "Linux 17.2");
-}
-
-TEST(UserAgentTest, SdkInformationNeedsANameAndBothIdentifierAndBuildForTheParentheses) {
-    UAComponents components;
-    components.sdkNameComponent = "RouteKit";
-    EXPECT_EQ(sdkInformation(components, {}), "RouteKit");
-    components.sdkIdentifierComponent = "routekit";
-    EXPECT_EQ(sdkInformation(components, {}), "RouteKit");
-    components.sdkBuildNumberComponent = "12";
-    EXPECT_EQ(sdkInformation(components, {}), "RouteKit (routekit; 12)");
-    components.sdkNameComponent = "";
-    EXPECT_EQ(sdkInformation(components, {}), "(routekit; 12)");
-    EXPECT_EQ(sdkInformation(UAComponents{}, {}), "");
-}
-
-TEST(UserAgentTest, AnEmptySdkPieceStillTakesItsPlace) {
-    UAComponents components;
-    components.appNameComponent = "Atlas";
-    EXPECT_EQ(buildUserAgentString(components, {}), "Atlas  " + kProduct);
-}
-
-TEST(UserAgentTest, FallbacksThatAreEmptyOrUnknownAreAbsentToo) {
-    UserAgentFallbacks fallbacks;
-    fallbacks.appName = "unknown";
-    fallbacks.sdkName = "";
-    EXPECT_EQ(buildUserAgentString(UAComponents{}, fallbacks), " " + kProduct);
+TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
+    const std::string product = " Terrane Common/" + Version::getCommonSDKVersionString();
+    struct Row {
+        const char* what;
+        std::function<void(UAComponents&, UserAgentFallbacks&)> change;
+        std::string expected;
+    };
+    const std::vector<Row> rows{
+        {"every component", [](auto&, auto& f) { f = {}; },
+         "Atlas/2.1 (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12)"},
+        {"every value from the platform", [](auto& c, auto&) { c = {}; },
+         "mapper/1.0 (org.example.mapper; 5; Linux 6.1.0) TerraneCommon/9.2.0 (terrane-common; "
+         "321)"},
+        {"no app version", [](auto& c, auto& f) { c.appVersionComponent = "", f = {}; },
+         "Atlas (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12)"},
+        {"no app build", [](auto& c, auto& f) { c.appBuildNumberComponent = "unknown", f = {}; },
+         "Atlas/2.1 RouteKit/3.0.1 (routekit; 12)"},
+        {"no os version", [](auto& c, auto& f) { c.osVersionComponent = "", f = {}; },
+         "Atlas/2.1 RouteKit/3.0.1 (routekit; 12)"},
+        {"only the platform's os version",
+         [](auto& c, auto& f) { c.osVersionComponent = "", f = {}, f.osVersion = "6.1"; },
+         "Atlas/2.1 (atlas-app; 77; iOS 6.1) RouteKit/3.0.1 (routekit; 12)"},
+        {"an unknown os name",
+         [](auto& c, auto& f) { c.osNameComponent = "unknown", f = {}, f.osName = "Linux"; },
+         "Atlas/2.1 (atlas-app; 77; Linux 17.2) RouteKit/3.0.1 (routekit; 12)"},
+        {"\"Unknown\" is a value", [](auto& c, auto& f) { c.osNameComponent = "Unknown", f = {}; },
+         "Atlas/2.1 (atlas-app; 77; Unknown 17.2) RouteKit/3.0.1 (routekit; 12)"},
+        {"sdk name alone",
+         [](auto& c, auto& f) { c = {}, c.sdkNameComponent = "RouteKit", f = {}; }, "RouteKit"},
+        {"sdk without build",
+         [](auto& c, auto& f) {
+             c = {}, c.sdkNameComponent = "RouteKit", c.sdkIdentifierComponent = "routekit", f = {};
+         },
+         "RouteKit"},
+        {"sdk details without name",
+         [](auto& c, auto& f) {
+             c = {}, c.sdkIdentifierComponent = "routekit", c.sdkBuildNumberComponent = "12",
+             f = {};
+         },
+         "(routekit; 12)"},
+        {"an empty sdk piece keeps its place",
+         [](auto& c, auto& f) { c = {}, c.appNameComponent = "Atlas", f = {}; }, "Atlas "},
+        {"empty or unknown fallbacks",
+         [](auto& c, auto& f) { c = {}, f = {}, f.appName = "unknown", f.sdkName = ""; }, ""},
+    };
+    for (const auto& row : rows) {
+        auto components = atlasComponents();
+        auto fallbacks = desktopFallbacks();
+        row.change(components, fallbacks);
+        EXPECT_EQ(buildUserAgentString(components, fallbacks), row.expected + product) << row.what;
+    }
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 namespace terrane::common::util {
 namespace {
@@ -20,64 +22,52 @@ TimePoint at(std::int64_t unixSeconds, std::int64_t extraMilliseconds = 0) {
 // Expected instants below are calendar values (Unix seconds) worked out independently of the
 // parser; the February ones then add the one day that the shared file arithmetic adds.
 
-TEST(ParseRFC3339, ReadsUtcTimeStamps) {
-    EXPECT_EQ(parseRFC3339("1970-01-01T00:00:00Z"), at(0));
-    EXPECT_EQ(parseRFC3339("2020-03-01T00:00:00Z"), at(1'583'020'800));
-    EXPECT_EQ(parseRFC3339("2021-03-04T05:06:07Z"), at(1'614'816'000 + 5 * 3600 + 6 * 60 + 7));
-    EXPECT_EQ(parseRFC3339("2024-12-31T23:59:59Z"), at(1'735'603'200 + day - 1));
-}
-
-TEST(ParseRFC3339, JanuaryAndNonLeapFebruaryFollowTheCalendar) {
-    EXPECT_EQ(parseRFC3339("2020-01-31T00:00:00Z"), at(1'580'428'800));
-    EXPECT_EQ(parseRFC3339("2021-02-01T00:00:00Z"), at(1'612'137'600));
-    EXPECT_EQ(parseRFC3339("2100-02-01T00:00:00Z"), at(4'105'123'200));
-}
-
-TEST(ParseRFC3339, FebruaryOfALeapYearReadsOneDayLate) {
-    EXPECT_EQ(parseRFC3339("2020-02-01T00:00:00Z"), at(1'580'515'200 + day));
-    EXPECT_EQ(parseRFC3339("2000-02-15T00:00:00Z"), at(950'572'800 + day));
-    // So the leap day itself coincides with the first of March.
-    EXPECT_EQ(parseRFC3339("2020-02-29T00:00:00Z"), at(1'582'934'400 + day));
-    EXPECT_EQ(parseRFC3339("2020-02-29T00:00:00Z"), parseRFC3339("2020-03-01T00:00:00Z"));
-}
-
-TEST(ParseRFC3339, ReadsFractionsAndUnpaddedSeconds) {
-    EXPECT_EQ(parseRFC3339("2020-03-01T00:00:00.123Z"), at(1'583'020'800, 123));
-    EXPECT_EQ(parseRFC3339("2020-03-01T00:00:5.250Z"), at(1'583'020'800, 5'250));
-    EXPECT_EQ(parseRFC3339("2020-03-01T00:00:59.999Z"), at(1'583'020'800, 59'999));
-    // Below a millisecond the fraction is cut off, not rounded.
-    EXPECT_EQ(parseRFC3339("2020-03-01T00:00:00.1239Z"), at(1'583'020'800, 123));
-}
-
-TEST(ParseRFC3339, AppliesOffsets) {
-    EXPECT_EQ(parseRFC3339("2021-01-01T10:00:00+02:00"), parseRFC3339("2021-01-01T08:00:00Z"));
-    EXPECT_EQ(parseRFC3339("2021-01-01T10:00:00-05:30"), parseRFC3339("2021-01-01T15:30:00Z"));
-    EXPECT_EQ(parseRFC3339("2021-01-01T00:30:00+01:00"), at(1'609'459'200 - 1800));
-}
-
-TEST(ParseRFC3339, DoesNotRangeCheckTheTimeOfDay) {
-    EXPECT_EQ(parseRFC3339("2021-01-01T25:00:00Z"), parseRFC3339("2021-01-02T01:00:00Z"));
-    EXPECT_EQ(parseRFC3339("2021-01-01T00:61:75Z"), at(1'609'459'200 + 61 * 60 + 75));
-}
-
-TEST(ParseRFC3339, RejectsMalformedText) {
+TEST(ParseRFC3339, ReadsTimeStampsAndRefusesMalformedText) {
+    const std::int64_t march2020 = 1'583'020'800;
+    const std::int64_t newYear2021 = 1'609'459'200;
+    const std::vector<std::pair<const char*, optional<TimePoint>>> rows{
+        {"1970-01-01T00:00:00Z", at(0)},
+        {"2021-03-04T05:06:07Z", at(1'614'816'000 + 5 * 3600 + 6 * 60 + 7)},
+        {"2024-12-31T23:59:59Z", at(1'735'603'200 + day - 1)},
+        {"2020-01-31T00:00:00Z", at(1'580'428'800)},
+        {"2021-02-01T00:00:00Z", at(1'612'137'600)},
+        {"2100-02-01T00:00:00Z", at(4'105'123'200)},
+        // February of a leap year reads one day late, so the leap day is the first of March.
+        {"2020-02-01T00:00:00Z", at(1'580'515'200 + day)},
+        {"2000-02-15T00:00:00Z", at(950'572'800 + day)},
+        {"2020-02-29T00:00:00Z", at(march2020)},
+        {"2020-03-01T00:00:00.123Z", at(march2020, 123)},
+        {"2020-03-01T00:00:5.250Z", at(march2020, 5'250)},
+        {"2020-03-01T00:00:59.999Z", at(march2020, 59'999)},
+        // Below a millisecond the fraction is cut off, not rounded.
+        {"2020-03-01T00:00:00.1239Z", at(march2020, 123)},
+        {"2021-01-01T10:00:00+02:00", at(newYear2021 + 8 * 3600)},
+        {"2021-01-01T10:00:00-05:30", at(newYear2021 + 15 * 3600 + 1800)},
+        {"2021-01-01T00:30:00+01:00", at(newYear2021 - 1800)},
+        // The time of day is not range-checked.
+        {"2021-01-01T25:00:00Z", at(newYear2021 + 25 * 3600)},
+        {"2021-01-01T00:61:75Z", at(newYear2021 + 61 * 60 + 75)},
+        {"", nullopt},
+        {"yesterday", nullopt},
+        {"2021-01-01T10:00:00z", nullopt},
+        {"2021-01-01T10:00:00", nullopt},
+        {"2021-01-01T10:00:00+02", nullopt},
+        {"2021-01-01T10:00:00 02:00", nullopt},
+        {"2021-01-01 10:00:00Z", nullopt},
+        {"2021-01-01T10:00Z", nullopt},
+        {"2021-00-01T10:00:00Z", nullopt},
+        {"2021-13-01T10:00:00Z", nullopt},
+        {"2021-01-00T10:00:00Z", nullopt},
+        {"2021-01-32T10:00:00Z", nullopt},
+        {"2021-01-01T-1:00:00Z", nullopt},
+        {"2021-01-01T10:00:nanZ", nullopt},
+        {"2021-01-01T10:00:infZ", nullopt},
+        {"2021-01-01T10:00:1e300Z", nullopt},
+    };
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(parseRFC3339(text), expected) << text;
+    }
     EXPECT_FALSE(parseRFC3339(nullptr));
-    EXPECT_FALSE(parseRFC3339(""));
-    EXPECT_FALSE(parseRFC3339("yesterday"));
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:00z")) << "lower-case zone";
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:00")) << "no zone";
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:00+02")) << "offset without minutes";
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:00 02:00")) << "offset without sign";
-    EXPECT_FALSE(parseRFC3339("2021-01-01 10:00:00Z")) << "space instead of T";
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00Z")) << "no seconds";
-    EXPECT_FALSE(parseRFC3339("2021-00-01T10:00:00Z"));
-    EXPECT_FALSE(parseRFC3339("2021-13-01T10:00:00Z"));
-    EXPECT_FALSE(parseRFC3339("2021-01-00T10:00:00Z"));
-    EXPECT_FALSE(parseRFC3339("2021-01-32T10:00:00Z"));
-    EXPECT_FALSE(parseRFC3339("2021-01-01T-1:00:00Z"));
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:nanZ"));
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:infZ"));
-    EXPECT_FALSE(parseRFC3339("2021-01-01T10:00:1e300Z"));
 }
 
 TEST(FormatRFC3339, WritesMillisecondsWithUnpaddedSeconds) {

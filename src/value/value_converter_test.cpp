@@ -7,9 +7,10 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "value/json_reader.hpp"
 #include "value/json_value.hpp"
@@ -59,122 +60,98 @@ void dismantle(value& v) {
     }
 }
 
-TEST(ValueConverterParseErrors, ReportOffsetAndRapidjsonMessage) {
-    EXPECT_EQ(parseError(""), "Parse error at offset 0: The document is empty.");
-    EXPECT_EQ(parseError("  \n "), "Parse error at offset 4: The document is empty.");
-    EXPECT_EQ(parseError("{\"a\":1} x"),
-              "Parse error at offset 8: The document root must not be followed by other values.");
-    EXPECT_EQ(parseError("[1,]"), "Parse error at offset 3: Invalid value.");
-    EXPECT_EQ(parseError("NaN"), "Parse error at offset 0: Invalid value.");
-    EXPECT_EQ(parseError("// comment\n1"), "Parse error at offset 0: Invalid value.");
-    EXPECT_EQ(parseError("{1:2}"), "Parse error at offset 1: Missing a name for object member.");
-    EXPECT_EQ(parseError("{\"a\" 1}"),
-              "Parse error at offset 5: Missing a colon after a name of object member.");
-    EXPECT_EQ(parseError("{\"a\":1,}"),
-              "Parse error at offset 7: Missing a name for object member.");
-    EXPECT_EQ(parseError("{\"a\":1"),
-              "Parse error at offset 6: Missing a comma or '}' after an object member.");
-    EXPECT_EQ(parseError("[1 2]"),
-              "Parse error at offset 3: Missing a comma or ']' after an array element.");
-    EXPECT_EQ(parseError("\"\\u12G4\""),
-              "Parse error at offset 1: Incorrect hex digit after \\u escape in string.");
-    EXPECT_EQ(parseError("\"\\uD800x\""),
-              "Parse error at offset 1: The surrogate pair in string is invalid.");
-    EXPECT_EQ(parseError("\"\\x\""),
-              "Parse error at offset 1: Invalid escape character in string.");
-    EXPECT_EQ(parseError("\"abc"),
-              "Parse error at offset 4: Missing a closing quotation mark in string.");
-    EXPECT_EQ(parseError("1e400"),
-              "Parse error at offset 0: Number too big to be stored in double.");
-    EXPECT_EQ(parseError("1."), "Parse error at offset 2: Miss fraction part in number.");
-    EXPECT_EQ(parseError("1e"), "Parse error at offset 2: Miss exponent in number.");
-}
-
-TEST(ValueConverterParseErrors, TextAfterAnEmbeddedNulIsASecondRoot) {
-    EXPECT_EQ(parseError(std::string("5\0x", 3)),
-              "Parse error at offset 1: The document root must not be followed by other values.");
-    EXPECT_EQ(parseError(std::string("[]\0", 3)),
-              "Parse error at offset 2: The document root must not be followed by other values.");
-}
-
-TEST(ValueConverterParseErrors, CodesOutsideTheTableAreUnknown) {
+TEST(ValueConverterParse, ErrorsGiveTheOffsetAndTheParsersMessage) {
+    const std::size_t limit = ValueConverter::maxNestingDepth;
+    const std::size_t far = 100000;
+    const std::string tooDeep = "The document is nested more deeply than 512 levels.";
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"", "0: The document is empty."},
+        {"  \n ", "4: The document is empty."},
+        {"{\"a\":1} x", "8: The document root must not be followed by other values."},
+        // Text after an embedded NUL is a second root.
+        {std::string("5\0x", 3), "1: The document root must not be followed by other values."},
+        {"[1,]", "3: Invalid value."},
+        {"NaN", "0: Invalid value."},
+        {"// comment\n1", "0: Invalid value."},
+        {"{1:2}", "1: Missing a name for object member."},
+        {"{\"a\" 1}", "5: Missing a colon after a name of object member."},
+        {"{\"a\":1,}", "7: Missing a name for object member."},
+        {"{\"a\":1", "6: Missing a comma or '}' after an object member."},
+        {"[1 2]", "3: Missing a comma or ']' after an array element."},
+        {"\"\\u12G4\"", "1: Incorrect hex digit after \\u escape in string."},
+        {"\"\\uD800x\"", "1: The surrogate pair in string is invalid."},
+        {"\"\\x\"", "1: Invalid escape character in string."},
+        {"\"abc", "4: Missing a closing quotation mark in string."},
+        {"1e400", "0: Number too big to be stored in double."},
+        {"1.", "2: Miss fraction part in number."},
+        {"1e", "2: Miss exponent in number."},
+        {repeat("[", limit + 1) + repeat("]", limit + 1), "512: " + tooDeep},
+        {"{\"a\":" + repeat("[", limit) + "]", "516: " + tooDeep},
+        {repeat("[", far) + repeat("]", far), "512: " + tooDeep},
+        {repeat("{\"a\":", far) + "1" + repeat("}", far), "2560: " + tooDeep},
+        // Unbalanced and truncated: the depth bound still trips first.
+        {repeat("[{\"k\":", far), "1536: " + tooDeep},
+    };
+    for (const auto& [text, message] : rows) {
+        EXPECT_EQ(parseError(text), "Parse error at offset " + message) << text.substr(0, 40);
+    }
     using terrane::common::json::parseErrorMessage;
     EXPECT_EQ(parseErrorMessage(0, 3), "Parse error at offset 3: Unknown error.");
     EXPECT_EQ(parseErrorMessage(18, 0), "Parse error at offset 0: Unknown error.");
     EXPECT_EQ(parseErrorMessage(17, 12), "Parse error at offset 12: Unspecific syntax error.");
-    EXPECT_EQ(parseErrorMessage(16, 1),
-              "Parse error at offset 1: Terminate parsing due to Handler error.");
 }
 
-TEST(ValueConverterNumbers, IntegersAreUnsignedUnlessNegativeAndEverythingElseDouble) {
-    EXPECT_EQ(parsed("5"), value(std::uint64_t{5}));
-    EXPECT_EQ(parsed("-5"), value(std::int64_t{-5}));
-    EXPECT_EQ(parsed("5.0"), value(5.0));
-    EXPECT_EQ(parsed("0"), value(std::uint64_t{0}));
-    EXPECT_EQ(parsed("1e2"), value(100.0));
-    EXPECT_EQ(parsed("-1.5"), value(-1.5));
-    EXPECT_EQ(parsed("18446744073709551615"), value(std::numeric_limits<std::uint64_t>::max()));
-    EXPECT_EQ(parsed("18446744073709551616"), value(18446744073709551616.0));
-    EXPECT_EQ(parsed("-9223372036854775808"), value(std::numeric_limits<std::int64_t>::min()));
-    EXPECT_EQ(parsed("-9223372036854775809"), value(-9223372036854775809.0));
+TEST(ValueConverterParse, NumbersStringsAndContainersTakeTheirKinds) {
+    const std::vector<std::pair<std::string, value>> rows{
+        {"5", std::uint64_t{5}},
+        {"-5", std::int64_t{-5}},
+        {"5.0", 5.0},
+        {"1e2", 100.0},
+        {"18446744073709551615", std::numeric_limits<std::uint64_t>::max()},
+        {"18446744073709551616", 18446744073709551616.0},
+        {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
+        {"-9223372036854775809", -9223372036854775809.0},
+        {"null", value()},
+        {" true ", true},
+        {"\"caf\\u00e9 \\\"q\\\"\"", "caf\xc3\xa9 \"q\""},
+        {"\"a\\u0000b\"", std::string("a\0b", 3)},
+        {"[1,-1,\"x\",[null],{\"k\":false}]",
+         value::array_type{std::uint64_t{1}, std::int64_t{-1}, "x", value::array_type{null_value},
+                           value::object_type{{"k", false}}}},
+        // A repeated member keeps its first occurrence.
+        {"{\"a\":{\"x\":1},\"b\":true,\"a\":{\"y\":2}}",
+         value::object_type{{"a", value::object_type{{"x", std::uint64_t{1}}}}, {"b", true}}},
+    };
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(parsed(text), expected) << text;
+    }
 }
 
-TEST(ValueConverterParse, ScalarsStringsAndContainers) {
-    EXPECT_EQ(parsed("null"), value());
-    EXPECT_EQ(parsed(" true "), value(true));
-    EXPECT_EQ(parsed("false"), value(false));
-    EXPECT_EQ(parsed("\"caf\\u00e9 \\\"q\\\"\""), value("caf\xc3\xa9 \"q\""));
-    EXPECT_EQ(parsed("\"a\\u0000b\""), value(std::string("a\0b", 3)));
-    EXPECT_EQ(parsed("[]"), value(value::array_type{}));
-    EXPECT_EQ(parsed("{}"), value(value::object_type{}));
-    EXPECT_EQ(
-        parsed("[1,-1,\"x\",[null],{\"k\":false}]"),
-        value(value::array_type{std::uint64_t{1}, std::int64_t{-1}, "x",
-                                value::array_type{null_value}, value::object_type{{"k", false}}}));
-}
-
-TEST(ValueConverterParse, RepeatedMemberKeepsTheFirstOccurrence) {
-    EXPECT_EQ(parsed("{\"a\":1,\"b\":true,\"a\":2}"),
-              value(value::object_type{{"a", std::uint64_t{1}}, {"b", true}}));
-    EXPECT_EQ(parsed("{\"a\":{\"x\":1},\"a\":{\"y\":2}}"),
-              value(value::object_type{{"a", value::object_type{{"x", std::uint64_t{1}}}}}));
-}
-
-TEST(ValueConverterWrite, ScalarsAreCompact) {
-    EXPECT_EQ(ValueConverter::toJson(value()), "null");
-    EXPECT_EQ(ValueConverter::toJson(value(true)), "true");
-    EXPECT_EQ(ValueConverter::toJson(value(false)), "false");
-    EXPECT_EQ(ValueConverter::toJson(value(std::numeric_limits<std::uint64_t>::max())),
-              "18446744073709551615");
-    EXPECT_EQ(ValueConverter::toJson(value(std::numeric_limits<std::int64_t>::min())),
-              "-9223372036854775808");
-    EXPECT_EQ(ValueConverter::toJson(value(std::int64_t{7})), "7");
-    EXPECT_EQ(ValueConverter::toJson(value(1.0)), "1.0");
-    EXPECT_EQ(ValueConverter::toJson(value(0.1)), "0.1");
-    EXPECT_EQ(ValueConverter::toJson(value(1e30)), "1e30");
-    EXPECT_EQ(ValueConverter::toJson(value(-2.5)), "-2.5");
-    EXPECT_EQ(ValueConverter::toJson(value(value::array_type{})), "[]");
-    EXPECT_EQ(ValueConverter::toJson(value(value::object_type{})), "{}");
-    EXPECT_EQ(ValueConverter::toJson(value(value::array_type{std::uint64_t{1}, "a", value()})),
-              "[1,\"a\",null]");
-}
-
-TEST(ValueConverterWrite, StringsEscapeQuotesBackslashesAndControlCharacters) {
-    EXPECT_EQ(ValueConverter::toJson(value("say \"hi\"\\")), R"("say \"hi\"\\")");
-    EXPECT_EQ(ValueConverter::toJson(value("\n\t\r\b\f\x01\x1f")), R"("\n\t\r\b\f\u0001\u001F")");
-    EXPECT_EQ(ValueConverter::toJson(value(std::string("a\0b", 3))), R"("a\u0000b")");
-    EXPECT_EQ(ValueConverter::toJson(value("caf\xc3\xa9 / \x7f")), "\"caf\xc3\xa9 / \x7f\"");
-    EXPECT_EQ(ValueConverter::toJson(value(value::object_type{{"q\"", "v"}})), R"({"q\"":"v"})");
-}
-
-TEST(ValueConverterWrite, NonFiniteDoublesWriteNothing) {
+TEST(ValueConverterWrite, ValuesAreWrittenCompactAndEscaped) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(ValueConverter::toJson(value(nan)), "");
-    EXPECT_EQ(ValueConverter::toJson(value(-inf)), "");
-    EXPECT_EQ(ValueConverter::toJson(value(value::array_type{std::uint64_t{1}, nan, 2.5})),
-              "[1,,2.5]");
-    EXPECT_EQ(ValueConverter::toJson(value(value::object_type{{"a", inf}})), "{\"a\":}");
+    const std::vector<std::pair<value, std::string>> rows{
+        {value(), "null"},
+        {false, "false"},
+        {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
+        {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
+        {1.0, "1.0"},
+        {0.1, "0.1"},
+        {1e30, "1e30"},
+        {value::object_type{}, "{}"},
+        {"say \"hi\"\\", R"("say \"hi\"\\")"},
+        {"\n\t\r\b\f\x01\x1f", R"("\n\t\r\b\f\u0001\u001F")"},
+        {std::string("a\0b", 3), R"("a\u0000b")"},
+        {"caf\xc3\xa9 / \x7f", "\"caf\xc3\xa9 / \x7f\""},
+        {value::object_type{{"q\"", "v"}}, R"({"q\"":"v"})"},
+        // A non-finite double writes nothing at all.
+        {nan, ""},
+        {value::array_type{std::uint64_t{1}, nan, 2.5, value()}, "[1,,2.5,null]"},
+        {value::object_type{{"a", -inf}}, "{\"a\":}"},
+    };
+    for (const auto& [input, text] : rows) {
+        EXPECT_EQ(ValueConverter::toJson(input), text) << text;
+    }
 }
 
 TEST(ValueConverterRoundTrip, ObjectsSurviveWhateverTheMemberOrder) {
@@ -197,26 +174,10 @@ TEST(ValueConverterRoundTrip, ObjectsSurviveWhateverTheMemberOrder) {
     EXPECT_EQ(parsed(ValueConverter::toJson(parsed(input))), parsed(input));
 }
 
-TEST(ValueConverterDepth, AcceptsUpToTheLimitAndRejectsTheLevelBeyond) {
+TEST(ValueConverterDepth, TheDeepestAcceptedValueIsWrittenBack) {
     const std::size_t limit = ValueConverter::maxNestingDepth;
     const std::string deepest = repeat("[", limit) + repeat("]", limit);
-    value v = parsed(deepest);
-    EXPECT_EQ(ValueConverter::toJson(v), deepest);
-
-    EXPECT_EQ(parseError(repeat("[", limit + 1) + repeat("]", limit + 1)),
-              "Parse error at offset 512: The document is nested more deeply than 512 levels.");
-    EXPECT_EQ(parseError("{\"a\":" + repeat("[", limit) + "]"),
-              "Parse error at offset 516: The document is nested more deeply than 512 levels.");
-}
-
-TEST(ValueConverterDepth, HundredThousandLevelsFailCleanly) {
-    const std::size_t levels = 100000;
-    EXPECT_EQ(parseError(repeat("[", levels) + repeat("]", levels)),
-              "Parse error at offset 512: The document is nested more deeply than 512 levels.");
-    EXPECT_EQ(parseError(repeat("{\"a\":", levels) + "1" + repeat("}", levels)),
-              "Parse error at offset 2560: The document is nested more deeply than 512 levels.");
-    // Unbalanced and truncated: the depth bound still trips first.
-    EXPECT_THAT(parseError(repeat("[{\"k\":", levels)), HasSubstr("nested more deeply"));
+    EXPECT_EQ(ValueConverter::toJson(parsed(deepest)), deepest);
 }
 
 TEST(ValueConverterDepth, WritesAValueOfAnyDepthBuiltInCode) {
@@ -249,7 +210,7 @@ TEST(ValueConverterDepth, HandBuiltDomBeyondTheLimitIsRefusedNotRecursed) {
     EXPECT_THROW(terrane::common::json::toValue(document), std::runtime_error);
 }
 
-TEST(ValueConverterRobustness, MalformedInputNeverCrashes) {
+TEST(ValueConverterRobustness, EveryTruncationFailsCleanly) {
     const std::string sample =
         R"({"a":[1,-2,3.5e-3,"x\u00e9\n",true,false,null],"b":{"c":[[]],"d":"\ud83d\ude00"}})";
     ASSERT_TRUE(ValueConverter::fromJson(sample).has_value());
@@ -265,22 +226,6 @@ TEST(ValueConverterRobustness, MalformedInputNeverCrashes) {
     };
     for (std::size_t length = 0; length < sample.size(); ++length) {
         check(sample.substr(0, length));
-    }
-
-    std::mt19937 random(20240611);
-    const std::string alphabet = "[]{}\":,0123456789-+.eE\\u tfnrlaxsD\x00\x80\xff";
-    for (int round = 0; round < 3000; ++round) {
-        std::string mutated = sample;
-        const int edits = 1 + static_cast<int>(random() % 4);
-        for (int e = 0; e < edits; ++e) {
-            mutated[random() % mutated.size()] = alphabet[random() % alphabet.size()];
-        }
-        check(mutated);
-        std::string noise(random() % 40, ' ');
-        for (char& c : noise) {
-            c = alphabet[random() % alphabet.size()];
-        }
-        check(noise);
     }
 }
 
