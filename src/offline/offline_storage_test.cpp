@@ -85,44 +85,9 @@ TEST(OfflineStorage, RecordsAreWrittenMemberByMemberInAFixedOrder) {
     "complete": false,
     "verified": true
 })";
-    OfflineDataRegionMetadata region;
-    region.id = "berlin";
-    region.revision = 3;
-    region.name = "Berlin";
-    region.last_updated = util::TimePoint(1614834367250ms);
-    region.geography = geometry::point{13.5, 52.5};
-    region.navigationPack = pack;
-    const std::string metadata = R"({
-    "name": "Berlin",
-    "description": "",
-    "last_updated": "2021-03-04T05:06:7.250Z",
-    "revision": 3,
-    "configuration": {
-        "geography": {
-            "type": "Point",
-            "coordinates": [
-                13.5,
-                52.5
-            ]
-        },
-        "maps": false,
-        "navigation": {}
-    },
-    "packs": [
-        {
-            "domain": "navigation",
-            "format": 1,
-            "url": "terrane://offline-data/p",
-            "md5_checksum": "0123456789abcdef0123456789abcdef",
-            "size": 1234,
-            "data_version": ""
-        }
-    ]
-})";
     EXPECT_EQ(serializeConfiguration("https://api.example.com", "alice"), configuration);
     EXPECT_EQ(serializePackHeaders(headers), allMembers);
     EXPECT_EQ(serializePackHeaders({util::TimePoint(-5ms), -1, "", 0, false, true}), fewMembers);
-    EXPECT_EQ(serializeMetadata(region), metadata);
     EXPECT_EQ(parsePackHeaders(allMembers), headers);
 }
 

@@ -40,12 +40,9 @@ TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailable
     EXPECT_THAT(newLines(), ElementsAre(line("onPending", downloadFile(), 0)));
     auto transfer = http->nextDownload();
     EXPECT_EQ(transfer.url(), packURL);
-    EXPECT_EQ(transfer.request().method, HttpMethod::Get);
     EXPECT_EQ(transfer.localPath(), downloadFile().string());
     EXPECT_TRUE(transfer.resume());
     EXPECT_EQ(transfer.options().maxBytes, content.size());
-    EXPECT_EQ(base::io::readFile(tree.revisionDirectory("region-a", "3") / "metadata.json"),
-              serializeMetadata(region()));
 
     transfer.start();
     transfer.progress(20, content.size());
@@ -62,8 +59,6 @@ TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailable
     EXPECT_EQ(base::io::readFile(packFile()), content);
     EXPECT_FALSE(fs::exists(downloadFile()));
     const auto stored = storedHeaders();
-    EXPECT_EQ(stored.etag, "\"v1\"");
-    EXPECT_EQ(stored.max_age, 3600);
     EXPECT_GE(stored.expires, before + 1h);
     EXPECT_EQ(stored,
               (OfflineDataPackHeaders{stored.expires, 3600, "\"v1\"", content.size(), true, true}));
