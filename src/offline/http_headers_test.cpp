@@ -11,87 +11,70 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const util::TimePoint now{std::chrono::milliseconds(1'700'000'000'000)};
-
 HttpResponseData answer(HttpHeaders headers, std::int64_t code = 200, std::string body = {}) {
     return HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())};
 }
 
-OfflineDataPackHeaders leaseOf(const std::string& cacheControl) {
-    return extractHeaders(answer({{"cache-control", cacheControl}}), now);
+OfflineDataPackHeaders lease(util::TimePoint expires, std::int64_t maxAge, std::string etag = {}) {
+    return {expires, maxAge, std::move(etag), 0, false, false};
 }
 
-TEST(ExtractHeaders, WithoutCachingHeadersThereIsNoLeaseEndAndNoEntityTag) {
-    const auto headers =
-        extractHeaders(answer({{"content-type", "application/octet-stream"}}), now);
-    EXPECT_EQ(headers, OfflineDataPackHeaders{});
+TEST(ExtractHeaders, TheLeaseComesFromMaxAgeAndTheEntityTagAsItStands) {
+    const util::TimePoint now{1'700'000'000'000ms};
+    const auto never = util::TimePoint::max();
+    const auto largest = std::numeric_limits<long long>::max();
+    const struct {
+        HttpHeaders headers;
+        OfflineDataPackHeaders expected;
+    } rows[] = {
+        {{{"content-type", "application/octet-stream"}}, {}},
+        {{{"Cache-Control", "public, max-age=3600"}, {"ETag", "W/\"v2\""}},
+         lease(now + 1h, 3600, "W/\"v2\"")},
+        {{{"cache-control", "max-age=0"}}, lease(now, 0)},
+        {{{"cache-control", "MAX-AGE=3600"}}, {}},  // the marker is case-sensitive
+        {{{"cache-control", "max-age=0x10"}}, lease(now + 16s, 16)},
+        {{{"cache-control", "max-age=010"}}, lease(now + 8s, 8)},
+        {{{"cache-control", "max-age= +42, private"}}, lease(now + 42s, 42)},
+        {{{"cache-control", "max-age=-5"}}, {}},
+        {{{"cache-control", "max-age=soon"}}, {}},
+        {{{"cache-control", "max-age=99999999999999999999999"}}, lease(never, largest)},
+        {{{"cache-control", "max-age=9223372036854775"}}, lease(never, 9223372036854775)},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(extractHeaders(answer(row.headers), now), row.expected)
+            << row.headers.begin()->second;
+    }
 }
 
-TEST(ExtractHeaders, MaxAgeSetsTheLeaseFromNow) {
-    const auto headers = leaseOf("public, max-age=3600");
-    EXPECT_EQ(headers.max_age, 3600);
-    EXPECT_EQ(headers.expires, now + 1h);
-    EXPECT_EQ(leaseOf("max-age=0").expires, now);
+TEST(ExtractHTTPError, EachStatusStandsForItsError) {
+    const struct {
+        std::int64_t code;
+        std::string body;
+        OfflineDataError expected;
+    } rows[] = {
+        {401,
+         R"({"message": "Invalid Token"})",
+         {OfflineDataErrorCode::Unauthorized, "Invalid Token"}},
+        {403, "forbidden", {OfflineDataErrorCode::Unauthorized, "forbidden"}},
+        {404, "", {OfflineDataErrorCode::NotFound, ""}},
+        {429, "slow down", {OfflineDataErrorCode::RateLimited, "slow down"}},
+        {500, R"({"message": "down"})", {OfflineDataErrorCode::Server, "HTTP Error 500: down"}},
+        {599, "", {OfflineDataErrorCode::Server, "HTTP Error 599"}},
+        {499, "", {OfflineDataErrorCode::Unknown, "HTTP Error 499"}},
+        {600, "", {OfflineDataErrorCode::Unknown, "HTTP Error 600"}},
+        {402, "pay", {OfflineDataErrorCode::Unknown, "HTTP Error 402: pay"}},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(extractHTTPError(answer({}, row.code, row.body)), row.expected) << row.code;
+    }
 }
 
-TEST(ExtractHeaders, TheMarkerIsCaseSensitiveButHeaderNamesAreNot) {
-    EXPECT_EQ(leaseOf("MAX-AGE=3600"), OfflineDataPackHeaders{});
-    const auto headers =
-        extractHeaders(answer({{"Cache-Control", "max-age=60"}, {"ETag", "\"v2\""}}), now);
-    EXPECT_EQ(headers.max_age, 60);
-    EXPECT_EQ(headers.etag, "\"v2\"");
-}
-
-TEST(ExtractHeaders, TheNumberIsReadLikeScanfWithAnyBase) {
-    EXPECT_EQ(leaseOf("max-age=0x10").max_age, 16);
-    EXPECT_EQ(leaseOf("max-age=010").max_age, 8);
-    EXPECT_EQ(leaseOf("max-age= 42, private").max_age, 42);
-    EXPECT_EQ(leaseOf("max-age=+7").max_age, 7);
-}
-
-TEST(ExtractHeaders, NegativeOrUnreadableNumbersChangeNothing) {
-    EXPECT_EQ(leaseOf("max-age=-5"), OfflineDataPackHeaders{});
-    EXPECT_EQ(leaseOf("max-age=soon"), OfflineDataPackHeaders{});
-    EXPECT_EQ(leaseOf("max-age="), OfflineDataPackHeaders{});
-}
-
-TEST(ExtractHeaders, ALeaseBeyondTheClocksRangeNeverEnds) {
-    const auto headers = leaseOf("max-age=99999999999999999999999");
-    EXPECT_EQ(headers.max_age, std::numeric_limits<long long>::max());
-    EXPECT_EQ(headers.expires, util::TimePoint::max());
-    EXPECT_EQ(leaseOf("max-age=9223372036854775").expires, util::TimePoint::max());
-}
-
-TEST(ExtractHeaders, TheEntityTagIsTakenAsItStands) {
-    EXPECT_EQ(extractHeaders(answer({{"etag", "W/\"abc\""}}), now).etag, "W/\"abc\"");
-}
-
-OfflineDataError errorFor(std::int64_t code, const std::string& body) {
-    return extractHTTPError(answer({}, code, body));
-}
-
-TEST(ExtractHTTPError, AuthorisationMissingAndRateLimitCarryTheServersWords) {
-    EXPECT_EQ(errorFor(401, R"({"message": "Invalid Token"})"),
-              (OfflineDataError{OfflineDataErrorCode::Unauthorized, "Invalid Token"}));
-    EXPECT_EQ(errorFor(403, "forbidden"),
-              (OfflineDataError{OfflineDataErrorCode::Unauthorized, "forbidden"}));
-    EXPECT_EQ(errorFor(404, "gone"), (OfflineDataError{OfflineDataErrorCode::NotFound, "gone"}));
-    EXPECT_EQ(errorFor(429, "slow down"),
-              (OfflineDataError{OfflineDataErrorCode::RateLimited, "slow down"}));
-    EXPECT_EQ(errorFor(404, ""), (OfflineDataError{OfflineDataErrorCode::NotFound, ""}));
-}
-
-TEST(ExtractHTTPError, ServerErrorsAndEverythingElseAreFormatted) {
-    EXPECT_EQ(errorFor(500, R"({"message": "down"})"),
-              (OfflineDataError{OfflineDataErrorCode::Server, "HTTP Error 500: down"}));
-    EXPECT_EQ(errorFor(599, ""),
-              (OfflineDataError{OfflineDataErrorCode::Server, "HTTP Error 599"}));
-    EXPECT_EQ(errorFor(600, ""),
-              (OfflineDataError{OfflineDataErrorCode::Unknown, "HTTP Error 600"}));
-    EXPECT_EQ(errorFor(402, "pay"),
-              (OfflineDataError{OfflineDataErrorCode::Unknown, "HTTP Error 402: pay"}));
-    EXPECT_EQ(errorFor(304, ""),
-              (OfflineDataError{OfflineDataErrorCode::Unknown, "HTTP Error 304"}));
+TEST(WeakEntityTags, MatchOnceTheWeakMarkIsDroppedButNeverWhenEmpty) {
+    EXPECT_TRUE(weakEntityTagsMatch("W/\"a\"", "\"a\""));
+    EXPECT_TRUE(weakEntityTagsMatch("\"a\"", "W/\"a\""));
+    EXPECT_FALSE(weakEntityTagsMatch("\"a\"", "\"b\""));
+    EXPECT_FALSE(weakEntityTagsMatch("", ""));
+    EXPECT_FALSE(weakEntityTagsMatch("W/", ""));
 }
 
 }  // namespace

@@ -17,299 +17,139 @@ namespace {
 using test::RecordingObserver;
 using ::testing::ElementsAre;
 
-OfflineDataRegionMetadata regionA() {
-    OfflineDataRegionMetadata region;
-    region.id = "region-a";
-    region.revision = 3;
-    return region;
-}
-
 OfflineDataPack packIn(OfflineDataPackStatus status) {
     return {status, nullopt, "/x", 10};
 }
 
-std::shared_ptr<RecordingObserver> makeRecorder() {
-    return std::make_shared<RecordingObserver>();
-}
+// Workers driven directly on the test thread. Their proxy has no queue, so what they post to
+// themselves (the idle checks) is dropped; the tests call those members themselves.
+class ObserverTest : public ::testing::Test {
+  protected:
+    std::unique_ptr<OfflineServiceWorker> makeWorker(OfflineServiceObservers observers) {
+        return std::make_unique<OfflineServiceWorker>(
+            Proxy<OfflineServiceWorker>(), directory.path().string(),
+            OfflineServiceOptions{"alice", "tk", nullopt}, std::move(observers));
+    }
+    // Three observers in the worker's (address) order.
+    std::vector<std::shared_ptr<RecordingObserver>> trio() {
+        std::vector<std::shared_ptr<RecordingObserver>> all{std::make_shared<RecordingObserver>(),
+                                                            std::make_shared<RecordingObserver>(),
+                                                            std::make_shared<RecordingObserver>()};
+        std::sort(all.begin(), all.end());
+        return all;
+    }
 
-// Where the workers of this file keep their (empty) trees; removed when the tests end.
-const std::filesystem::path& servicePath() {
-    static test::TemporaryDirectory directory;
-    return directory.path();
-}
+    test::TemporaryDirectory directory;
+    OfflineDataRegionMetadata region = test::sampleRegion("region-a", 3);
+};
 
-// A worker driven directly on the test thread. Its proxy has no queue, so what it posts to
-// itself (the idle checks) is dropped; the test calls those members itself.
-OfflineServiceWorker makeDirectWorker(OfflineServiceObservers observers,
-                                      OfflineServiceOptions options = {"alice", "tk", nullopt}) {
-    return OfflineServiceWorker(Proxy<OfflineServiceWorker>(), servicePath().string(), options,
-                                std::move(observers));
-}
-
-TEST(OfflineServiceWorkerStart, UsesTheDefaultEndpointWhenTheBaseUrlIsAbsentOrEmpty) {
-    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", nullopt}).getBaseURL(),
-              defaultCatalogueEndpoint);
-    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", ""}).getBaseURL(), defaultCatalogueEndpoint);
-    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", "http://127.0.0.1:8080/api"}).getBaseURL(),
-              "http://127.0.0.1:8080/api");
-}
-
-TEST(OfflineServiceWorkerStart, KeepsItsFilesInADirectoryOfItsEndpointAndUser) {
-    // MD5 of "https://api.terrane.dev/alice": the access token plays no part.
-    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", nullopt}).getRoot(),
-              servicePath() / "f679c5724ffbcc65ff1fd51760271074");
-    EXPECT_EQ(makeDirectWorker({}, {"alice", "other", ""}).getRoot(),
-              servicePath() / "f679c5724ffbcc65ff1fd51760271074");
-    // MD5 of "http://127.0.0.1:9/alice".
-    EXPECT_EQ(makeDirectWorker({}, {"alice", "tk", "http://127.0.0.1:9"}).getRoot(),
-              servicePath() / "835e62a67b71f1cbf8170a961da9fd21");
-}
-
-TEST(OfflineServiceWorkerStart, AnnouncesInitializedToEveryObserverItStartsWith) {
-    auto first = makeRecorder();
-    auto second = makeRecorder();
-    auto worker = makeDirectWorker({first, second});
-    EXPECT_THAT(first->lines(), ElementsAre("onInitialized"));
-    EXPECT_THAT(second->lines(), ElementsAre("onInitialized"));
-}
-
-TEST(ObserverNotification, EachPackStatusReachesItsOwnCallback) {
-    auto recorder = makeRecorder();
-    auto worker = makeDirectWorker({recorder});
-    const auto region = regionA();
+TEST_F(ObserverTest, EachPackStatusReachesItsOwnCallback) {
+    auto recorder = std::make_shared<RecordingObserver>();
+    auto worker = makeWorker({recorder});
     for (auto status : {OfflineDataPackStatus::Pending, OfflineDataPackStatus::Downloading,
                         OfflineDataPackStatus::Incomplete, OfflineDataPackStatus::Verifying,
-                        OfflineDataPackStatus::Available, OfflineDataPackStatus::Expired}) {
-        worker.notifyPack(OfflineDataDomain::Maps, region, packIn(status));
+                        OfflineDataPackStatus::Available, OfflineDataPackStatus::Expired,
+                        OfflineDataPackStatus::Deleted}) {
+        worker->notifyPack(OfflineDataDomain::Maps, region, packIn(status));
     }
-    worker.notifyPack(OfflineDataDomain::Navigation, region,
-                      {OfflineDataPackStatus::Errored,
-                       OfflineDataError{OfflineDataErrorCode::NotFound, "gone"}, "", 0});
-    worker.notifyPack(OfflineDataDomain::Navigation, region,
-                      packIn(OfflineDataPackStatus::Deleted));
-
-    EXPECT_THAT(recorder->lines(),
-                ElementsAre("onInitialized",                                   //
-                            "onPending maps region-a/3 path=/x bytes=10",      //
-                            "onDownloading maps region-a/3 path=/x bytes=10",  //
-                            "onIncomplete maps region-a/3 path=/x bytes=10",   //
-                            "onVerifying maps region-a/3 path=/x bytes=10",    //
-                            "onAvailable maps region-a/3 path=/x bytes=10",    //
-                            "onExpired maps region-a/3 path=/x bytes=10",      //
-                            "onErrored navigation region-a/3 path= bytes=0 error=NotFound, "
-                            "message=gone",
-                            "onDeleted navigation region-a/3"));
-}
-
-TEST(ObserverNotificationDeathTest, AnnouncingDeletingWithoutAnAcknowledgementAborts) {
+    worker->notifyPack(OfflineDataDomain::Navigation, region,
+                       {OfflineDataPackStatus::Errored,
+                        OfflineDataError{OfflineDataErrorCode::NotFound, "gone"}, "", 0});
+    EXPECT_THAT(
+        recorder->lines(),
+        ElementsAre("onInitialized", "onPending maps region-a/3 path=/x bytes=10",
+                    "onDownloading maps region-a/3 path=/x bytes=10",
+                    "onIncomplete maps region-a/3 path=/x bytes=10",
+                    "onVerifying maps region-a/3 path=/x bytes=10",
+                    "onAvailable maps region-a/3 path=/x bytes=10",
+                    "onExpired maps region-a/3 path=/x bytes=10", "onDeleted maps region-a/3",
+                    "onErrored navigation region-a/3 path= bytes=0 error=NotFound, "
+                    "message=gone"));
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    RecordingObserver observer;
+    // Deleting without its acknowledgement would leave the deletion waiting forever.
     EXPECT_DEATH(
-        OfflineServiceWorker::notifyPackObserver(observer, OfflineDataDomain::Maps, regionA(),
+        OfflineServiceWorker::notifyPackObserver(*recorder, OfflineDataDomain::Maps, region,
                                                  packIn(OfflineDataPackStatus::Deleting)),
         "");
 }
 
-// Three observers in the worker's (address) order, the middle one failing.
-struct ObserverTrio {
-    std::shared_ptr<RecordingObserver> first, failing, last;
-
-    ObserverTrio() {
-        std::vector<std::shared_ptr<RecordingObserver>> all{makeRecorder(), makeRecorder(),
-                                                            makeRecorder()};
-        std::sort(all.begin(), all.end());
-        first = all[0];
-        failing = all[1];
-        last = all[2];
-    }
-    OfflineServiceObservers set() const { return {first, failing, last}; }
-};
-
-TEST(ObserverNotification, AThrowingObserverBecomesALogMessageAndTheOthersStillHear) {
-    ObserverTrio trio;
-    trio.failing->throwFrom("onAvailable", "boom");
-    auto worker = makeDirectWorker(trio.set());
-
-    worker.notifyPack(OfflineDataDomain::Maps, regionA(), packIn(OfflineDataPackStatus::Available));
-
-    const std::string available = "onAvailable maps region-a/3 path=/x bytes=10";
-    const std::string report = "onLogMessage Uncaught exception in observer: boom";
-    EXPECT_THAT(trio.first->lines(), ElementsAre("onInitialized", available, report));
-    EXPECT_THAT(trio.failing->lines(), ElementsAre("onInitialized", available, report));
-    EXPECT_THAT(trio.last->lines(), ElementsAre("onInitialized", report, available));
-}
-
-TEST(ObserverNotification, AnExceptionOfNoStandardTypeIsReportedWithoutText) {
-    ObserverTrio trio;
-    trio.failing->throwFrom("onPending", "not an std::exception", false);
-    auto worker = makeDirectWorker(trio.set());
-
-    worker.notifyPack(OfflineDataDomain::Maps, regionA(), packIn(OfflineDataPackStatus::Pending));
-
-    EXPECT_EQ(trio.last->count("onLogMessage Uncaught exception in observer"), 1u);
-    EXPECT_EQ(trio.last->count("onPending maps region-a/3 path=/x bytes=10"), 1u);
-}
-
-TEST(ObserverNotification, AnObserverThatAlsoFailsToTakeTheReportIsPassedOver) {
-    ObserverTrio trio;
-    trio.failing->throwFrom("onDeleted", "boom");
-    trio.failing->throwFrom("onLogMessage", "again");
-    trio.first->throwFrom("onLogMessage", "too");
-    auto worker = makeDirectWorker(trio.set());
-
-    EXPECT_NO_THROW(worker.notifyPack(OfflineDataDomain::Maps, regionA(),
-                                      packIn(OfflineDataPackStatus::Deleted)));
-
-    EXPECT_THAT(trio.last->lines(),
+TEST_F(ObserverTest, AThrowingObserverBecomesALogMessageAndTheOthersStillHear) {
+    const auto observers = trio();
+    observers[1]->throwFrom("onAvailable", "boom");
+    observers[1]->throwFrom("onPending", "not an std::exception", false);
+    observers[1]->throwFrom("onLogMessage", "again");
+    observers[0]->throwFrom("onLogMessage", "too");
+    auto worker = makeWorker({observers.begin(), observers.end()});
+    worker->notifyPack(OfflineDataDomain::Maps, region, packIn(OfflineDataPackStatus::Available));
+    worker->notifyPack(OfflineDataDomain::Maps, region, packIn(OfflineDataPackStatus::Pending));
+    EXPECT_THAT(observers[2]->lines(),
                 ElementsAre("onInitialized", "onLogMessage Uncaught exception in observer: boom",
-                            "onDeleted maps region-a/3"));
+                            "onAvailable maps region-a/3 path=/x bytes=10",
+                            "onLogMessage Uncaught exception in observer",
+                            "onPending maps region-a/3 path=/x bytes=10"));
 }
 
-TEST(ObserverLogMessages, AreFormattedPrintfStyleAndGoToEveryObserver) {
-    auto first = makeRecorder();
-    auto second = makeRecorder();
-    auto worker = makeDirectWorker({first, second});
-
-    worker.logMessage("Skipping revision %s of offline region '%s': %s", "0", "r",
-                      "Invalid revision name");
+TEST_F(ObserverTest, LogMessagesAreFormattedPrintfStyleForEveryObserver) {
+    auto first = std::make_shared<RecordingObserver>();
+    auto second = std::make_shared<RecordingObserver>();
+    auto worker = makeWorker({first, second});
     const std::string longText(5000, 'x');
-    worker.logMessage("%u:%s", 42u, longText.c_str());
-
+    worker->logMessage("%u:%s", 42u, longText.c_str());
+    worker->logMessage("%s", "");
     for (const auto& observer : {first, second}) {
         EXPECT_THAT(observer->lines(),
-                    ElementsAre("onInitialized",
-                                "onLogMessage Skipping revision 0 of offline region 'r': Invalid "
-                                "revision name",
-                                "onLogMessage 42:" + longText));
+                    ElementsAre("onInitialized", "onLogMessage 42:" + longText, "onLogMessage "));
     }
 }
 
-TEST(ObserverRegistration, ALateObserverIsToldInitializedAndThenIdleIfTheWorkerIsIdle) {
-    auto worker = makeDirectWorker({});
-    auto beforeIdle = makeRecorder();
-    worker.addObserver(beforeIdle);
-    worker.sendIdleNotification();
-    auto afterIdle = makeRecorder();
-    worker.addObserver(afterIdle);
-
-    EXPECT_THAT(beforeIdle->lines(), ElementsAre("onInitialized", "onIdle"));
-    EXPECT_THAT(afterIdle->lines(), ElementsAre("onInitialized", "onIdle"));
-}
-
-TEST(ObserverRegistration, AddingTheSameObserverAgainReplaysNothing) {
-    auto recorder = makeRecorder();
-    auto worker = makeDirectWorker({recorder});
-    worker.addObserver(recorder);
-    auto late = makeRecorder();
-    worker.addObserver(late);
-    worker.addObserver(late);
-    EXPECT_THAT(recorder->lines(), ElementsAre("onInitialized"));
-    EXPECT_THAT(late->lines(), ElementsAre("onInitialized"));
-}
-
-TEST(ObserverRegistration, NullObserversAreIgnored) {
-    auto recorder = makeRecorder();
-    auto worker = makeDirectWorker({recorder});
-    worker.addObserver(nullptr);
-    worker.removeObserver(nullptr);
-    worker.sendIdleNotification();
-    EXPECT_THAT(recorder->lines(), ElementsAre("onInitialized", "onIdle"));
-}
-
-TEST(ObserverRegistration, ARemovedObserverHearsNothingMore) {
-    auto staying = makeRecorder();
-    auto leaving = makeRecorder();
-    auto worker = makeDirectWorker({staying, leaving});
-    worker.removeObserver(leaving);
-    worker.sendIdleNotification();
-    worker.logMessage("after");
+TEST_F(ObserverTest, RegistrationAndTheIdleReportOncePerBusyPeriod) {
+    auto staying = std::make_shared<RecordingObserver>();
+    auto leaving = std::make_shared<RecordingObserver>();
+    auto worker = makeWorker({staying, leaving});
+    worker->addObserver(staying);  // already there: told nothing
+    worker->addObserver(nullptr);
+    worker->removeObserver(nullptr);
+    worker->removeObserver(leaving);
+    worker->sendIdleNotification();
+    worker->sendIdleNotification();
+    auto late = std::make_shared<RecordingObserver>();
+    worker->addObserver(late);  // told the state: initialised and idle
+    worker->markBusy();
+    auto busy = std::make_shared<RecordingObserver>();
+    worker->addObserver(busy);
+    worker->sendIdleNotification();
     EXPECT_THAT(leaving->lines(), ElementsAre("onInitialized"));
-    EXPECT_THAT(staying->lines(), ElementsAre("onInitialized", "onIdle", "onLogMessage after"));
+    EXPECT_THAT(staying->lines(), ElementsAre("onInitialized", "onIdle", "onIdle"));
+    EXPECT_THAT(late->lines(), ElementsAre("onInitialized", "onIdle", "onIdle"));
+    EXPECT_THAT(busy->lines(), ElementsAre("onInitialized", "onIdle"));
 }
 
-TEST(IdleNotification, IsSentOncePerBusyPeriod) {
-    auto recorder = makeRecorder();
-    auto worker = makeDirectWorker({recorder});
-    worker.sendIdleNotification();
-    worker.sendIdleNotification();
-    EXPECT_EQ(recorder->count("onIdle"), 1u);
-    worker.markBusy();
-    worker.sendIdleNotification();
-    worker.sendIdleNotification();
-    EXPECT_EQ(recorder->count("onIdle"), 2u);
-}
-
-// On the real worker thread: the idle check waits behind every ordinary task.
-class IdleOnWorkerThread : public ::testing::Test {
-  protected:
-    std::unique_ptr<WorkerThread<OfflineServiceWorker>> start(OfflineServiceObservers observers) {
-        return std::make_unique<WorkerThread<OfflineServiceWorker>>(
-            servicePath().string(), OfflineServiceOptions{"alice", "tk", nullopt},
-            std::move(observers));
-    }
-    void postBurst(WorkerThread<OfflineServiceWorker>& worker, int operations) {
-        for (int i = 0; i < operations; ++i) {
-            worker.post(TaskPriority::Normal, &OfflineServiceWorker::markBusy);
-        }
-    }
-};
-
-TEST_F(IdleOnWorkerThread, StartUpAnnouncesInitializedThenIdle) {
-    auto recorder = makeRecorder();
-    auto worker = start({recorder});
-    ASSERT_TRUE(recorder->waitFor("onIdle"));
-    worker.reset();
-    EXPECT_THAT(recorder->lines(), ElementsAre("onInitialized", "onIdle"));
-}
-
-TEST_F(IdleOnWorkerThread, ABurstQueuedDuringStartUpEndsInASingleIdle) {
-    auto recorder = makeRecorder();
+TEST_F(ObserverTest, OnTheWorkerThreadABurstQueuedDuringStartUpOrAfterIdleEndsInOneIdle) {
+    auto recorder = std::make_shared<RecordingObserver>();
     recorder->pauseIn("onInitialized");
-    auto worker = start({recorder});
-    ASSERT_TRUE(recorder->waitFor("onInitialized"));  // the worker is held in its constructor
-    postBurst(*worker, 10);
+    auto worker = std::make_unique<WorkerThread<OfflineServiceWorker>>(
+        directory.path().string(), OfflineServiceOptions{"alice", "tk", nullopt},
+        OfflineServiceObservers{recorder});
+    const auto burst = [&] {
+        for (int i = 0; i < 10; ++i) {
+            worker->post(TaskPriority::Normal, &OfflineServiceWorker::markBusy);
+        }
+    };
+    ASSERT_TRUE(recorder->waitFor("onInitialized"));  // held in the constructor
+    burst();
     recorder->resume();
     ASSERT_TRUE(recorder->waitFor("onIdle"));
-    worker.reset();
-    EXPECT_THAT(recorder->lines(), ElementsAre("onInitialized", "onIdle"));
-}
-
-TEST_F(IdleOnWorkerThread, ABurstAfterIdleEndsInExactlyOneMoreIdle) {
-    auto recorder = makeRecorder();
-    auto worker = start({recorder});
-    ASSERT_TRUE(recorder->waitFor("onIdle"));
-
-    // A late observer holds the worker in its replay while the burst is queued behind it.
-    auto holder = makeRecorder();
+    // A late observer holds the worker in its replay while the next burst is queued.
+    auto holder = std::make_shared<RecordingObserver>();
     holder->pauseIn("onIdle");
     worker->post(TaskPriority::Normal, &OfflineServiceWorker::addObserver,
                  std::shared_ptr<OfflineServiceObserver>(holder));
     ASSERT_TRUE(holder->waitFor("onIdle"));
-    postBurst(*worker, 10);
+    burst();
     holder->resume();
     ASSERT_TRUE(recorder->waitFor("onIdle", 2));
     worker.reset();
-
     EXPECT_THAT(recorder->lines(), ElementsAre("onInitialized", "onIdle", "onIdle"));
-    EXPECT_THAT(holder->lines(), ElementsAre("onInitialized", "onIdle", "onIdle"));
-}
-
-TEST_F(IdleOnWorkerThread, ObserversAddedBeforeTheWorkerExistsAreAnnouncedOnce) {
-    auto seeded = makeRecorder();
-    seeded->pauseIn("onInitialized");
-    auto worker = start({seeded});
-    ASSERT_TRUE(seeded->waitFor("onInitialized"));
-    auto late = makeRecorder();
-    worker->post(TaskPriority::Normal, &OfflineServiceWorker::addObserver,
-                 std::shared_ptr<OfflineServiceObserver>(late));
-    worker->post(TaskPriority::Normal, &OfflineServiceWorker::addObserver,
-                 std::shared_ptr<OfflineServiceObserver>(seeded));
-    seeded->resume();
-    ASSERT_TRUE(late->waitFor("onIdle"));
-    worker.reset();
-    // Added after initialisation but before the first idle check: no onIdle in its replay.
-    EXPECT_THAT(late->lines(), ElementsAre("onInitialized", "onIdle"));
-    EXPECT_THAT(seeded->lines(), ElementsAre("onInitialized", "onIdle"));
 }
 
 }  // namespace

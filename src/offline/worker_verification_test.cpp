@@ -1,57 +1,84 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <filesystem>
-#include <memory>
+#include <functional>
 #include <string>
 
 #include "testing/pack_lifecycle_fixture.hpp"
-#include "util/file_io.hpp"
 
 namespace terrane::common {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 namespace fs = std::filesystem;
 
-// Verifications started by the worker's start-up for a pack that an earlier run downloaded but
-// did not check: the start-up reports it Verifying, announces onInitialized, and the queued
-// verification then decides.
-class PackVerificationTest : public test::PackLifecycleTest {
-  protected:
-    // What an observer hears from a start-up whose verification ends in `outcome`.
-    Lines startUpEndingIn(const std::string& outcome) const {
-        return {line("onVerifying", downloadFile(), 0), "onInitialized", outcome, "onIdle"};
-    }
-    std::string corrupt(const std::string& message, std::uint64_t bytes) const {
-        return line("onErrored", downloadFile(), bytes, "Corrupt, message=" + message);
-    }
-    std::string filesystem(const std::string& message, std::uint64_t bytes = 0) const {
-        return line("onErrored", downloadFile(), bytes, "Filesystem, message=" + message);
-    }
-};
+// Verifications that a start-up queues for a pack an earlier run downloaded but did not check:
+// the start-up reports it Verifying, announces onInitialized, and the verification decides.
+class PackVerificationTest : public test::PackLifecycleTest {};
 
-TEST_F(PackVerificationTest, AMatchingFileIsMovedToItsNameAndRecordedAsVerified) {
-    storeUnverified(content);
-    start();
-    EXPECT_THAT(newLines(), startUpEndingIn(line("onAvailable", packFile(), content.size())));
-    EXPECT_EQ(base::io::readFile(packFile()), content);
-    EXPECT_FALSE(fs::exists(downloadFile()));
-    const auto stored = storedHeaders();
-    EXPECT_TRUE(stored.complete);
-    EXPECT_TRUE(stored.verified);
-    EXPECT_EQ(stored.bytes, content.size());
+TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUp) {
+    const std::string tmp = downloadFile().string();
+    const std::string pack = packFile().string();
+    std::string upperCase = util::md5String(content);
+    for (auto& c : upperCase) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    const struct {
+        std::string name;
+        std::function<void()> prepare;  // after storeUnverified(content)
+        std::string outcome;
+        bool downloadFileKept, recordKept;
+    } rows[] = {
+        {"matching", [] {}, line("onAvailable", pack, content.size()), false, true},
+        {"short", [&] { tree.writeFile(fs::relative(tmp, tree.root()), content.substr(1)); },
+         line("onErrored", tmp, 0, "Corrupt, message=File doesn't have expected size"), true, true},
+        // Never worth resuming: the file and its record go.
+        {"long", [&] { tree.writeFile(fs::relative(tmp, tree.root()), content + "!"); },
+         line("onErrored", tmp, 0, "Corrupt, message=File doesn't have expected size"), false,
+         false},
+        // Exact text: the size matched, so the pack is told with it.
+        {"checksum",
+         [&] {
+             auto described = region();
+             described.mapPack->md5_checksum = upperCase;
+             tree.writeMetadata("3", described);
+         },
+         line("onErrored", tmp, content.size(), "Corrupt, message=Failed to verify checksum"), true,
+         true},
+        {"missing", [&] { fs::remove(tmp); },
+         line("onErrored", tmp, 0, "Filesystem, message=No such file or directory"), false, true},
+        {"unreadable",
+         [&] {
+             auto described = region();
+             described.mapPack->bytes = 0;
+             tree.writeMetadata("3", described);
+             fs::remove(tmp);
+             fs::create_symlink("/proc/self/mem", tmp);
+         },
+         line("onErrored", tmp, 0, "Filesystem, message=read \"" + tmp + "\": Input/output error"),
+         true, true},
+        {"rename", [&] { fs::create_directories(packFile() / "occupied"); },
+         line("onErrored", tmp, content.size(), "Filesystem, message=Is a directory"), true, true},
+        {"expired", [&] { storeUnverified(content, fromNow(-1min)); },
+         line("onExpired", pack, content.size()), false, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        fs::remove_all(tree.root() / "region-a");
+        storeUnverified(content);
+        row.prepare();
+        start();
+        EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", tmp, 0), "onInitialized",
+                                            row.outcome, "onIdle"));
+        EXPECT_EQ(fs::exists(fs::symlink_status(tmp)), row.downloadFileKept);
+        EXPECT_EQ(fs::exists(headerFile()), row.recordKept);
+    }
 }
 
 TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenItsSizeFits) {
-    const std::string sameSizeOtherBytes(content.size(), 'x');
-    const std::string ignored =
-        log("Ignoring revision 3 of offline region 'region-a': No downloaded files");
     const struct {
         bool record;
         std::string onDisk;
@@ -59,136 +86,70 @@ TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenIt
     } rows[] = {
         {false,
          content,
-         {line("onVerifying", packFile(), content.size()), "onInitialized",
-          line("onAvailable", packFile(), content.size()), "onIdle"}},
+         {line("onVerifying", packFile(), content.size()), "onInitialized", available(), "onIdle"}},
         {true,
-         content,
-         {line("onVerifying", packFile(), 0), "onInitialized",
-          line("onAvailable", packFile(), content.size()), "onIdle"}},
-        {true,
-         sameSizeOtherBytes,
+         std::string(content.size(), 'x'),
          {line("onVerifying", packFile(), 0), "onInitialized",
           line("onErrored", packFile(), content.size(),
                "Corrupt, message=Failed to verify checksum"),
           "onIdle"}},
-        {false, content + "!", {ignored, "onInitialized", "onIdle"}},
+        {false,
+         content + "!",
+         {log("Ignoring revision 3 of offline region 'region-a': No downloaded files"),
+          "onInitialized", "onIdle"}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.onDisk + (row.record ? " with record" : " without record"));
-        fs::remove_all(tree.root());
+        SCOPED_TRACE(row.onDisk);
+        fs::remove_all(tree.root() / "region-a");
         tree.writeMetadata("3", region());
         if (row.record) {
-            tree.writeHeaders("region-a", "3", maps, test::unverifiedHeaders(0));
+            tree.writeHeaders("region-a", "3", maps, test::packHeaders(0, true, false));
         }
         tree.writeFile(fs::relative(packFile(), tree.root()), row.onDisk);
         start();
-        EXPECT_THAT(newLines(), ElementsAreArray(row.expected));
-        EXPECT_EQ(base::io::readFile(packFile()), row.onDisk);
-        worker.reset();
+        EXPECT_THAT(newLines(), row.expected);
     }
 }
 
-TEST_F(PackVerificationTest, AShortFileStaysForResumingAndALongOneGoesWithItsRecord) {
-    const struct {
-        std::string downloaded;
-        bool kept;
-    } rows[] = {{content.substr(1), true}, {content + "!", false}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.downloaded.size());
-        storeUnverified(row.downloaded);
-        start();
-        EXPECT_THAT(newLines(), startUpEndingIn(corrupt("File doesn't have expected size", 0)));
-        EXPECT_EQ(fs::exists(downloadFile()), row.kept);
-        EXPECT_EQ(fs::exists(headerFile()), row.kept);
-        EXPECT_FALSE(fs::exists(packFile()));
-        worker.reset();
-    }
-}
-
-TEST_F(PackVerificationTest, TheChecksumIsComparedAsExactText) {
-    auto described = region();
-    std::transform(described.mapPack->md5_checksum.begin(), described.mapPack->md5_checksum.end(),
-                   described.mapPack->md5_checksum.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    storeUnverified(content);
-    tree.writeMetadata("3", described);
-    start();
-    // The size matched, so the pack is told with it.
-    EXPECT_THAT(newLines(), startUpEndingIn(corrupt("Failed to verify checksum", content.size())));
-    EXPECT_TRUE(fs::exists(downloadFile()));
-}
-
-TEST_F(PackVerificationTest, AMissingFileIsAFilesystemError) {
-    storeUnverified(content);
-    fs::remove(downloadFile());
-    start();
-    EXPECT_THAT(newLines(), startUpEndingIn(filesystem("No such file or directory")));
-}
-
-TEST_F(PackVerificationTest, AFileThatCannotBeReadToItsEndIsAFilesystemErrorNotAHang) {
-    // A file that claims to be empty and regular but fails every read: the measured size
-    // matches, and the digest is what fails.
-    auto described = region();
-    described.mapPack->bytes = 0;
-    storeUnverified("");
-    tree.writeMetadata("3", described);
-    fs::remove(downloadFile());
-    fs::create_symlink("/proc/self/mem", downloadFile());
-    start();
-    EXPECT_THAT(newLines(), startUpEndingIn(filesystem("read \"" + downloadFile().string() +
-                                                       "\": Input/output error")));
-}
-
-TEST_F(PackVerificationTest, ARenameThatFailsLeavesTheDownloadFileErrored) {
-    storeUnverified(content);
-    fs::create_directories(packFile() / "occupied");
-    start();
-    EXPECT_THAT(newLines(), startUpEndingIn(filesystem("Is a directory", content.size())));
-    EXPECT_TRUE(fs::exists(downloadFile()));
-}
-
-TEST_F(PackVerificationTest, AHeaderRecordThatCannotBeWrittenAfterTheRenameIsAFilesystemError) {
+TEST_F(PackVerificationTest, ARecordThatCannotBeWrittenAfterTheRenameIsAFilesystemError) {
     storeUnverified(content);
     worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
                                                   OfflineServiceObservers{recorder});
-    // Replaced by a directory once the start-up has read the record.
     fs::remove(headerFile());
     fs::create_directories(headerFile() / "occupied");
     worker->runPending();
-    EXPECT_THAT(newLines(), startUpEndingIn(filesystem("Is a directory", content.size())));
-    EXPECT_EQ(base::io::readFile(packFile()), content);
-}
-
-TEST_F(PackVerificationTest, APackWhoseLeaseHasRunOutBecomesExpiredNotAvailable) {
-    storeUnverified(content, fromNow(-1min));
-    start();
-    EXPECT_THAT(newLines(), startUpEndingIn(line("onExpired", packFile(), content.size())));
-    EXPECT_TRUE(storedHeaders().verified);
-}
-
-TEST_F(PackVerificationTest, AVerificationQueuedBeforeACancellationDoesNothing) {
-    storeUnverified(content);
-    worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
-                                                  OfflineServiceObservers{recorder});
-    cancelPackDownload();
-    worker->runPending();
     EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized",
-                                        line("onIncomplete", downloadFile(), 0), "onIdle"));
-    EXPECT_TRUE(fs::exists(downloadFile()));
-    EXPECT_FALSE(fs::exists(packFile()));
+                                        line("onErrored", downloadFile(), content.size(),
+                                             "Filesystem, message=Is a directory"),
+                                        "onIdle"));
 }
 
-TEST_F(PackVerificationTest, AVerificationLeftForTheShutdownIsLeftForTheNextStart) {
-    storeUnverified(content);
-    worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
-                                                  OfflineServiceObservers{recorder});
-    worker->beginShutdown();
-    worker->runPending();
-    // The idle check queued by the start-up still runs; the verification does not.
-    EXPECT_THAT(newLines(),
-                ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized", "onIdle"));
-    EXPECT_TRUE(fs::exists(downloadFile()));
-    EXPECT_FALSE(storedHeaders().verified);
+TEST_F(PackVerificationTest, AQueuedVerificationIsDroppedByAnOperationOrTheShutdown) {
+    const std::function<void()> before[] = {
+        [&] { cancelPackDownload(); },
+        [&] { downloadPack(); },  // Verifying already: changes nothing
+        [&] { deletePack(); },
+        [&] { worker->beginShutdown(); },
+    };
+    const Lines after[] = {
+        {line("onIncomplete", downloadFile(), 0), "onIdle"},
+        {available(), "onIdle"},
+        {deleted(), "onIdle"},
+        {"onIdle"},
+    };
+    for (std::size_t i = 0; i < std::size(before); ++i) {
+        fs::remove_all(tree.root() / "region-a");
+        storeUnverified(content);
+        worker.reset();
+        worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
+                                                      OfflineServiceObservers{recorder});
+        EXPECT_THAT(newLines(),
+                    ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized"));
+        before[i]();
+        worker->runPending();
+        EXPECT_THAT(newLines(), after[i]) << i;
+    }
+    EXPECT_FALSE(storedHeaders().verified);  // left for the next start
 }
 
 }  // namespace

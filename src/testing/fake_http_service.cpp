@@ -20,13 +20,6 @@ namespace terrane::common::test {
 
 namespace {
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    const auto lower = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; };
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) {
-               return lower(static_cast<unsigned char>(x)) == lower(static_cast<unsigned char>(y));
-           });
-}
-
 HttpBody toBytes(std::string_view text) {
     return HttpBody(text.begin(), text.end());
 }
@@ -56,7 +49,6 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         HttpRequest request;
         // Empty once the answer is queued.
         std::shared_ptr<HttpResponseCallback> callback;
-        optional<bool> cancelAnswer;
     };
 
     struct DownloadExchange {
@@ -64,7 +56,6 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         DownloadStatus status;
         // Empty once the download is over or cancelled; queued reports keep their own reference.
         std::shared_ptr<DownloadStatusCallback> callback;
-        optional<bool> cancelAnswer;
         bool over = false;
         bool cancelled = false;
     };
@@ -78,12 +69,6 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
     struct CannedResponse {
         std::string prefix;
         HttpResponseData data;
-    };
-
-    struct CannedDownload {
-        std::string prefix;
-        std::string content;
-        HttpResult head;
     };
 
     // Runs on the delivery thread until the fake closes and every queued answer is delivered.
@@ -122,9 +107,7 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         auto& exchange = requests[id];
         exchange.request = std::move(request);
         exchange.callback = std::make_shared<HttpResponseCallback>(std::move(callback));
-        if (requestFault) {
-            answerRequestLocked(exchange, unexpected(*requestFault));
-        } else if (const auto* canned = cannedResponseFor(exchange.request.url)) {
+        if (const auto* canned = cannedResponseFor(exchange.request.url)) {
             answerRequestLocked(exchange, canned->data);
         } else {
             unclaimedRequests.push_back(id);
@@ -140,23 +123,8 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         exchange.status.downloadId = id;
         exchange.status.downloadOptions = std::move(options);
         exchange.callback = std::make_shared<DownloadStatusCallback>(std::move(callback));
-        if (downloadFault) {
-            reportLocked(exchange);
-            exchange.status.state = DownloadState::Failed;
-            exchange.status.error = *downloadFault;
-            reportLocked(exchange);
-        } else if (const auto* canned = cannedDownloadFor(exchange.status.downloadOptions)) {
-            const std::uint64_t size = canned->content.size();
-            reportLocked(exchange);
-            exchange.status.state = DownloadState::Downloading;
-            exchange.status.totalBytes = size;
-            reportLocked(exchange);
-            exchange.status.httpResult = canned->head;
-            finishLocked(exchange, canned->content);
-        } else {
-            unclaimedDownloads.push_back(id);
-            recorded.notify_all();
-        }
+        unclaimedDownloads.push_back(id);
+        recorded.notify_all();
         return id;
     }
 
@@ -165,15 +133,12 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         std::shared_ptr<DownloadStatusCallback> stopped;
         std::lock_guard lock(mutex);
         bool live = false;
-        optional<bool> scripted;
         if (auto request = requests.find(id);
             request != requests.end() && request->second.callback) {
             live = true;
-            scripted = request->second.cancelAnswer;
         } else if (auto download = downloads.find(id);
                    download != downloads.end() && download->second.callback) {
             live = true;
-            scripted = download->second.cancelAnswer;
             // A cancelled download never reports again, whatever the answer says.
             stopped = std::move(download->second.callback);
             download->second.cancelled = true;
@@ -181,8 +146,7 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         cancellations.push_back({id, std::make_shared<ResultCallback>(std::move(callback))});
         recorded.notify_all();
         if (!manualCancellations) {
-            answerCancellationLocked(cancellations.size() - 1,
-                                     live && scripted.value_or(defaultCancelAnswer));
+            answerCancellationLocked(cancellations.size() - 1, live);
         }
     }
 
@@ -287,7 +251,7 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
     bool delivering = false;
     bool closing = false;
     std::thread::id deliveryThread;
-    std::chrono::milliseconds guardTimeout = FakeHttpService::kDefaultGuardTimeout;
+    const std::chrono::milliseconds guardTimeout = FakeHttpService::kDefaultGuardTimeout;
 
     std::map<std::uint64_t, RequestExchange> requests;
     std::map<std::uint64_t, DownloadExchange> downloads;
@@ -296,14 +260,8 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
     std::deque<std::uint64_t> unclaimedDownloads;
     std::size_t nextUnclaimedCancellation = 0;
 
-    optional<std::uint8_t> maxRequestsPerHost;
-    bool keepCompression = false;
-    bool defaultCancelAnswer = true;
     bool manualCancellations = false;
-    optional<HttpRequestError> requestFault;
-    optional<DownloadError> downloadFault;
     std::vector<CannedResponse> cannedResponses;
-    std::vector<CannedDownload> cannedDownloads;
 
   private:
     void enqueueLocked(std::function<void()> delivery) {
@@ -346,15 +304,6 @@ class FakeHttpState : public std::enable_shared_from_this<FakeHttpState> {
         }
         return nullptr;
     }
-
-    const CannedDownload* cannedDownloadFor(const DownloadOptions& options) const {
-        for (const auto& canned : cannedDownloads) {
-            if (startsWith(options.request.url, canned.prefix)) {
-                return &canned;
-            }
-        }
-        return nullptr;
-    }
 };
 
 // FakeRequest
@@ -364,35 +313,17 @@ FakeRequest::FakeRequest(std::shared_ptr<FakeHttpState> state, std::uint64_t id,
     : state_(std::move(state)), id_(id), request_(std::move(request)) {
 }
 
-optional<std::string> FakeRequest::header(std::string_view name) const {
-    for (const auto& [key, value] : request_.headers) {
-        if (equalsIgnoringCase(key, name)) {
-            return value;
-        }
-    }
-    return nullopt;
-}
-
 bool FakeRequest::isAnswered() const {
     std::lock_guard lock(state_->mutex);
     return !state_->requests.at(id_).callback;
 }
 
 void FakeRequest::respond(std::int64_t code, std::string_view body, HttpHeaders headers) const {
-    respond(HttpResponseData{std::move(headers), code, toBytes(body)});
-}
-
-void FakeRequest::respond(HttpResponseData data) const {
-    state_->answerRequest(id_, std::move(data));
+    state_->answerRequest(id_, HttpResponseData{std::move(headers), code, toBytes(body)});
 }
 
 void FakeRequest::fail(HttpRequestErrorType type, std::string message) const {
     state_->answerRequest(id_, unexpected(HttpRequestError{type, std::move(message)}));
-}
-
-void FakeRequest::answerCancelWith(bool answer) const {
-    std::lock_guard lock(state_->mutex);
-    state_->requests.at(id_).cancelAnswer = answer;
 }
 
 // FakeDownload
@@ -400,21 +331,6 @@ void FakeRequest::answerCancelWith(bool answer) const {
 FakeDownload::FakeDownload(std::shared_ptr<FakeHttpState> state, std::uint64_t id,
                            DownloadOptions options)
     : state_(std::move(state)), id_(id), options_(std::move(options)) {
-}
-
-DownloadStatus FakeDownload::status() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->downloads.at(id_).status;
-}
-
-bool FakeDownload::isOver() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->downloads.at(id_).over;
-}
-
-bool FakeDownload::isCancelled() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->downloads.at(id_).cancelled;
 }
 
 void FakeDownload::start() const {
@@ -442,12 +358,6 @@ void FakeDownload::progress(std::uint64_t receivedBytes, optional<std::uint64_t>
             exchange.status.totalBytes = totalBytes;
         }
         state_->reportLocked(exchange);
-    });
-}
-
-void FakeDownload::head(std::int64_t code, HttpHeaders headers) const {
-    state_->scriptDownload(id_, [&](FakeHttpState::DownloadExchange& exchange) {
-        exchange.status.httpResult = HttpResponseData{std::move(headers), code, {}};
     });
 }
 
@@ -485,21 +395,11 @@ void FakeDownload::report(DownloadStatus status) const {
     });
 }
 
-void FakeDownload::answerCancelWith(bool answer) const {
-    std::lock_guard lock(state_->mutex);
-    state_->downloads.at(id_).cancelAnswer = answer;
-}
-
 // FakeCancellation
 
 FakeCancellation::FakeCancellation(std::shared_ptr<FakeHttpState> state, std::size_t index,
                                    std::uint64_t id)
     : state_(std::move(state)), index_(index), id_(id) {
-}
-
-bool FakeCancellation::isAnswered() const {
-    std::lock_guard lock(state_->mutex);
-    return !state_->cancellations.at(index_).callback;
 }
 
 void FakeCancellation::answer(bool answer) const {
@@ -529,9 +429,7 @@ FakeHttpService::~FakeHttpService() {
     delivery_.join();
 }
 
-void FakeHttpService::setMaxRequestsPerHost(std::uint8_t max) {
-    std::lock_guard lock(state_->mutex);
-    state_->maxRequestsPerHost = max;
+void FakeHttpService::setMaxRequestsPerHost(std::uint8_t) {
 }
 
 std::uint64_t FakeHttpService::request(HttpRequest&& request, HttpResponseCallback&& callback) {
@@ -543,8 +441,7 @@ void FakeHttpService::cancelRequest(std::uint64_t id, ResultCallback&& callback)
 }
 
 bool FakeHttpService::supportsKeepCompression() {
-    std::lock_guard lock(state_->mutex);
-    return state_->keepCompression;
+    return false;
 }
 
 std::uint64_t FakeHttpService::download(DownloadOptions&& options,
@@ -587,11 +484,6 @@ void FakeHttpService::waitUntilDelivered() {
         "the answers to be delivered");
 }
 
-void FakeHttpService::setGuardTimeout(std::chrono::milliseconds timeout) {
-    std::lock_guard lock(state_->mutex);
-    state_->guardTimeout = timeout;
-}
-
 std::vector<FakeRequest> FakeHttpService::requests() const {
     std::lock_guard lock(state_->mutex);
     std::vector<FakeRequest> result;
@@ -619,44 +511,9 @@ std::vector<FakeCancellation> FakeHttpService::cancellations() const {
     return result;
 }
 
-FakeRequest FakeHttpService::requestWithId(std::uint64_t id) const {
-    std::lock_guard lock(state_->mutex);
-    return state_->requestHandleLocked(id);
-}
-
-FakeDownload FakeHttpService::downloadWithId(std::uint64_t id) const {
-    std::lock_guard lock(state_->mutex);
-    return state_->downloadHandleLocked(id);
-}
-
-optional<std::uint8_t> FakeHttpService::maxRequestsPerHost() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->maxRequestsPerHost;
-}
-
-void FakeHttpService::setSupportsKeepCompression(bool supported) {
-    std::lock_guard lock(state_->mutex);
-    state_->keepCompression = supported;
-}
-
-void FakeHttpService::answerCancellationsWith(bool answer) {
-    std::lock_guard lock(state_->mutex);
-    state_->defaultCancelAnswer = answer;
-}
-
 void FakeHttpService::answerCancellationsManually(bool manual) {
     std::lock_guard lock(state_->mutex);
     state_->manualCancellations = manual;
-}
-
-void FakeHttpService::failEveryRequest(HttpRequestErrorType type, std::string message) {
-    std::lock_guard lock(state_->mutex);
-    state_->requestFault = HttpRequestError{type, std::move(message)};
-}
-
-void FakeHttpService::failEveryDownload(DownloadErrorCode code, std::string message) {
-    std::lock_guard lock(state_->mutex);
-    state_->downloadFault = DownloadError{code, std::move(message)};
 }
 
 void FakeHttpService::respondToUrlsStartingWith(std::string prefix, std::int64_t code,
@@ -666,19 +523,9 @@ void FakeHttpService::respondToUrlsStartingWith(std::string prefix, std::int64_t
         {std::move(prefix), HttpResponseData{std::move(headers), code, toBytes(body)}});
 }
 
-void FakeHttpService::serveDownloadsStartingWith(std::string prefix, std::string content,
-                                                 std::int64_t code, HttpHeaders headers) {
-    std::lock_guard lock(state_->mutex);
-    state_->cannedDownloads.push_back(
-        {std::move(prefix), std::move(content), HttpResponseData{std::move(headers), code, {}}});
-}
-
 void FakeHttpService::clearAutomaticAnswers() {
     std::lock_guard lock(state_->mutex);
-    state_->requestFault.reset();
-    state_->downloadFault.reset();
     state_->cannedResponses.clear();
-    state_->cannedDownloads.clear();
 }
 
 }  // namespace terrane::common::test

@@ -29,21 +29,14 @@ class FakeRequest {
     HttpMethod method() const { return request_.method; }
     const std::string& url() const { return request_.url; }
     const HttpHeaders& headers() const { return request_.headers; }
-    // The value of a request header, its name compared without regard to case.
-    optional<std::string> header(std::string_view name) const;
-    std::string bodyText() const { return {request_.body.begin(), request_.body.end()}; }
 
     // Whether an answer (a response, an error or a cancellation) has been given.
     bool isAnswered() const;
 
     // Answers with an HTTP response; 4xx and 5xx statuses are responses too.
     void respond(std::int64_t code, std::string_view body = {}, HttpHeaders headers = {}) const;
-    void respond(HttpResponseData data) const;
     // Answers with a transport failure.
     void fail(HttpRequestErrorType type, std::string message) const;
-    // What an automatic answer to a cancellation of this request says (the service-wide default
-    // otherwise).
-    void answerCancelWith(bool answer) const;
 
   private:
     friend class FakeHttpState;
@@ -68,19 +61,12 @@ class FakeDownload {
     const std::string& localPath() const { return options_.localPath; }
     bool resume() const { return options_.resume; }
 
-    // The status record as last scripted.
-    DownloadStatus status() const;
-    bool isOver() const;       // a final state has been scripted
-    bool isCancelled() const;  // the code under test cancelled it before its final state
-
     // Pending, then Downloading with nothing received yet: what a real service reports when a
     // download starts afresh.
     void start() const;
     void pending() const;
     // Downloading with this many bytes received (and the expected size, once known).
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
-    // Records the response head that later reports carry, without reporting anything.
-    void head(std::int64_t code, HttpHeaders headers = {}) const;
     void headError(HttpRequestErrorType type, std::string message) const;
     // Writes content to localPath (replacing any file there), then reports Finished with all bytes
     // received; without a scripted head the response is a 200. A file that cannot be written
@@ -90,9 +76,6 @@ class FakeDownload {
     void fail(DownloadErrorCode code, std::string message) const;
     // Delivers a status record exactly as given, for cases the helpers above do not cover.
     void report(DownloadStatus status) const;
-    // What an automatic answer to a cancellation of this download says (the service-wide default
-    // otherwise).
-    void answerCancelWith(bool answer) const;
 
   private:
     friend class FakeHttpState;
@@ -108,7 +91,6 @@ class FakeCancellation {
   public:
     // The id the code under test asked to cancel.
     std::uint64_t id() const { return id_; }
-    bool isAnswered() const;
     // Answers the cancellation (only needed in manual mode): true also delivers RequestCancelled
     // to a plain request not answered yet. Answering twice is a test failure.
     void answer(bool answer) const;
@@ -134,8 +116,8 @@ class FakeCancellation {
 //     EXPECT_EQ(listing.url(), "https://example.test/offline-data/v1/alice/regions");
 //     listing.respond(200, R"({"region": {}})");
 //
-// Cancellations are answered at once by default: false for an id that names nothing in flight;
-// for a live exchange the exchange's scripted answer, else the service-wide one (true). A
+// Cancellations are answered at once by default: false for an id that names nothing in flight,
+// true for a live exchange. A
 // cancelled download reports nothing more; a plain request cancelled with true then receives
 // RequestCancelled. In manual mode the test answers each FakeCancellation itself.
 //
@@ -167,38 +149,19 @@ class FakeHttpService final : public HttpServiceInterface {
     FakeCancellation nextCancellation();
     // Blocks until every answer given so far has been delivered and its callback has returned.
     void waitUntilDelivered();
-    void setGuardTimeout(std::chrono::milliseconds timeout);
 
     // Everything recorded so far, in the order of the calls. The queries below may be called from
     // any thread.
     std::vector<FakeRequest> requests() const;
     std::vector<FakeDownload> downloads() const;
     std::vector<FakeCancellation> cancellations() const;
-    // Throw std::out_of_range for an id the fake never issued.
-    FakeRequest requestWithId(std::uint64_t id) const;
-    FakeDownload downloadWithId(std::uint64_t id) const;
-    // The last value given to setMaxRequestsPerHost.
-    optional<std::uint8_t> maxRequestsPerHost() const;
-    // The thread on which every callback runs.
-    std::thread::id deliveryThreadId() const { return delivery_.get_id(); }
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.
-    void setSupportsKeepCompression(bool supported);
-    void answerCancellationsWith(bool answer);
     void answerCancellationsManually(bool manual = true);
-    // Every later request fails at once with this error; takes precedence over canned responses.
-    void failEveryRequest(HttpRequestErrorType type, std::string message);
-    // Every later download reports Pending, then Failed with this error.
-    void failEveryDownload(DownloadErrorCode code, std::string message);
     // Later requests whose URL starts with prefix are answered at once with this response. The
     // first matching rule wins.
     void respondToUrlsStartingWith(std::string prefix, std::int64_t code, std::string body,
                                    HttpHeaders headers = {});
-    // Later downloads whose URL starts with prefix run to the end at once: Pending, Downloading,
-    // then content is written to localPath and Finished is reported with a head of code and
-    // headers. The first matching rule wins.
-    void serveDownloadsStartingWith(std::string prefix, std::string content,
-                                    std::int64_t code = 200, HttpHeaders headers = {});
     // Removes every fault switch and canned answer; later exchanges wait for the test again.
     void clearAutomaticAnswers();
 

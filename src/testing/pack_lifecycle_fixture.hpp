@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -13,6 +14,7 @@
 #include "offline/offline_storage.hpp"
 #include "terrane/http/http_service_factory.hpp"
 #include "terrane/offline/offline_data.hpp"
+#include "terrane/offline/offline_service.hpp"
 #include "terrane/util/md5.hpp"
 #include "testing/fake_http_service.hpp"
 #include "testing/manual_worker.hpp"
@@ -22,14 +24,13 @@
 
 namespace terrane::common::test {
 
-// The stage for the pack lifecycle tests: a worker worked off step by step on the test thread
+// The stage for the worker tests: a worker worked off step by step on the test thread
 // (ManualWorker), the scriptable HTTP service in force, a recording observer, and the storage
 // tree of one region revision ("region-a", revision 3) whose maps pack is `content`.
 //
 // A test reads as the exchange it checks: a call on the worker, the HTTP answer, then settle()
-// and the observer lines that came of it (newLines()), the files on disk, and whether "onIdle"
-// closed the lines (which it does only when no download, deletion or cancellation is
-// outstanding).
+// and the observer lines that came of it (newLines()), and the files on disk. "onIdle" closes
+// the lines only when no download, deletion or cancellation is outstanding.
 class PackLifecycleTest : public ::testing::Test {
   protected:
     using Lines = RecordingObserver::Lines;
@@ -37,9 +38,10 @@ class PackLifecycleTest : public ::testing::Test {
     static constexpr auto navigation = OfflineDataDomain::Navigation;
 
     void SetUp() override { HttpServiceFactory::setUserDefined(http); }
-    // Every lifecycle test ends with the proof that the access token reached no file.
+    // Every test ends with the proof that the access token reached no file.
     void TearDown() override {
         worker.reset();
+        OfflineService::unregisterObserver(recorder);
         HttpServiceFactory::setUserDefined(nullptr);
         EXPECT_EQ(filesContaining(directory.path(), options.accessToken),
                   std::vector<std::string>{})
@@ -56,11 +58,17 @@ class PackLifecycleTest : public ::testing::Test {
 
     // Starts the worker on the tree as it is now and lets it settle (onInitialized, onIdle).
     void start(OfflineServiceObservers observers) {
+        worker.reset();  // lets go of the tree first
         worker = std::make_unique<ManualWorker>(directory.path().string(), options,
                                                 std::move(observers));
         settle();
     }
     void start() { start({recorder}); }
+    // A real service (with its worker thread) on the tree, the recorder registered.
+    std::shared_ptr<OfflineService> startService() {
+        OfflineService::registerObserver(recorder);
+        return OfflineService::getInstance(directory.path().string(), options);
+    }
 
     // Waits until every answer given to the fake has reached the worker's queue, then works the
     // queue off.
@@ -91,13 +99,10 @@ class PackLifecycleTest : public ::testing::Test {
     // "onAvailable maps region-a/3 path=<path> bytes=<bytes>[ error=...]"
     static std::string line(const std::string& callback, const std::filesystem::path& path,
                             std::uint64_t bytes, const std::string& error = {}) {
-        std::string text =
-            callback + " maps region-a/3 path=" + path.string() + " bytes=" + std::to_string(bytes);
-        if (!error.empty()) {
-            text += " error=" + error;
-        }
-        return text;
+        return callback + " maps region-a/3 path=" + path.string() +
+               " bytes=" + std::to_string(bytes) + (error.empty() ? "" : " error=" + error);
     }
+    std::string available() const { return line("onAvailable", packFile(), content.size()); }
     static std::string deleted() { return "onDeleted maps region-a/3"; }
     static std::string log(const std::string& message) { return "onLogMessage " + message; }
 
@@ -105,19 +110,16 @@ class PackLifecycleTest : public ::testing::Test {
         return (*worker)->getRegions().at({"region-a", 3}).mapsHolder;
     }
 
-    // The pack's header record as it is on disk (a failed test when it is missing or unreadable).
+    // The pack's header record as it is on disk (default values when it is missing).
     OfflineDataPackHeaders storedHeaders() const {
         const auto text = base::io::readFile(headerFile());
-        EXPECT_TRUE(text.has_value()) << headerFile();
-        auto parsed = text ? parsePackHeaders(*text) : nullopt;
-        EXPECT_TRUE(parsed.has_value());
-        return parsed.value_or(OfflineDataPackHeaders{});
+        return parsePackHeaders(text.value_or("")).value_or(OfflineDataPackHeaders{});
     }
 
     // A pack that an earlier run downloaded and verified, with this lease.
     void storeAvailable(util::TimePoint expires, std::string etag, std::int64_t maxAge = 86400) {
         tree.writeMetadata("3", region());
-        auto headers = verifiedHeaders(content.size());
+        auto headers = packHeaders(content.size(), true, true);
         headers.expires = expires;
         headers.etag = std::move(etag);
         headers.max_age = maxAge;
@@ -130,22 +132,26 @@ class PackLifecycleTest : public ::testing::Test {
     void storeUnverified(const std::string& downloaded,
                          util::TimePoint expires = util::TimePoint::max()) {
         tree.writeMetadata("3", region());
-        auto headers = unverifiedHeaders(0);
+        auto headers = packHeaders(0, true, false);
         headers.expires = expires;
         tree.writeHeaders("region-a", "3", maps, headers);
         tree.writeFile(std::filesystem::relative(downloadFile(), tree.root()), downloaded);
     }
 
-    // Starts a download and answers it with progress and the whole content; the pack ends up
-    // Available. The lines of the exchange are taken.
-    FakeDownload downloadToAvailable(HttpHeaders headers = {}) {
+    // Starts a download and leaves it in flight; the lines of the exchange are taken.
+    FakeDownload downloadInFlight() {
         downloadPack();
         settle();
-        auto transfer = http->nextDownload();
-        transfer.finish(content, 200, std::move(headers));
+        newLines();
+        return http->nextDownload();
+    }
+
+    // Starts a download and answers it with the whole content; the pack ends up Available.
+    // The lines of the exchange are taken.
+    void downloadToAvailable(HttpHeaders headers = {}) {
+        downloadInFlight().finish(content, 200, std::move(headers));
         settle();
         newLines();
-        return transfer;
     }
 
     static util::TimePoint fromNow(std::chrono::milliseconds offset) {

@@ -37,14 +37,11 @@ std::size_t RecordingObserver::count(const std::string& line) const {
     return static_cast<std::size_t>(std::count(recorded.begin(), recorded.end(), line));
 }
 
-bool RecordingObserver::waitUntil(const std::function<bool(const Lines&)>& predicate) const {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, deadlockGuard, [&] { return predicate(recorded); });
-}
-
 bool RecordingObserver::waitFor(const std::string& line, std::size_t times) const {
-    return waitUntil([&](const Lines& lines) {
-        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line)) >= times;
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, deadlockGuard, [&] {
+        return static_cast<std::size_t>(std::count(recorded.begin(), recorded.end(), line)) >=
+               times;
     });
 }
 

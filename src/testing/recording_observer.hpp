@@ -36,8 +36,6 @@ class RecordingObserver : public OfflineServiceObserver {
     // How many lines so far equal `line`.
     std::size_t count(const std::string& line) const;
 
-    // Waits until `predicate` holds for the lines; false if it still does not after the guard.
-    bool waitUntil(const std::function<bool(const Lines&)>& predicate) const;
     // Waits until `line` has been recorded at least `times` times.
     bool waitFor(const std::string& line, std::size_t times = 1) const;
 

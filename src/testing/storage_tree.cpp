@@ -1,6 +1,5 @@
 #include "testing/storage_tree.hpp"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +12,6 @@
 
 #include "offline/offline_storage.hpp"
 #include "offline/region_catalogue.hpp"
-#include "util/file_descriptor.hpp"
 #include "util/file_io.hpp"
 
 namespace terrane::common::test {
@@ -42,51 +40,6 @@ std::map<std::string, std::string> treeContents(const std::filesystem::path& dir
     return contents;
 }
 
-namespace {
-
-// Whether the file holds the secret in any of the forms the redaction helper masks. Reads only
-// the file's data, skipping holes, so that a huge sparse partial file is cheap to search.
-bool holdsSecret(const std::filesystem::path& path, std::string_view secret) {
-    const base::io::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) {
-        throw std::runtime_error("cannot open " + path.string());
-    }
-    // Every masked form of the secret is at most three times as long as the secret.
-    const std::size_t overlap = secret.size() * 3;
-    std::vector<char> buffer(std::size_t{1} << 20);
-    std::string carried;
-    off_t offset = 0;
-    for (;;) {
-        const off_t data = ::lseek(file.get(), offset, SEEK_DATA);
-        if (data < 0) {
-            return false;
-        }
-        const off_t hole = ::lseek(file.get(), data, SEEK_HOLE);
-        if (data != offset) {
-            // Zeros lay between: no form of a secret spans them.
-            carried.clear();
-        }
-        for (off_t at = data; at < hole;) {
-            const auto wanted = static_cast<std::size_t>(
-                std::min<off_t>(static_cast<off_t>(buffer.size()), hole - at));
-            const ssize_t read = ::pread(file.get(), buffer.data(), wanted, at);
-            if (read <= 0) {
-                throw std::runtime_error("cannot read " + path.string());
-            }
-            std::string window =
-                carried + std::string(buffer.data(), static_cast<std::size_t>(read));
-            if (redactSecret(window, secret) != window) {
-                return true;
-            }
-            carried = window.substr(window.size() - std::min(window.size(), overlap));
-            at += read;
-        }
-        offset = hole;
-    }
-}
-
-}  // namespace
-
 std::vector<std::string> filesContaining(const std::filesystem::path& directory,
                                          std::string_view needle) {
     std::vector<std::string> found;
@@ -95,8 +48,9 @@ std::vector<std::string> filesContaining(const std::filesystem::path& directory,
     }
     for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
         const std::string relative = std::filesystem::relative(entry.path(), directory).string();
-        if (redactSecret(relative, needle) != relative ||
-            (entry.is_regular_file() && holdsSecret(entry.path(), needle))) {
+        const std::string text =
+            entry.is_regular_file() ? base::io::readFile(entry.path()).value_or("") : "";
+        if (redactSecret(relative + "\n" + text, needle) != relative + "\n" + text) {
             found.push_back(relative);
         }
     }
@@ -163,21 +117,11 @@ OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, b
     return region;
 }
 
-OfflineDataPackHeaders incompleteHeaders(std::uint64_t bytes) {
+OfflineDataPackHeaders packHeaders(std::uint64_t bytes, bool complete, bool verified) {
     OfflineDataPackHeaders headers;
     headers.bytes = bytes;
-    return headers;
-}
-
-OfflineDataPackHeaders unverifiedHeaders(std::uint64_t bytes) {
-    auto headers = incompleteHeaders(bytes);
-    headers.complete = true;
-    return headers;
-}
-
-OfflineDataPackHeaders verifiedHeaders(std::uint64_t bytes) {
-    auto headers = unverifiedHeaders(bytes);
-    headers.verified = true;
+    headers.complete = complete;
+    headers.verified = verified;
     return headers;
 }
 

@@ -66,7 +66,7 @@ std::map<std::string, std::string> treeContents(const std::filesystem::path& dir
 
 // The files below `directory` (relative paths, sorted) whose name or content holds `needle`,
 // also in its percent-encoded forms (those redactSecret masks). For proving that no secret
-// reached the disk; an empty needle finds nothing. Holes of sparse files are skipped.
+// reached the disk; an empty needle finds nothing. Reads every file whole: meant for small trees.
 std::vector<std::string> filesContaining(const std::filesystem::path& directory,
                                          std::string_view needle);
 
@@ -74,10 +74,7 @@ std::vector<std::string> filesContaining(const std::filesystem::path& directory,
 OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, bool maps = true,
                                        bool navigation = false);
 
-// Header records of the three stages of a pack: still downloading, downloaded but not yet
-// checked, checked. `expires` in milliseconds since the epoch (absent: no lease end).
-OfflineDataPackHeaders incompleteHeaders(std::uint64_t bytes);
-OfflineDataPackHeaders unverifiedHeaders(std::uint64_t bytes);
-OfflineDataPackHeaders verifiedHeaders(std::uint64_t bytes);
+// A pack header record without lease: `bytes` so far, and how far the pack has come.
+OfflineDataPackHeaders packHeaders(std::uint64_t bytes, bool complete, bool verified);
 
 }  // namespace terrane::common::test
