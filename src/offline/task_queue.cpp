@@ -49,6 +49,10 @@ bool TaskQueue::adoptIncoming() {
     }
     size += adopted.size();
     adopted.clear();
+    if (adopted.capacity() > keptBatchCapacity) {
+        // A burst must not pin its memory for the rest of the queue's life.
+        std::vector<std::unique_ptr<Task>>().swap(adopted);
+    }
     return true;
 }
 

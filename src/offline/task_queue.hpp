@@ -48,6 +48,8 @@ class TaskQueue {
   private:
     static constexpr std::size_t priorityCount = 256;
     static constexpr std::size_t wordBits = 64;
+    // The largest batch whose storage is kept for the next one.
+    static constexpr std::size_t keptBatchCapacity = 65536;
 
     // Moves every task put so far into the ordered FIFOs; returns false when there was none.
     // Holds takeMutex.
@@ -80,7 +82,7 @@ class TaskQueue {
     // Bit p set: fifos[p] is non-empty.
     std::array<std::uint64_t, priorityCount / wordBits> nonEmpty{};
     std::size_t size = 0;
-    // The batch last taken from `incoming`, kept for its capacity.
+    // The batch last taken from `incoming`, kept for its capacity up to keptBatchCapacity.
     std::vector<std::unique_ptr<Task>> adopted;
 };
 
