@@ -26,6 +26,11 @@ std::string textOf(const HttpBody& body) {
     return std::string(body.begin(), body.end());
 }
 
+// A catalogue runs to tens of megabytes: it is parsed where it lies rather than copied.
+std::string_view viewOf(const HttpBody& body) {
+    return {reinterpret_cast<const char*>(body.data()), body.size()};
+}
+
 // The JSON reader reports "Parse error at offset <n>: <message>"; the catalogue's reports carry
 // the parser's message without the offset, which means nothing to a caller who never sees the
 // body.
@@ -164,7 +169,7 @@ AvailableRegionsResult parseAvailableRegionsList(const HttpResponseData& data,
     }
 
     rapidjson::Document document;
-    if (auto parsed = json::parseDocument(textOf(data.data), document); !parsed) {
+    if (auto parsed = json::parseDocument(viewOf(data.data), document); !parsed) {
         return unexpected(failure(OfflineDataErrorCode::InvalidResponse,
                                   "Parse error: " + parserMessage(parsed.error())));
     }

@@ -8,8 +8,37 @@ void TaskQueue::put(std::unique_ptr<Task> task) {
     if (!task) {
         return;
     }
+    bool wake = false;
     {
         std::lock_guard lock(mutex);
+        incoming.push_back(std::move(task));
+        if (incoming.size() == 1) {
+            hasIncoming.store(true, std::memory_order_release);
+        }
+        wake = getterWaiting;
+    }
+    // Only a getter that found nothing to do sleeps; a busy one will look at `incoming` by
+    // itself. Outside the lock, so the woken getter does not immediately block on the mutex.
+    if (wake) {
+        condition.notify_one();
+    }
+}
+
+bool TaskQueue::adoptIncoming() {
+    {
+        std::unique_lock lock(mutex);
+        if (size == 0) {
+            getterWaiting = true;
+            condition.wait(lock, [this] { return !incoming.empty() || stopped; });
+            getterWaiting = false;
+        }
+        if (incoming.empty()) {
+            return false;
+        }
+        adopted.swap(incoming);
+        hasIncoming.store(false, std::memory_order_relaxed);
+    }
+    for (auto& task : adopted) {
         const auto priority = static_cast<std::size_t>(task->priority);
         auto& fifo = fifos[priority];
         if (!fifo) {
@@ -17,15 +46,23 @@ void TaskQueue::put(std::unique_ptr<Task> task) {
         }
         fifo->push_back(std::move(task));
         nonEmpty[priority / wordBits] |= std::uint64_t{1} << (priority % wordBits);
-        ++size;
     }
-    // Outside the lock, so the woken getter does not immediately block on the mutex again.
-    condition.notify_one();
+    size += adopted.size();
+    adopted.clear();
+    if (adopted.capacity() > keptBatchCapacity) {
+        // A burst must not pin its memory for the rest of the queue's life.
+        std::vector<std::unique_ptr<Task>>().swap(adopted);
+    }
+    return true;
 }
 
 std::unique_ptr<Task> TaskQueue::get() {
-    std::unique_lock lock(mutex);
-    condition.wait(lock, [this] { return size > 0 || stopped; });
+    std::lock_guard take(takeMutex);
+    // A task put before this call has set the flag before it; one put meanwhile may or may not
+    // be adopted now, as with any race between a put and a get.
+    if (size == 0 || hasIncoming.load(std::memory_order_acquire)) {
+        adoptIncoming();
+    }
     if (size == 0) {
         return nullptr;
     }

@@ -1,6 +1,7 @@
 #include "value/json_reader.hpp"
 
 #include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
 #include <cstdint>
@@ -76,10 +77,12 @@ std::string parseErrorMessage(unsigned code, std::size_t offset) {
     return "Parse error at offset " + std::to_string(offset) + ": " + message;
 }
 
-expected<void, std::string> parseDocument(const std::string& text, rapidjson::Document& document) {
+expected<void, std::string> parseDocument(std::string_view text, rapidjson::Document& document) {
     document.SetNull();
-    // The same stream the document's own Parse(std::string) uses, so offsets agree with it.
-    rapidjson::StringStream stream(text.c_str());
+    // Reads the bytes where they lie, so a large body is not copied just to gain a terminating
+    // NUL; the stream answers NUL at the end and at an embedded NUL alike, and counts offsets
+    // as the document's own Parse(std::string) does.
+    rapidjson::MemoryStream stream(text.data(), text.size());
     rapidjson::ParseResult result;
     bool tooDeep = false;
     auto generate = [&](rapidjson::Document& handler) {

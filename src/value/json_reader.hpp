@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "terrane/expected.hpp"
 
@@ -22,6 +23,6 @@ std::string parseErrorMessage(unsigned code, std::size_t offset);
 // of the string is reported as a second root value, so that the whole string is always judged.
 //
 // A pure function: callable from any thread; document belongs to the caller.
-expected<void, std::string> parseDocument(const std::string& text, rapidjson::Document& document);
+expected<void, std::string> parseDocument(std::string_view text, rapidjson::Document& document);
 
 }  // namespace terrane::common::json
