@@ -1,15 +1,25 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "terrane/expected.hpp"
-#include "terrane/http/http_request.hpp"
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+}  // namespace httplib
 
 namespace terrane::common::test {
 
@@ -36,24 +46,15 @@ struct TestFile {
     std::string etag = "\"v1\"";
     // Sent as Last-Modified when not empty.
     std::string lastModified{};
-    std::string contentType = "application/octet-stream";
     // Sent as Content-Encoding when not empty; content is then already encoded.
     std::string contentEncoding{};
     std::string cacheControl{};
-    // Answers "Range: bytes=N-" with 206 (416 beyond the end) unless If-Range names another
-    // version.
-    bool honourRanges = true;
-    // Every response is a new version of the file: a new ETag ("\"v<n>\"") and new content of the
-    // same size.
-    bool newVersionEachRequest = false;
     // The first faultyResponses responses break the connection off after this many body bytes.
     optional<std::size_t> dropAfter{};
     // The first faultyResponses responses stop sending after this many body bytes, until
-    // releaseStalls() or the server's end; then the connection is broken off.
+    // release() or the server's end; then the connection is broken off.
     optional<std::size_t> stallAfter{};
     int faultyResponses = 1;
-    // Waits this long before sending the head.
-    std::chrono::milliseconds headDelay{0};
     // Announced as Content-Length instead of the real size: the content is sent, then the
     // connection is broken off.
     optional<std::size_t> announcedLength{};
@@ -62,32 +63,27 @@ struct TestFile {
 // Deterministic bytes for test files: the same size and seed give the same content.
 std::string testContent(std::size_t size, std::uint32_t seed = 1);
 
-// The content as a gzip stream (stored blocks, no compression) or as a zlib stream (for
-// "Content-Encoding: deflate"), for tests of decoded bodies.
+// The content as a gzip stream, for tests of decoded bodies.
 std::string gzipEncode(std::string_view content);
-std::string zlibEncode(std::string_view content);
 
 // An HTTP server on 127.0.0.1 and a port of the system's choosing, on threads of its own, for the
-// tests of the HTTP service. Test-only; built on cpp-httplib.
+// tests of the HTTP service. Test-only; built on cpp-httplib. "Range: bytes=N-" on a file is
+// answered with 206 (416 beyond the end) unless If-Range names another version.
 //
 // Fixed routes:
 //   /echo                  any method; 200, body "echo" (or the request body for a POST),
 //                          headers Content-Type, ETag and X-Mixed-Case
 //   /status/<code>/json    that status, {"message":"status <code>"} as application/json
 //   /status/<code>/plain   that status, "status <code>" as text/plain
-//   /slow-head?ms=<n>      waits n ms before answering 200 "slow"
+//   /slow-head?ms=<n>      waits n ms (or until release()) before answering 200 "slow"
 //   /redirect/<n>          n more redirects (302), then 200 "redirected"
 //   /redirect-to-file      302 to a file: URL
 //   /redirect-loop         302 to itself, every time
 //   /huge-head             200 "huge" after a 4 MiB header line
 //   /huge-head?lines=<n>   200 "huge" after n header lines of 100 bytes
 //   /endless               200 with a chunked body of 64 KiB chunks that never ends
-//   /gzip, /deflate        "decoded body" sent with that Content-Encoding
-//   /hold                  waits until releaseHeld() (or the server's end), then 200 "held";
+//   /hold                  waits until release() (or the server's end), then 200 "held";
 //                          heldNow() and heldAtMost() count the requests waiting there
-//   /drop-mid-body         a 64 KiB file whose answer breaks off after 16 KiB, every time
-//   /stall-mid-body        a 64 KiB file whose answer stops after 16 KiB, every time
-//   /changing-etag         a 64 KiB file that is a new version on every request
 // Other paths serve the files given to serve(), else 404.
 //
 // Every member may be called from any thread. Destruction releases every waiting request, stops
@@ -99,20 +95,18 @@ class HttpTestServer {
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
-    // Whether this build has the server (it needs cpp-httplib, linked into the test programs with
-    // TERRANE_HAVE_HTTP_TEST_SERVER defined). Tests skip when it has not; constructing the server
-    // then aborts.
-    static bool isAvailable();
+    // cpp-httplib is a build requirement, so every build has the server.
+    static bool isAvailable() { return true; }
 
-    std::uint16_t port() const;
+    std::uint16_t port() const { return port_; }
     // "http://127.0.0.1:<port>" followed by the path.
     std::string url(std::string_view path) const;
 
     // Offers the file under the path, replacing an earlier one there.
     void serve(const std::string& path, TestFile file);
 
-    void releaseStalls();
-    void releaseHeld();
+    // Lets every stalled answer and every request waiting at /hold or /slow-head go on.
+    void release();
     int heldNow() const;
     int heldAtMost() const;
 
@@ -121,8 +115,29 @@ class HttpTestServer {
     std::vector<ReceivedRequest> requestsFor(std::string_view path) const;
 
   private:
-    class Impl;
-    std::unique_ptr<Impl> impl_;
+    using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+    struct FileState {
+        TestFile file;
+        int served = 0;
+    };
+
+    void on(const std::string& pattern, Handler handler);
+    void serveFile(const httplib::Request& request, httplib::Response& response);
+    // Waits until release(), the server's end or the limit; `counted` counts it as held.
+    void waitForRelease(std::chrono::milliseconds limit, bool counted = false);
+
+    std::unique_ptr<httplib::Server> server_;
+    std::uint16_t port_ = 0;
+    std::thread thread_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable released_;
+    bool stopping_ = false;
+    int releases_ = 0;
+    int held_ = 0;
+    int heldAtMost_ = 0;
+    std::map<std::string, FileState, std::less<>> files_;
+    std::vector<ReceivedRequest> requests_;
 };
 
 }  // namespace terrane::common::test

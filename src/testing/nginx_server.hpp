@@ -8,7 +8,6 @@
 // One thread at a time; the object owns the child process and waits for it on destruction.
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -22,6 +21,8 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+
+#include "testing/loopback.hpp"
 
 namespace terrane::common::test {
 
@@ -51,15 +52,7 @@ class NginxServer {
           sendBuffer_(std::move(sendBuffer)),
           compression_(compression) {
         std::filesystem::create_directories(work_);
-        for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
-            port_ = freePort();
-            if (!launch()) {
-                stop();
-            }
-        }
-        if (pid_ <= 0) {
-            throw std::runtime_error("nginx did not start; see " + (work_ / "error.log").string());
-        }
+        start(5, true);
     }
 
     ~NginxServer() { stop(); }
@@ -67,60 +60,47 @@ class NginxServer {
     NginxServer& operator=(const NginxServer&) = delete;
 
     std::uint16_t port() const { return port_; }
-    std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
+    std::string url(const std::string& path) const { return loopbackUrl(port_, path); }
 
     // Kills nginx at once: every connection breaks off without a proper end.
-    void kill() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            reap();
-        }
-    }
-
+    void kill() { end(SIGKILL); }
     // Starts nginx again on the same port.
     void restart() {
         stop();
-        for (int attempt = 0; attempt < 50 && pid_ <= 0; ++attempt) {
+        start(50, false);
+    }
+    void stop() { end(SIGTERM); }
+
+  private:
+    // Tries to launch nginx, on a fresh port each time when asked; throws when it never comes up.
+    void start(int attempts, bool freshPort) {
+        for (int attempt = 0; attempt < attempts && pid_ <= 0; ++attempt) {
+            if (freshPort) {
+                port_ = freeLoopbackPort();
+            }
             if (!launch()) {
                 stop();
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
             }
         }
         if (pid_ <= 0) {
-            throw std::runtime_error("nginx did not restart");
+            throw std::runtime_error("nginx did not start; see " + (work_ / "error.log").string());
         }
     }
 
-    void stop() {
+    void end(int signal) {
         if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            reap();
+            ::kill(pid_, signal);
+            ::waitpid(pid_, nullptr, 0);
+            pid_ = -1;
         }
-    }
-
-  private:
-    static std::uint16_t freePort() {
-        const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-        ::close(probe);
-        return ntohs(address.sin_port);
     }
 
     static bool accepts(std::uint16_t port) {
         const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
+        const sockaddr_in address = loopbackAddress(port);
         const bool connected =
-            ::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
         ::close(probe);
         return connected;
     }
@@ -192,11 +172,6 @@ class NginxServer {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         return false;
-    }
-
-    void reap() {
-        ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
     }
 
     std::filesystem::path root_;

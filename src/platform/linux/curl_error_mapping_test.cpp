@@ -2,60 +2,55 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+#include <vector>
+
 namespace terrane::common {
 namespace {
 
-TEST(CurlErrorMappingTest, LostOrImpossibleConnectionsAreConnectionErrors) {
-    for (const CURLcode code :
+TEST(CurlErrorMappingTest, EveryCurlCodeMapsToItsKind) {
+    const std::pair<HttpRequestErrorType, std::vector<CURLcode>> rows[] = {
+        {HttpRequestErrorType::ConnectionError,
          {CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_CONNECT,
-          CURLE_SEND_ERROR, CURLE_RECV_ERROR, CURLE_GOT_NOTHING, CURLE_PARTIAL_FILE}) {
-        EXPECT_EQ(requestErrorTypeFor(code), HttpRequestErrorType::ConnectionError) << code;
-    }
-}
-
-TEST(CurlErrorMappingTest, TimeoutsAreTimeouts) {
-    EXPECT_EQ(requestErrorTypeFor(CURLE_OPERATION_TIMEDOUT), HttpRequestErrorType::RequestTimedOut);
-}
-
-TEST(CurlErrorMappingTest, EveryTlsAndCertificateFailureIsAnSslError) {
-    for (const CURLcode code :
+          CURLE_SEND_ERROR, CURLE_RECV_ERROR, CURLE_GOT_NOTHING, CURLE_PARTIAL_FILE}},
+        {HttpRequestErrorType::RequestTimedOut, {CURLE_OPERATION_TIMEDOUT}},
+        {HttpRequestErrorType::SSLError,
          {CURLE_SSL_CONNECT_ERROR, CURLE_PEER_FAILED_VERIFICATION, CURLE_SSL_CERTPROBLEM,
           CURLE_SSL_CIPHER, CURLE_SSL_CACERT_BADFILE, CURLE_SSL_ISSUER_ERROR,
           CURLE_SSL_PINNEDPUBKEYNOTMATCH, CURLE_SSL_INVALIDCERTSTATUS, CURLE_SSL_CLIENTCERT,
           CURLE_USE_SSL_FAILED, CURLE_SSL_SHUTDOWN_FAILED, CURLE_SSL_CRL_BADFILE,
-          CURLE_SSL_ENGINE_NOTFOUND, CURLE_SSL_ENGINE_SETFAILED, CURLE_SSL_ENGINE_INITFAILED}) {
-        EXPECT_EQ(requestErrorTypeFor(code), HttpRequestErrorType::SSLError) << code;
-    }
-}
-
-TEST(CurlErrorMappingTest, EverythingElseIsOtherError) {
-    for (const CURLcode code :
+          CURLE_SSL_ENGINE_NOTFOUND, CURLE_SSL_ENGINE_SETFAILED, CURLE_SSL_ENGINE_INITFAILED}},
+        {HttpRequestErrorType::OtherError,
          {CURLE_UNSUPPORTED_PROTOCOL, CURLE_URL_MALFORMAT, CURLE_TOO_MANY_REDIRECTS,
-          CURLE_WRITE_ERROR, CURLE_OUT_OF_MEMORY, CURLE_BAD_CONTENT_ENCODING}) {
-        EXPECT_EQ(requestErrorTypeFor(code), HttpRequestErrorType::OtherError) << code;
+          CURLE_WRITE_ERROR, CURLE_OUT_OF_MEMORY, CURLE_BAD_CONTENT_ENCODING}},
+    };
+    for (const auto& [type, codes] : rows) {
+        for (const CURLcode code : codes) {
+            EXPECT_EQ(requestErrorTypeFor(code), type) << code;
+        }
     }
 }
 
-TEST(CurlErrorMappingTest, TheDetailedTextWinsOverTheGenericOne) {
-    EXPECT_EQ(curlErrorText(CURLE_COULDNT_CONNECT, "Failed to connect to 127.0.0.1 port 1"),
-              "Failed to connect to 127.0.0.1 port 1");
-    EXPECT_EQ(curlErrorText(CURLE_COULDNT_CONNECT, ""), "Couldn't connect to server");
-    EXPECT_EQ(curlErrorText(CURLE_COULDNT_CONNECT, nullptr), "Couldn't connect to server");
-}
-
-TEST(CurlErrorMappingTest, RunningOutOfMemoryOverAHeadReadsAsAnOversizedHead) {
+TEST(CurlErrorMappingTest, TheTextIsCurlsDetailOrItsGenericTextOrAnOversizedHead) {
     const struct {
+        CURLcode code;
         const char* buffer;
         bool headComplete;
         std::string expected;
     } rows[] = {
-        {"Rejected 4194400 bytes header (max is 102400)!", false, kResponseHeaderTooLarge},
-        {"", false, kResponseHeaderTooLarge},
-        {"", true, "Out of memory"},
+        {CURLE_COULDNT_CONNECT, "Failed to connect to 127.0.0.1 port 1", true,
+         "Failed to connect to 127.0.0.1 port 1"},
+        {CURLE_COULDNT_CONNECT, "", true, "Couldn't connect to server"},
+        {CURLE_COULDNT_CONNECT, nullptr, false, "Couldn't connect to server"},
+        // Running out of memory over a head means a head too large to hold.
+        {CURLE_OUT_OF_MEMORY, "Rejected 4194400 bytes header (max is 102400)!", false,
+         kResponseHeaderTooLarge},
+        {CURLE_OUT_OF_MEMORY, "", false, kResponseHeaderTooLarge},
+        {CURLE_OUT_OF_MEMORY, "", true, "Out of memory"},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(curlErrorText(CURLE_OUT_OF_MEMORY, row.buffer, row.headComplete), row.expected)
-            << row.buffer << row.headComplete;
+        EXPECT_EQ(curlErrorText(row.code, row.buffer, row.headComplete), row.expected)
+            << row.code << " " << (row.buffer ? row.buffer : "null") << " " << row.headComplete;
     }
 }
 

@@ -23,13 +23,13 @@
 #include "platform/linux/resume_data.hpp"
 #include "terrane/http/transfer_limits.hpp"
 #include "testing/http_test_server.hpp"
+#include "testing/loopback.hpp"
 #include "util/file_descriptor.hpp"
 
 namespace terrane::common {
 namespace {
 
 namespace fs = std::filesystem;
-using test::HttpTestServer;
 using test::StatusInbox;
 using test::TestFile;
 
@@ -52,9 +52,7 @@ class ScopedTransferLimits {
 class UnacceptingListener {
   public:
     UnacceptingListener() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = test::loopbackAddress(0);
         socklen_t length = sizeof address;
         ::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
         ::listen(listener_.get(), 0);
@@ -67,7 +65,7 @@ class UnacceptingListener {
         }
     }
 
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/pack"; }
+    std::string url() const { return test::loopbackUrl(port_, "/pack"); }
 
   private:
     base::io::FileDescriptor listener_;
@@ -86,70 +84,23 @@ std::set<std::string> filesBelow(const fs::path& directory) {
     return files;
 }
 
-class CurlHttpServiceHardeningTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (!HttpTestServer::isAvailable()) {
-            GTEST_SKIP() << "this build has no test HTTP server (cpp-httplib)";
-        }
-        server_ = std::make_unique<HttpTestServer>();
-        scratch_ = std::make_unique<test::ScratchDirectory>();
-        fs::create_directories(scratch_->path() / "out");
-        destination_ = (scratch_->path() / "out" / "pack.bin").string();
-    }
-
-    CurlHttpService& service() {
-        if (!service_) {
-            service_ = std::make_shared<CurlHttpService>();
-        }
-        return *service_;
-    }
-
-    DownloadStatus download(DownloadOptions options) {
-        StatusInbox inbox;
-        service().download(std::move(options), inbox.callback());
-        return test::waitForFinal(inbox);
-    }
-
-    DownloadStatus download(const std::string& url, optional<std::uint64_t> maxBytes = nullopt,
-                            bool resume = false) {
-        DownloadOptions options(HttpRequest(url), destination_, resume);
-        options.maxBytes = maxBytes;
-        return download(std::move(options));
-    }
-
-    HttpResponse fetch(HttpRequest request) {
-        test::ResponseInbox inbox;
-        service().request(std::move(request), inbox.callback());
-        return inbox.waitFor(1);
-    }
-
-    std::string part() const { return partialFilePathFor(destination_); }
-    std::string rd() const { return resumeDataPathFor(destination_); }
-
-    std::unique_ptr<HttpTestServer> server_;
-    std::unique_ptr<test::ScratchDirectory> scratch_;
-    std::shared_ptr<CurlHttpService> service_;
-    std::string destination_;
-};
+class CurlHttpServiceHardeningTest : public test::CurlServiceTest {};
 
 TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothingElseBehind) {
-    TestFile longer;
-    longer.content = test::testContent(32 * 1024);
-    longer.announcedLength = 64 * 1024;
-    server_->serve("/longer-than-body", longer);
-    TestFile beyondCap;
-    beyondCap.content = test::testContent(1024);
-    beyondCap.announcedLength = std::size_t{1} << 30;
-    server_->serve("/beyond-cap", beyondCap);
+    server_.serve("/longer-than-body",
+                  TestFile{.content = test::testContent(32 * 1024), .announcedLength = 64 * 1024});
+    server_.serve("/beyond-cap", TestFile{.content = test::testContent(1024),
+                                          .announcedLength = std::size_t{1} << 30});
+    server_.serve("/stall", TestFile{.content = test::testContent(64 * 1024),
+                                     .stallAfter = 16 * 1024,
+                                     .faultyResponses = 1 << 30});
     const UnacceptingListener unaccepting;
     constexpr std::uint64_t kCap = 1024 * 1024;
 
     struct Row {
         const char* name;
         std::string url;
-        // Nothing: no plain request for the row.
-        optional<HttpRequestErrorType> requestError;
+        HttpRequestErrorType requestError;
         std::string requestMessagePart;
         DownloadErrorCode downloadError;
         std::string downloadMessagePart;
@@ -161,27 +112,27 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
     const auto other = HttpRequestErrorType::OtherError;
     const auto network = DownloadErrorCode::NetworkError;
     const Row rows[] = {
-        {"head and 16 KiB, then silence", server_->url("/stall-mid-body"), timedOut, "too slow",
-         network, "Request timed out.", true},
-        {"connection accepted, never answered", server_->url("/hold"), timedOut, "too slow",
-         network, "Request timed out.", false},
+        {"head and 16 KiB, then silence", server_.url("/stall"), timedOut, "too slow", network,
+         "Request timed out.", true},
+        {"connection accepted, never answered", server_.url("/hold"), timedOut, "too slow", network,
+         "Request timed out.", false},
         {"connection never accepted", unaccepting.url(), timedOut, "Failed to connect", network,
          "Request timed out.", false},
-        {"endless body without a length", server_->url("/endless"), other,
+        {"endless body without a length", server_.url("/endless"), other,
          "Response body too large.", DownloadErrorCode::SizeExceeded, "limit of 1048576 bytes",
          false},
-        {"a length beyond the cap", server_->url("/beyond-cap"), connection, "",
+        {"a length beyond the cap", server_.url("/beyond-cap"), connection, "",
          DownloadErrorCode::SizeExceeded, "limit of 1048576 bytes", false},
-        {"a length longer than the body", server_->url("/longer-than-body"), connection,
+        {"a length longer than the body", server_.url("/longer-than-body"), connection,
          "bytes remaining", network, "bytes remaining", true},
-        {"a 4 MiB header", server_->url("/huge-head"), other, "Response header too large.", network,
+        {"a 4 MiB header", server_.url("/huge-head"), other, "Response header too large.", network,
          "Response header too large.", false},
-        {"5000 header lines", server_->url("/huge-head?lines=5000"), other,
+        {"5000 header lines", server_.url("/huge-head?lines=5000"), other,
          "Response header too large.", network, "Response header too large.", false},
-        {"a redirect to file:", server_->url("/redirect-to-file"), other, "file", network, "file",
+        {"a redirect to file:", server_.url("/redirect-to-file"), other, "file", network, "file",
          false},
-        {"a redirect loop", server_->url("/redirect-loop"), other, "redirects", network,
-         "redirects", false},
+        {"a redirect loop", server_.url("/redirect-loop"), other, "redirects", network, "redirects",
+         false},
     };
     // The first rows stall, so a short window finds them quickly; the others must not depend on
     // the speed of a loaded (or sanitized) machine sending a huge head.
@@ -197,20 +148,13 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
         });
         // Both at once: a stall takes a few seconds to be recognised.
         test::ResponseInbox responses;
-        if (row.requestError) {
-            service().request(HttpRequest(row.url), responses.callback());
-        }
-        DownloadOptions options(HttpRequest(row.url), destination_);
-        options.maxBytes = kCap;
-        const auto final = download(std::move(options));
-        if (row.requestError) {
-            const auto response = responses.waitFor(1);
-            ASSERT_FALSE(response.result.has_value());
-            EXPECT_EQ(response.result.error().type, *row.requestError);
-            EXPECT_NE(response.result.error().message.find(row.requestMessagePart),
-                      std::string::npos)
-                << response.result.error().message;
-        }
+        service_->request(HttpRequest(row.url), responses.callback());
+        const auto final = download(row.url, false, kCap);
+        const auto response = responses.waitFor(1);
+        ASSERT_FALSE(response.result.has_value());
+        EXPECT_EQ(response.result.error().type, row.requestError);
+        EXPECT_NE(response.result.error().message.find(row.requestMessagePart), std::string::npos)
+            << response.result.error().message;
         ASSERT_EQ(final.state, DownloadState::Failed);
         EXPECT_EQ(final.error->code, row.downloadError);
         EXPECT_NE(final.error->message.find(row.downloadMessagePart), std::string::npos)
@@ -218,7 +162,7 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
         const std::set<std::string> expected =
             row.keepsPartial ? std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}
                              : std::set<std::string>{};
-        EXPECT_EQ(filesBelow(scratch_->path()), expected);
+        EXPECT_EQ(filesBelow(scratch_.path()), expected);
         if (row.keepsPartial) {
             EXPECT_EQ(loadResumeData(DownloadOptions(HttpRequest(row.url), destination_))->bytes,
                       fs::file_size(part()));
@@ -230,7 +174,7 @@ TEST_F(CurlHttpServiceHardeningTest, HostileServersGetAClearErrorAndLeaveNothing
 
 TEST_F(CurlHttpServiceHardeningTest, TheSizeCapCountsWhatIsAnnouncedAndWhatIsAlreadyHeld) {
     const std::string content = test::testContent(100 * 1024);
-    server_->serve("/pack", TestFile{.content = content});
+    server_.serve("/pack", TestFile{.content = content});
     struct Row {
         const char* name;
         std::uint64_t cap;
@@ -244,26 +188,16 @@ TEST_F(CurlHttpServiceHardeningTest, TheSizeCapCountsWhatIsAnnouncedAndWhatIsAlr
         {"a resumed range whose total is beyond the cap", content.size() - 1, 50 * 1024, false, 1},
         {"more held already than the cap", 80 * 1024, 90 * 1024, false, 0},
     };
-    // The first rows stall, so a short window finds them quickly; the others must not depend on
-    // the speed of a loaded (or sanitized) machine sending a huge head.
-    constexpr std::size_t kStallingRows = 3;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const bool stalls = &row - rows < static_cast<std::ptrdiff_t>(kStallingRows);
-        const ScopedTransferLimits limits(TransferLimits{
-            .connectTimeout = std::chrono::seconds(1),
-            .lowSpeedBytesPerSecond = 1,
-            .lowSpeedTime = std::chrono::seconds(stalls ? 1 : 60),
-            .maxResponseBytes = 1024 * 1024,
-        });
         if (row.heldBytes > 0) {
             test::writeWholeFile(part(), content.substr(0, row.heldBytes));
-            ASSERT_TRUE(storeResumeData(destination_, ResumeData{server_->url("/pack"), part(),
+            ASSERT_TRUE(storeResumeData(destination_, ResumeData{server_.url("/pack"), part(),
                                                                  row.heldBytes, "\"v1\"", ""}));
         }
-        const auto before = server_->requestsFor("/pack").size();
-        const auto final = download(server_->url("/pack"), row.cap, true);
-        EXPECT_EQ(server_->requestsFor("/pack").size() - before, row.requests);
+        const auto before = server_.requestsFor("/pack").size();
+        const auto final = download("/pack", true, row.cap);
+        EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.requests);
         if (row.finishes) {
             EXPECT_EQ(final.state, DownloadState::Finished);
             EXPECT_EQ(test::readWholeFile(destination_), content);
@@ -274,7 +208,7 @@ TEST_F(CurlHttpServiceHardeningTest, TheSizeCapCountsWhatIsAnnouncedAndWhatIsAlr
                                                   "Download exceeds the limit of " +
                                                       std::to_string(row.cap) + " bytes."}));
         }
-        EXPECT_EQ(filesBelow(scratch_->path()), std::set<std::string>{});
+        EXPECT_EQ(filesBelow(scratch_.path()), std::set<std::string>{});
     }
 }
 
@@ -293,28 +227,22 @@ TEST_F(CurlHttpServiceHardeningTest,
         {"a download", true, {}, "identity"},
         {"a download whose caller asks for gzip", true, {{"accept-encoding", "gzip"}}, "identity"},
     };
-    // The first rows stall, so a short window finds them quickly; the others must not depend on
-    // the speed of a loaded (or sanitized) machine sending a huge head.
-    constexpr std::size_t kStallingRows = 3;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const bool stalls = &row - rows < static_cast<std::ptrdiff_t>(kStallingRows);
-        const ScopedTransferLimits limits(TransferLimits{
-            .connectTimeout = std::chrono::seconds(1),
-            .lowSpeedBytesPerSecond = 1,
-            .lowSpeedTime = std::chrono::seconds(stalls ? 1 : 60),
-            .maxResponseBytes = 1024 * 1024,
-        });
-        HttpRequest request(server_->url("/echo"), row.headers);
+        HttpRequest request(server_.url("/echo"), row.headers);
         if (row.isDownload) {
-            download(DownloadOptions(request, destination_));
+            test::StatusInbox inbox;
+            service_->download(DownloadOptions(request, destination_), inbox.callback());
+            test::waitForFinal(inbox);
         } else {
             fetch(request);
         }
-        const auto values = server_->requestsFor("/echo").back().headerValues("accept-encoding");
+        const auto values = server_.requestsFor("/echo").back().headerValues("accept-encoding");
         ASSERT_EQ(values.size(), 1u);
         if (row.expected.empty()) {
-            EXPECT_NE(values[0].find("gzip"), std::string::npos) << values[0];
+            for (const char* encoding : {"gzip", "deflate", "br"}) {
+                EXPECT_NE(values[0].find(encoding), std::string::npos) << values[0];
+            }
         } else {
             EXPECT_EQ(values[0], row.expected);
         }
@@ -326,13 +254,13 @@ TEST_F(CurlHttpServiceHardeningTest, NoFileOfADownloadHoldsTheTokenAndANewTokenS
     TestFile file;
     file.content = content;
     file.dropAfter = 100 * 1024;
-    server_->serve("/pack", file);
+    server_.serve("/pack", file);
     const auto urlWith = [&](const std::string& token) {
-        return server_->url("/pack?region=harbour&access_token=" + token);
+        return server_.url("/pack?region=harbour&access_token=" + token);
     };
     const auto expectNoToken = [&](const std::string& token) {
-        for (const auto& name : filesBelow(scratch_->path())) {
-            EXPECT_EQ(test::readWholeFile(scratch_->path() / name).find(token), std::string::npos)
+        for (const auto& name : filesBelow(scratch_.path())) {
+            EXPECT_EQ(test::readWholeFile(scratch_.path() / name).find(token), std::string::npos)
                 << name;
         }
     };
@@ -345,12 +273,12 @@ TEST_F(CurlHttpServiceHardeningTest, NoFileOfADownloadHoldsTheTokenAndANewTokenS
             << path;
     }
     EXPECT_EQ(decodeResumeData(test::readWholeFile(rd()))->url,
-              server_->url("/pack?region=harbour"));
+              server_.url("/pack?region=harbour"));
 
-    const auto final = download(urlWith("second-secret"), nullopt, true);
+    const auto final = download(urlWith("second-secret"), true);
     ASSERT_EQ(final.state, DownloadState::Finished);
     EXPECT_EQ((**final.httpResult).code, 206);
-    EXPECT_EQ(server_->requestsFor("/pack").back().header("range"), "bytes=102400-");
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=102400-");
     EXPECT_EQ(test::readWholeFile(destination_), content);
     expectNoToken("second-secret");
 }
@@ -362,26 +290,28 @@ TEST_F(CurlHttpServiceHardeningTest, AFullDiskKeepsThePartialFileAndTheNextAttem
         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         GTEST_SKIP() << "no mount namespace here: " << std::strerror(errno);
     }
-    const fs::path disk = scratch_->path() / "out";
+    const fs::path disk = scratch_.path() / "out";
     if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=128k,mode=0700") != 0) {
         GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
     }
+    // The engine thread must start in the new namespace.
+    service_ = std::make_shared<CurlHttpService>();
     const std::string content = test::testContent(1024 * 1024, 22);
-    server_->serve("/pack", TestFile{.content = content});
+    server_.serve("/pack", TestFile{.content = content});
 
-    const auto full = download(server_->url("/pack"));
+    const auto full = download("/pack");
     ASSERT_EQ(full.state, DownloadState::Failed);
     EXPECT_EQ(full.error,
               (DownloadError{DownloadErrorCode::FileSystemError, "No space left on device"}));
     const auto kept = fs::file_size(part());
     EXPECT_GT(kept, 0u);
-    ASSERT_TRUE(loadResumeData(DownloadOptions(HttpRequest(server_->url("/pack")), destination_)));
+    ASSERT_TRUE(loadResumeData(DownloadOptions(HttpRequest(server_.url("/pack")), destination_)));
 
     ASSERT_EQ(::mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT, "size=4m,mode=0700"), 0)
         << std::strerror(errno);
-    const auto resumed = download(server_->url("/pack"), nullopt, true);
+    const auto resumed = download("/pack", true);
     EXPECT_EQ(resumed.state, DownloadState::Finished);
-    EXPECT_EQ(server_->requestsFor("/pack").back().header("range"),
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"),
               "bytes=" + std::to_string(kept) + "-");
     EXPECT_EQ(test::readWholeFile(destination_), content);
     service_.reset();

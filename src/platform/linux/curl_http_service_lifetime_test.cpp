@@ -27,20 +27,15 @@ std::size_t threadsOfThisProcess() {
     return count;
 }
 
-TEST(CurlHttpServiceLifetimeTest, ThePlatformDefaultIsTheCurlService) {
+TEST(CurlHttpServiceLifetimeTest, TheDefaultCurlServicesEngineLivesExactlyAsLongAsTheService) {
     HttpServiceFactory::setUserDefined(nullptr);
-    const auto first = HttpServiceFactory::getInstance();
-    ASSERT_TRUE(first && *first);
-    EXPECT_NE(dynamic_cast<CurlHttpService*>(first->get()), nullptr);
-    EXPECT_EQ(*HttpServiceFactory::getInstance(), *first);
-}
-
-TEST(CurlHttpServiceLifetimeTest, TheEngineThreadLivesExactlyAsLongAsTheService) {
     const std::size_t before = threadsOfThisProcess();
     std::weak_ptr<HttpServiceInterface> old;
     {
-        auto service = HttpServiceFactory::getInstance();
-        ASSERT_TRUE(service);
+        const auto service = HttpServiceFactory::getInstance();
+        ASSERT_TRUE(service && *service);
+        EXPECT_NE(dynamic_cast<CurlHttpService*>(service->get()), nullptr);
+        EXPECT_EQ(*HttpServiceFactory::getInstance(), *service);
         old = *service;
         EXPECT_EQ(threadsOfThisProcess(), before + 1);
     }

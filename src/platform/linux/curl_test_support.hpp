@@ -11,13 +11,17 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/linux/curl_http_service.hpp"
+#include "platform/linux/resume_data.hpp"
 #include "terrane/http/http_service_interface.hpp"
+#include "testing/http_test_server.hpp"
 
 namespace terrane::common::test {
 
@@ -102,6 +106,20 @@ inline void writeWholeFile(const std::filesystem::path& path, const std::string&
     out << content;
 }
 
+// Waits until the download has reported at least `bytes` received.
+inline void waitForBytes(StatusInbox& inbox, std::uint64_t bytes) {
+    inbox.waitUntil([bytes](const std::vector<DownloadStatus>& statuses) {
+        return !statuses.empty() && statuses.back().receivedBytes >= bytes;
+    });
+}
+
+// Cancels and returns the answer.
+inline bool cancel(HttpServiceInterface& service, std::uint64_t id) {
+    AnswerInbox answers;
+    service.cancelRequest(id, answers.callback());
+    return answers.waitFor(1);
+}
+
 // A fresh directory per test under the test temporary directory, removed afterwards.
 class ScratchDirectory {
   public:
@@ -125,6 +143,51 @@ class ScratchDirectory {
 
   private:
     std::filesystem::path path_;
+};
+
+// The Linux HTTP service with a test server, and a destination in a scratch directory of its own
+// ("out/pack.bin"). A target that starts with "/" is a path on the test server, anything else a
+// URL.
+class CurlServiceTest : public ::testing::Test {
+  protected:
+    CurlServiceTest() { std::filesystem::create_directories(scratch_.path() / "out"); }
+
+    std::string urlOf(const std::string& target) const {
+        return target.starts_with("/") ? server_.url(target) : target;
+    }
+
+    std::uint64_t start(const std::string& target, StatusInbox& inbox, bool resume = false,
+                        std::uint64_t timeout = 0, optional<std::uint64_t> maxBytes = nullopt) {
+        HttpRequest request(urlOf(target));
+        request.timeout = timeout;
+        DownloadOptions options(request, destination_, resume);
+        options.maxBytes = maxBytes;
+        return service_->download(std::move(options), inbox.callback());
+    }
+
+    DownloadStatus download(const std::string& target, bool resume = false,
+                            optional<std::uint64_t> maxBytes = nullopt) {
+        StatusInbox inbox;
+        start(target, inbox, resume, 0, maxBytes);
+        return waitForFinal(inbox);
+    }
+
+    HttpResponse fetch(HttpRequest request) {
+        ResponseInbox inbox;
+        service_->request(std::move(request), inbox.callback());
+        return inbox.waitFor(1);
+    }
+    HttpResponse get(const std::string& target) { return fetch(HttpRequest(urlOf(target))); }
+
+    bool cancel(std::uint64_t id) { return test::cancel(*service_, id); }
+
+    std::string part() const { return partialFilePathFor(destination_); }
+    std::string rd() const { return resumeDataPathFor(destination_); }
+
+    HttpTestServer server_;
+    ScratchDirectory scratch_;
+    std::string destination_ = (scratch_.path() / "out" / "pack.bin").string();
+    std::shared_ptr<CurlHttpService> service_ = std::make_shared<CurlHttpService>();
 };
 
 }  // namespace terrane::common::test

@@ -2,77 +2,69 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace terrane::common {
 namespace {
 
 using Event = ResponseHead::Event;
 
-TEST(ResponseHeadTest, StatusLinesOfEveryHttpVersionGiveTheirCode) {
-    EXPECT_EQ(statusCodeOfLine("HTTP/1.1 206 Partial Content\r\n"), 206);
-    EXPECT_EQ(statusCodeOfLine("HTTP/2 404 \r\n"), 404);
-    EXPECT_EQ(statusCodeOfLine("HTTP/1.0 200\r\n"), 200);
-    EXPECT_EQ(statusCodeOfLine("Content-Type: text/plain\r\n"), nullopt);
-    EXPECT_EQ(statusCodeOfLine("HTTP/1.1 20 Short\r\n"), nullopt);
-}
-
-TEST(ResponseHeadTest, HeaderNamesAreLowerCasedAndRepeatedNamesJoined) {
-    ResponseHead head;
-    EXPECT_EQ(head.feed("HTTP/1.1 200 OK\r\n"), Event::None);
-    head.feed("Content-Type: text/plain\r\n");
-    head.feed("ETag:  \"abc\" \r\n");
-    head.feed("Vary: Accept\r\n");
-    head.feed("vary: Origin\r\n");
-    head.feed("X-Empty:\r\n");
-    EXPECT_EQ(head.feed("\r\n"), Event::Final);
-    EXPECT_TRUE(head.isComplete());
-    EXPECT_EQ(head.code(), 200);
-    EXPECT_EQ(head.headers(), (HttpHeaders{{"content-type", "text/plain"},
-                                           {"etag", "\"abc\""},
-                                           {"vary", "Accept, Origin"},
-                                           {"x-empty", ""}}));
-}
-
-TEST(ResponseHeadTest, InterimAnswersAndFollowedRedirectsAreNotTheAnswer) {
-    ResponseHead head;
-    head.feed("HTTP/1.1 100 Continue\r\n");
-    EXPECT_EQ(head.feed("\r\n"), Event::Interim);
-    head.feed("HTTP/1.1 302 Found\r\n");
-    head.feed("Location: /elsewhere\r\n");
-    head.feed("Set-Cookie: a=1\r\n");
-    EXPECT_EQ(head.feed("\r\n"), Event::Interim);
-    EXPECT_FALSE(head.isComplete());
-    head.feed("HTTP/1.1 200 OK\r\n");
-    head.feed("Content-Length: 3\r\n");
-    EXPECT_EQ(head.feed("\r\n"), Event::Final);
-    EXPECT_EQ(head.headers(), (HttpHeaders{{"content-length", "3"}}));
-}
-
-TEST(ResponseHeadTest, ARedirectWithoutLocationIsTheAnswer) {
-    ResponseHead head;
-    head.feed("HTTP/1.1 304 Not Modified\r\n");
-    EXPECT_EQ(head.feed("\r\n"), Event::Final);
-    EXPECT_EQ(head.code(), 304);
-}
-
-TEST(ResponseHeadTest, TrailersAfterTheFinalHeadAreIgnored) {
-    ResponseHead head;
-    head.feed("HTTP/1.1 200 OK\r\n");
-    head.feed("\r\n");
-    EXPECT_EQ(head.feed("X-Checksum: 1234\r\n"), Event::None);
-    EXPECT_EQ(head.feed("\r\n"), Event::None);
-    EXPECT_TRUE(head.headers().empty());
-    head.reset();
-    EXPECT_FALSE(head.isComplete());
-    EXPECT_EQ(head.code(), 0);
-}
-
-TEST(ResponseHeadTest, LinesWithoutANameOrColonAreSkipped) {
-    ResponseHead head;
-    head.feed("HTTP/1.1 200 OK\r\n");
-    head.feed("garbage\r\n");
-    head.feed(": no name\r\n");
-    head.feed("\r\n");
-    EXPECT_TRUE(head.headers().empty());
+TEST(ResponseHeadTest, TheFinalHeadCarriesLowerCasedHeadersWithRepeatedNamesJoined) {
+    const struct {
+        // Lines fed, separated by "|".
+        std::string head;
+        // The event of each blank line (N none, I interim, F final), or T when it grew too large.
+        std::string events;
+        std::int64_t code;
+        HttpHeaders headers;
+    } rows[] = {
+        {"HTTP/1.1 200 OK|Content-Type: text/plain|ETag:  \"abc\" |Vary: Accept|vary: Origin|"
+         "X-Empty:|garbage|: no name|",
+         "F",
+         200,
+         {{"content-type", "text/plain"},
+          {"etag", "\"abc\""},
+          {"vary", "Accept, Origin"},
+          {"x-empty", ""}}},
+        // Interim answers and followed redirects come before the answer.
+        {"HTTP/1.1 100 Continue||HTTP/1.1 302 Found|Location: /x|Set-Cookie: a=1||"
+         "HTTP/1.1 200 OK|Content-Length: 3|",
+         "IIF",
+         200,
+         {{"content-length", "3"}}},
+        {"HTTP/1.1 304 Not Modified|", "F", 304, {}},  // a redirect without a location
+        {"HTTP/1.1 200 OK||X-Trailer: 1|", "FN", 200, {}},
+        {"|HTTP/1.1 200 OK|", "NF", 200, {}},
+        {"HTTP/1.0 206 Partial Content|", "F", 206, {}},
+        {"HTTP/2 404 |", "F", 404, {}},
+        {"HTTP/1.1|HTTP/1.1 20 Short|", "N", 0, {}},  // no status lines
+        {"HTTP/1.1 200 OK|X-Big: " + std::string(ResponseHead::kMaxHeadBytes, 'x'), "T", 200, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.head.substr(0, 80));
+        ResponseHead head;
+        std::string events;
+        std::size_t at = 0;
+        for (std::size_t end = 0; end != std::string::npos; at = end + 1) {
+            end = row.head.find('|', at);
+            const auto line = row.head.substr(at, end - at);
+            const auto event = head.feed(line + "\r\n");
+            if (event == Event::TooLarge || line.empty()) {
+                events += "NIFT"[static_cast<int>(event)];
+            }
+        }
+        EXPECT_EQ(events, row.events);
+        EXPECT_EQ(head.isComplete(), row.events.find('F') != std::string::npos);
+        EXPECT_EQ(head.code(), row.code);
+        EXPECT_EQ(head.headers(), row.headers);
+        for (const auto& [name, value] : row.headers) {
+            EXPECT_EQ(head.header(name), value);
+        }
+        head.reset();
+        EXPECT_FALSE(head.isComplete());
+        EXPECT_EQ(head.code(), 0);
+        EXPECT_TRUE(head.headers().empty());
+    }
 }
 
 }  // namespace

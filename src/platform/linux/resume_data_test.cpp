@@ -16,11 +16,6 @@ ResumeData sample(const std::string& localPath) {
                       "\"e-1\"", "Tue, 01 Oct 2024 10:00:00 GMT"};
 }
 
-TEST(ResumeDataTest, FilesSitBesideTheDestination) {
-    EXPECT_EQ(resumeDataPathFor("/data/pack.zip"), "/data/pack.zip.rd");
-    EXPECT_EQ(partialFilePathFor("/data/pack.zip"), "/data/pack.zip.part");
-}
-
 TEST(ResumeDataTest, TheAccessTokenIsLeftOutOfTheUrl) {
     const struct {
         const char* url;
@@ -38,62 +33,57 @@ TEST(ResumeDataTest, TheAccessTokenIsLeftOutOfTheUrl) {
     }
 }
 
-TEST(ResumeDataTest, EncodedDataDecodesToTheSameRecord) {
+TEST(ResumeDataTest, OnlyWhatThisLibraryEncodedDecodes) {
     ResumeData data = sample("/data/pack.zip");
     data.url = "https://example.test/a \"quoted\"\\path?x=1";
     EXPECT_EQ(decodeResumeData(encodeResumeData(data)), data);
+    auto newer = encodeResumeData(data);
+    newer.replace(newer.find("\"version\":1"), 11, "\"version\":2");
+    for (const std::string& text :
+         {std::string(), std::string("bplist00"), std::string("[1, 2]"), newer,
+          std::string(R"({"url": "https://example.test/pack.zip"})"),
+          std::string(R"({"format":"terrane-resume-data","version":1,"url":"u",)"
+                      R"("partialPath":"p","bytes":-1,"etag":"","lastModified":""})")}) {
+        EXPECT_FALSE(decodeResumeData(text)) << text;
+    }
 }
 
-TEST(ResumeDataTest, AnythingNotWrittenByThisLibraryIsRefused) {
-    EXPECT_FALSE(decodeResumeData(""));
-    EXPECT_FALSE(decodeResumeData("bplist00"));
-    EXPECT_FALSE(decodeResumeData("[1, 2]"));
-    EXPECT_FALSE(decodeResumeData(R"({"url": "https://example.test/pack.zip"})"));
-    auto text = encodeResumeData(sample("/p"));
-    EXPECT_FALSE(decodeResumeData(text.replace(text.find("\"version\":1"), 11, "\"version\":2")));
-    EXPECT_FALSE(decodeResumeData(R"({"format":"terrane-resume-data","version":1,"url":"u",)"
-                                  R"("partialPath":"p","bytes":-1,"etag":"","lastModified":""})"));
-}
-
-TEST(ResumeDataTest, StoredDataIsValidOnlyForTheSameUrlAndDestination) {
+TEST(ResumeDataTest, OnlyValidDataForTheSameUrlAndDestinationLoads) {
     ScratchDirectory scratch;
     const std::string localPath = scratch.file("pack.zip");
-    ASSERT_TRUE(storeResumeData(localPath, sample(localPath)));
-
     DownloadOptions options(HttpRequest("https://example.test/pack.zip"), localPath, true);
+    EXPECT_EQ(loadResumeData(options), nullopt);  // none stored
+    ASSERT_TRUE(storeResumeData(localPath, sample(localPath)));
+    EXPECT_EQ(resumeDataPathFor(localPath), localPath + ".rd");
     EXPECT_EQ(loadResumeData(options), sample(localPath));
 
+    // A renewed token still resumes; another URL does not, and its data stays where it is.
+    options.request.url = "https://example.test/pack.zip?access_token=new";
+    EXPECT_EQ(loadResumeData(options), sample(localPath));
     options.request.url = "https://example.test/other.zip";
     EXPECT_EQ(loadResumeData(options), nullopt);
-    // Invalid data stays where it is.
     EXPECT_TRUE(std::filesystem::exists(resumeDataPathFor(localPath)));
 
+    // Its partial file belongs to another destination.
     DownloadOptions moved(HttpRequest("https://example.test/pack.zip"), scratch.file("x.zip"));
     std::filesystem::copy_file(resumeDataPathFor(localPath), resumeDataPathFor(moved.localPath));
-    EXPECT_EQ(loadResumeData(moved), nullopt);  // its partial file belongs to another destination
-}
+    EXPECT_EQ(loadResumeData(moved), nullopt);
 
-TEST(ResumeDataTest, DataWithoutAValidatorCannotResume) {
-    ScratchDirectory scratch;
-    const std::string localPath = scratch.file("pack.zip");
+    // Without an entity tag the date is the validator; without either there is nothing to resume.
     auto data = sample(localPath);
     data.etag.clear();
     ASSERT_TRUE(storeResumeData(localPath, data));
-    const DownloadOptions options(HttpRequest(data.url), localPath, true);
+    options.request.url = data.url;
     EXPECT_EQ(loadResumeData(options)->ifRangeValidator(), data.lastModified);
     data.lastModified.clear();
     ASSERT_TRUE(storeResumeData(localPath, data));
     EXPECT_EQ(loadResumeData(options), nullopt);
-}
 
-TEST(ResumeDataTest, MissingOrUnreadableDataIsNone) {
-    ScratchDirectory scratch;
-    const std::string localPath = scratch.file("pack.zip");
-    const DownloadOptions options(HttpRequest("https://example.test/pack.zip"), localPath, true);
-    EXPECT_EQ(loadResumeData(options), nullopt);
+    // Unreadable data is none, and removing it fails quietly.
+    std::filesystem::remove(resumeDataPathFor(localPath));
     std::filesystem::create_directory(resumeDataPathFor(localPath));
     EXPECT_EQ(loadResumeData(options), nullopt);
-    removeResumeData(localPath);  // a directory is not removed, and nothing fails
+    removeResumeData(localPath);
     EXPECT_TRUE(std::filesystem::is_directory(resumeDataPathFor(localPath)));
 }
 
