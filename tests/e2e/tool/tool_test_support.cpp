@@ -144,23 +144,13 @@ void writeSource(const fs::path& directory, const SourcePacks& sizes) {
     writeFile(
         directory / "harbour.geojson",
         R"({"type":"Feature","properties":{},"geometry":{"type":"Point","coordinates":[10.5,59.9]}})");
-    writeFile(directory / "regions.json", R"({
-  "regions": {
-    "harbour": {
-      "name": "Harbour City",
-      "description": "Test region",
-      "revision": 2,
-      "last_updated": "2024-03-01T10:00:00Z",
-      "geography": "harbour.geojson",
-      "packs": {
+    writeFile(directory / "regions.json", R"({"regions": {
+    "harbour": {"name": "Harbour City", "description": "Test region", "revision": 2,
+      "last_updated": "2024-03-01T10:00:00Z", "geography": "harbour.geojson", "packs": {
         "maps": {"file": "harbour-maps.bin", "data_version": "2024.03"},
-        "navigation": "harbour-navigation.bin"
-      }
-    },
+        "navigation": "harbour-navigation.bin"}},
     "plain": {"revision": 5, "description": "Plain\u001b[2J\r\nforged line",
-              "packs": {"maps": "plain-maps.bin"}}
-  }
-})");
+      "packs": {"maps": "plain-maps.bin"}}}})");
 }
 
 void publish(const fs::path& source, const fs::path& out, const std::string& user) {
@@ -171,20 +161,16 @@ void publish(const fs::path& source, const fs::path& out, const std::string& use
 std::vector<AccessEntry> readAccessLog(const fs::path& log) {
     std::vector<AccessEntry> entries;
     std::istringstream in(readFile(log));
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        AccessEntry entry;
-        std::string range;
-        std::string ifRange;
-        std::string ifNoneMatch;
-        fields >> entry.method >> entry.path >> entry.status >> entry.bytes >> range >> ifRange >>
-            ifNoneMatch;
-        const auto value = [](const std::string& field) {
-            const std::string raw = field.substr(field.find('=') + 1);
-            return raw == "-" ? std::string() : raw;
-        };
-        entry.range = value(range);
-        entry.ifNoneMatch = value(ifNoneMatch);
+    AccessEntry entry;
+    // Header fields come as name=value, "-" for none.
+    std::string range;
+    std::string ifRange;
+    std::string ifNoneMatch;
+    while (in >> entry.method >> entry.path >> entry.status >> entry.bytes >> range >> ifRange >>
+           ifNoneMatch) {
+        entry.range = range.ends_with("=-") ? "" : range.substr(range.find('=') + 1);
+        entry.ifNoneMatch =
+            ifNoneMatch.ends_with("=-") ? "" : ifNoneMatch.substr(ifNoneMatch.find('=') + 1);
         entries.push_back(entry);
     }
     return entries;
