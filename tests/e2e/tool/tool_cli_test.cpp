@@ -1,5 +1,6 @@
 // What a user sees when the tool cannot work: one clear line on stderr and the documented exit
-// status, never a crash, the access token or a storage made for nothing; and what `publish` writes.
+// status, never a crash, the access token or a storage made for nothing; the demo end to end; and
+// what `publish` writes.
 
 #include <gtest/gtest.h>
 
@@ -57,6 +58,7 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
     } rows[] = {
         {"", 2, ""},
         {"--help", 0, "Downloads and manages offline map and navigation packs."},
+        {"demo --rate 0", 0, "The sample server answered"},
         {"--storage {dir}/s download", 2, ""},
         {"{s} download x --domain roads", 2, ""},
         {"serve {dir}/nowhere", 2, ""},
@@ -66,6 +68,8 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
         {"--storage {dir}/s delete x", 2, "delete needs --user NAME"},
         {"publish {dir}/source {dir}/www", 2, "publish needs --user NAME"},
         {"publish {dir}/source {dir}/www --user ../eve", 2, "--user must be a name of letters"},
+        {"publish {dir}/source {dir}/plain-file/www --user alice", 5,
+         "cannot create '{dir}/plain-file/www/offline-data/v1/alice/"},
         {"--storage {dir}/s --base-url ftp://x --user a regions", 2,
          "--base-url must be an http:// or https://"},
         {"{file} download harbour", 5, "storage directory '{dir}/plain-file/s' is not usable"},
@@ -117,6 +121,10 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
             EXPECT_EQ((result.out + result.err).find(never), std::string::npos) << never;
         }
     }
+    const RunResult homeless = runTool({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
+    EXPECT_EQ(homeless.status, 5);
+    EXPECT_NE(homeless.err.find("no storage directory: neither XDG_DATA_HOME nor HOME is set"),
+              std::string::npos);
     EXPECT_FALSE(fs::exists(scratch.path() / "fresh"));
     EXPECT_FALSE(fs::exists(scratch.path() / "www" / "offline-data" / "v1" / "alice" / "regions"));
 }

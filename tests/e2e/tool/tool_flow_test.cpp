@@ -124,18 +124,33 @@ TEST_P(ToolFlowTest, ListsResumesRecoversRenewsAndDeletes) {
         EXPECT_EQ(result.status, 1);
         EXPECT_NE(result.err.find(refusal.says), std::string::npos) << result.err;
     }
-    if (GetParam()) {
-        // nginx plays the strict server; `serve` ignores access tokens by design.
-        baseUrl_ = server_->baseUrl;
-        for (const auto& words : {std::vector<std::string>{"regions"}, {"download", "harbour"}}) {
-            result = runTool(withGlobals(words, "locked"), {"TERRANE_ACCESS_TOKEN=wrong-0815"});
-            EXPECT_EQ(result.status, 3);
-            EXPECT_EQ(result.err, "terrane-offline: the catalogue at " + baseUrl_ +
-                                      " refused access for user 'locked': Invalid access token\n");
-            EXPECT_EQ(result.out.find("wrong-0815"), std::string::npos);
+    // A user the catalogue has nothing for, one whose catalogue is garbage, and (nginx plays the
+    // strict server; `serve` ignores access tokens by design) one whose token is refused.
+    writeFile(www() / "offline-data" / "v1" / "garbage" / "regions", "<html>");
+    baseUrl_ = server_->baseUrl;
+    const struct {
+        std::string user;
+        int status;
+        std::string says;
+    } users[] = {
+        {"nobody", 1, "has nothing for user 'nobody': "},
+        {"garbage", 1, "gave an unusable answer: "},
+        {"locked", 3, "refused access for user 'locked': Invalid access token"},
+    };
+    for (const auto& user : users) {
+        if (user.user == "locked" && !GetParam()) {
+            continue;
         }
-        baseUrl_ = server_->slowBaseUrl;
+        for (const auto& words : {std::vector<std::string>{"regions"}, {"download", "harbour"}}) {
+            result = runTool(withGlobals(words, user.user), {"TERRANE_ACCESS_TOKEN=wrong-0815"});
+            EXPECT_EQ(result.status, user.status) << result.err;
+            EXPECT_TRUE(result.err.starts_with("terrane-offline: the catalogue at " + baseUrl_ +
+                                               " " + user.says))
+                << result.err;
+            EXPECT_EQ((result.out + result.err).find("wrong-0815"), std::string::npos);
+        }
     }
+    baseUrl_ = server_->slowBaseUrl;
 
     // Ctrl-C, then a kill: each run resumes where the one before stopped.
     auto child = startDownload(512 * 1024);
