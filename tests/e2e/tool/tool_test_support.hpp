@@ -27,7 +27,10 @@ inline const std::string kTool = TERRANE_OFFLINE_TOOL;
 class ScratchDirectory {
   public:
     ScratchDirectory();
-    ~ScratchDirectory() { fs::remove_all(path_); }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
     const fs::path& path() const { return path_; }
