@@ -5,24 +5,20 @@
 namespace terrane::common {
 namespace {
 
-OfflineDataRegionMetadata region(std::string id, std::uint32_t revision) {
-    OfflineDataRegionMetadata described;
-    described.id = std::move(id);
-    described.revision = revision;
-    return described;
-}
-
 TEST(FindRegion, PicksTheLatestRevisionUnlessOneIsNamed) {
-    const std::vector catalogue{region("harbour", 2), region("harbour", 7), region("hills", 1),
-                                region("harbour", 5)};
-    struct Row {
+    std::vector<OfflineDataRegionMetadata> catalogue;
+    for (const auto& [id, revision] :
+         {std::pair{"harbour", 2u}, {"harbour", 7u}, {"hills", 1u}, {"harbour", 5u}}) {
+        catalogue.emplace_back().id = id;
+        catalogue.back().revision = revision;
+    }
+    const struct {
         std::string id;
         optional<std::uint32_t> revision;
         // 0: NotFound, with the message.
         std::uint32_t found;
         std::string message;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"harbour", nullopt, 7, ""},
         {"harbour", 5, 5, ""},
         {"hills", nullopt, 1, ""},

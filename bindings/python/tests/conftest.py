@@ -1,8 +1,9 @@
-"""Shared pieces: a pack server on 127.0.0.1, a Python HTTP service over urllib, a recording
-observer."""
+"""Shared pieces: a catalogue served by terrane-offline on 127.0.0.1, a Python HTTP service over
+urllib, a recording observer."""
 
-import hashlib
-import http.server
+import os
+import re
+import shutil
 import subprocess
 import sys
 import threading
@@ -14,63 +15,30 @@ import pytest
 import terrane_common as t
 
 PACK = bytes(range(256)) * 64
+TOOL = os.environ.get("TERRANE_OFFLINE", "terrane-offline")
 
 
-class PackServer:
-    """Serves {path: bytes} with a lease; a pack stalls `delay` seconds half-way."""
-
-    def __init__(self, files, delay=0.0):
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            def do_GET(self):
-                body = files.get(self.path.split("?")[0])
-                if body is None:
-                    return self.send_error(404)
-                self.send_response(200)
-                self.send_header("Content-Length", str(len(body)))
-                self.send_header("Cache-Control", "max-age=3600")
-                self.end_headers()
-                if self.command == "GET":
-                    half = len(body) // 2 if delay and self.path.startswith("/packs/") else 0
-                    self.wfile.write(body[:half])
-                    self.wfile.flush()
-                    threading.Event().wait(delay if half else 0)
-                    self.wfile.write(body[half:])
-
-            do_HEAD = do_GET
-
-            def log_message(self, *args):
-                pass
-
-        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.url = f"http://127.0.0.1:{self.server.server_port}"
-        self.thread = threading.Thread(target=self.server.serve_forever, daemon=True)
-        self.thread.start()
-
-    def close(self):
-        self.server.shutdown()
-        self.server.server_close()
-
-
-def catalogue(url, region="harbour", pack=PACK):
-    return ('{"%s": {"name": "Harbour", "revision": 3, "configuration": {"geography": null}, '
-            '"packs": [{"domain": "maps", "format": 1, "url": "%s/packs/maps", '
-            '"md5_checksum": "%s", "size": %d}]}}'
-            % (region, url, hashlib.md5(pack).hexdigest(), len(pack))).encode()
-
-
-def serve_catalogue(delay=0.0):
-    files = {}
-    server = PackServer(files, delay)
-    files.update({"/offline-data/v1/alice/regions": catalogue(server.url), "/packs/maps": PACK})
-    return server
-
-
-@pytest.fixture
-def pack_server():
-    server = serve_catalogue()
-    yield server
-    server.close()
+@pytest.fixture(scope="session")
+def catalogue(tmp_path_factory):
+    """The base URLs of two `terrane-offline serve` of region "harbour" (revision 2, PACK as its
+    maps pack) for user "alice": one at full speed, one at 1 KiB/s."""
+    if not shutil.which(TOOL):
+        pytest.skip("terrane-offline is not built")
+    source, site = tmp_path_factory.mktemp("packs"), tmp_path_factory.mktemp("site")
+    (source / "h-maps.bin").write_bytes(PACK)
+    (source / "regions.json").write_text(
+        '{"regions": {"harbour": {"revision": 2, "packs": {"maps": "h-maps.bin"}}}}')
+    subprocess.run([TOOL, "publish", str(source), str(site), "--user", "alice"], check=True,
+                   capture_output=True)
+    servers = [subprocess.Popen([TOOL, "serve", str(site), "--port", "0", "--rate", rate],
+                                stdout=subprocess.PIPE, text=True) for rate in ("0", "1024")]
+    try:
+        yield [re.search(r"http://127\.0\.0\.1:\d+", server.stdout.readline()).group(0)
+               for server in servers]
+    finally:
+        for server in servers:
+            server.terminate()
+            server.wait()
 
 
 class UrllibService:
@@ -102,9 +70,8 @@ class UrllibService:
         thread.start()
 
     def request(self, request, callback):
-        def run():
-            callback(t.HttpResponse(request=request, result=t.Expected(value=self._fetch(request))))
-        self._start(run)
+        self._start(lambda: callback(t.HttpResponse(
+            request=request, result=t.Expected(value=self._fetch(request)))))
         return t.next_http_request_id()
 
     def cancel_request(self, request_id, callback):
@@ -133,7 +100,7 @@ class UrllibService:
 
 
 class Recorder:
-    """An observer that records (callback, domain, status) and keeps acknowledgements."""
+    """An observer that records (callback, pack) and keeps acknowledgements."""
 
     def __init__(self, acknowledge=True):
         self.events, self.messages, self.acks = [], [], []
@@ -157,9 +124,7 @@ class Recorder:
         self._add("on_deleting", pack)
 
     def on_log_message(self, message):
-        with self.changed:
-            self.messages.append(message)
-            self.changed.notify_all()
+        self.messages.append(message)
 
     def wait(self, name, timeout=20):
         with self.changed:
@@ -167,8 +132,7 @@ class Recorder:
             return self.find(name)
 
     def find(self, name):
-        return next((pack for event, pack in self.events if event == name), None) or \
-            next((True for event, _ in self.events if event == name), None)
+        return next((pack or True for event, pack in self.events if event == name), None)
 
 
 def run_python(code, timeout=60):

@@ -58,6 +58,9 @@ TEST_F(ToolNetworkTest, OneAnswerPrintsTheStatusAndExitsByIt) {
         const RunResult result = runTool(row.arguments, environment_);
         EXPECT_EQ(result.out, row.out) << row.arguments.back();
         EXPECT_EQ(result.status, row.status) << row.arguments.back();
+        EXPECT_EQ(result.err, row.status == 0 ? ""
+                                              : "terrane-offline: " + row.arguments.back() +
+                                                    " cannot be reached\n");
     }
 }
 
@@ -67,7 +70,7 @@ TEST_F(ToolNetworkTest, WatchPrintsALinePerChangeUntilCtrlC) {
         GTEST_SKIP() << "neither dummy nor veth links can be made here";
     }
     ScratchDirectory work;
-    ChildProcess tool({toolPath(), "network", "--watch"}, work.path(), environment_);
+    ChildProcess tool({kTool, "network", "--watch"}, work.path(), environment_);
     std::string expected = "network: not reachable\n";
     EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
 

@@ -2,8 +2,13 @@
 // If-Range, conditional requests, the lease in Cache-Control, and a query (with the access token)
 // that changes nothing and is never logged.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "tool_test_support.hpp"
 
@@ -12,116 +17,123 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class ServeTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        content_ = patternBytes(100000, 9);
-        writeFile(scratch_.path() / "www" / "offline-data" / "v1" / "u" / "packs" / "p.pack",
-                  content_);
-        writeFile(scratch_.path() / "www" / "offline-data" / "v1" / "u" / "regions", "{}");
-        server_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{toolPath(), "serve", (scratch_.path() / "www").string(),
-                                     "--port", "0", "--max-age", "120", "--access-log",
-                                     (scratch_.path() / "access.log").string()},
-            scratch_.path() / "serve");
-        ASSERT_TRUE(eventually(
-            [this] { return server_->out().find("http://127.0.0.1:") != std::string::npos; }, 10s))
-            << server_->err();
-        const std::string out = server_->out();
-        port_ = static_cast<std::uint16_t>(std::stoi(out.substr(out.find("127.0.0.1:") + 10)));
-    }
+TEST(ToolServe, AnswersRangesConditionsAndLeasesFromBelowItsRootOnly) {
+    ScratchDirectory scratch;
+    const fs::path user = scratch.path() / "www" / "offline-data" / "v1" / "u";
+    const std::string content = patternBytes(100000, 9);
+    writeFile(user / "packs" / "p.pack", content);
+    writeFile(user / "regions", "{}");
+    const fs::path log = scratch.path() / "access.log";
+    ChildProcess server({kTool, "serve", (scratch.path() / "www").string(), "--port", "0",
+                         "--max-age", "120", "--access-log", log.string()},
+                        scratch.path() / "serve");
+    const std::uint16_t port = server.announcedPort();
+    httplib::Client client("127.0.0.1", port);
+    client.set_url_encode(false);
+    const std::string pack = "/offline-data/v1/u/packs/p.pack";
 
-    HttpAnswer get(const std::string& target, const std::vector<std::string>& headers = {}) {
-        return httpRequest(port_, "GET", target, headers);
-    }
-
-    const std::string pack_ = "/offline-data/v1/u/packs/p.pack";
-    ScratchDirectory scratch_;
-    std::string content_;
-    std::unique_ptr<ChildProcess> server_;
-    std::uint16_t port_ = 0;
-};
-
-TEST_F(ServeTest, WholeFileCarriesAStrongTagTheLeaseAndItsLength) {
-    const HttpAnswer answer = get(pack_);
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body, content_);
-    EXPECT_EQ(answer.headers.at("content-length"), "100000");
-    EXPECT_EQ(answer.headers.at("cache-control"), "max-age=120");
-    EXPECT_EQ(answer.headers.at("accept-ranges"), "bytes");
-    const std::string etag = answer.headers.at("etag");
+    const auto whole = client.Get(pack);
+    ASSERT_TRUE(whole);
+    EXPECT_EQ(whole->body, content);
+    EXPECT_EQ(whole->get_header_value("Content-Length"), "100000");
+    EXPECT_EQ(whole->get_header_value("Accept-Ranges"), "bytes");
+    const std::string etag = whole->get_header_value("ETag");
     EXPECT_TRUE(etag.starts_with("\"") && etag.ends_with("\"")) << etag;
-    EXPECT_EQ(get(pack_).headers.at("etag"), etag) << "the tag must be stable";
-}
 
-TEST_F(ServeTest, RangesAreHonouredOnlyWhileIfRangeStillMatches) {
-    const std::string etag = get(pack_).headers.at("etag");
+    const struct {
+        std::string method;
+        std::string target;
+        httplib::Headers headers;
+        int status;
+        std::optional<std::string> body;
+        std::string header;
+        std::string value;
+    } rows[] = {
+        {"GET", pack, {}, 200, content, "Cache-Control", "max-age=120"},
+        {"GET", pack, {}, 200, content, "ETag", etag},
+        {"GET",
+         pack,
+         {{"Range", "bytes=99000-"}},
+         206,
+         content.substr(99000),
+         "Content-Range",
+         "bytes 99000-99999/100000"},
+        {"GET",
+         pack,
+         {{"Range", "bytes=10-19"}, {"If-Range", etag}},
+         206,
+         content.substr(10, 10),
+         "Content-Range",
+         "bytes 10-19/100000"},
+        {"GET", pack, {{"Range", "bytes=-5"}}, 206, content.substr(99995), "", ""},
+        {"GET", pack, {{"Range", "bytes=10-"}, {"If-Range", "\"another\""}}, 200, content, "", ""},
+        {"GET",
+         pack,
+         {{"Range", "bytes=100000-"}},
+         416,
+         std::nullopt,
+         "Content-Range",
+         "bytes */100000"},
+        {"HEAD", pack, {{"If-None-Match", etag}}, 304, "", "Cache-Control", "max-age=120"},
+        {"GET", pack + "?access_token=very-secret-token&x=1", {}, 200, content, "", ""},
+        {"GET", "/offline-data/v1/u/regions", {}, 200, "{}", "Content-Type", "application/json"},
+        {"GET", "/offline-data/v1/u/packs/missing", {}, 404, "{\"message\":\"Not found\"}", "", ""},
+        {"GET", "/offline-data/v1/u/packs", {}, 404, std::nullopt, "", ""},
+        {"GET", "/../../../../etc/passwd", {}, 404, std::nullopt, "", ""},
+        {"GET",
+         "/offline-data/%2e%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/passwd",
+         {},
+         404,
+         std::nullopt,
+         "",
+         ""},
+        {"POST", pack, {}, 405, std::nullopt, "", ""},
+    };
+    for (const auto& row : rows) {
+        httplib::Request request;
+        request.method = row.method;
+        request.path = row.target;
+        request.headers = row.headers;
+        const auto answer = client.send(request);
+        ASSERT_TRUE(answer) << row.target;
+        EXPECT_EQ(answer->status, row.status) << row.method << " " << row.target;
+        if (row.body) {
+            EXPECT_EQ(answer->body, *row.body) << row.target;
+        }
+        if (!row.header.empty()) {
+            EXPECT_EQ(answer->get_header_value(row.header.c_str()), row.value) << row.target;
+        }
+    }
 
-    HttpAnswer answer = get(pack_, {"Range: bytes=99000-"});
-    EXPECT_EQ(answer.status, 206);
-    EXPECT_EQ(answer.headers.at("content-range"), "bytes 99000-99999/100000");
-    EXPECT_EQ(answer.body, content_.substr(99000));
+    writeFile(user / "packs" / "p.pack", patternBytes(100000, 10));
+    const auto changed = client.Head(pack, {{"If-None-Match", etag}});
+    ASSERT_TRUE(changed);
+    EXPECT_EQ(changed->status, 200);
+    EXPECT_NE(changed->get_header_value("ETag"), etag) << "same size, new content, new tag";
 
-    answer = get(pack_, {"Range: bytes=10-19", "If-Range: " + etag});
-    EXPECT_EQ(answer.status, 206);
-    EXPECT_EQ(answer.body, content_.substr(10, 10));
+    // A port that a listener without SO_REUSEPORT holds.
+    const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(holder, reinterpret_cast<sockaddr*>(&address), length);
+    ::listen(holder, 1);
+    ::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length);
+    const std::string held = std::to_string(ntohs(address.sin_port));
+    const RunResult refused = runTool({"serve", scratch.path().string(), "--port", held}, {}, 10s);
+    ::close(holder);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("cannot listen on 127.0.0.1:" + held), std::string::npos)
+        << refused.err;
 
-    answer = get(pack_, {"Range: bytes=-5"});
-    EXPECT_EQ(answer.body, content_.substr(99995));
-
-    answer = get(pack_, {"Range: bytes=10-", "If-Range: \"another-version\""});
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body.size(), content_.size());
-
-    answer = get(pack_, {"Range: bytes=100000-"});
-    EXPECT_EQ(answer.status, 416);
-    EXPECT_EQ(answer.headers.at("content-range"), "bytes */100000");
-}
-
-TEST_F(ServeTest, ConditionalHeadAnswersNotModifiedUntilTheFileChanges) {
-    const std::string etag = get(pack_).headers.at("etag");
-    HttpAnswer answer = httpRequest(port_, "HEAD", pack_, {"If-None-Match: " + etag});
-    EXPECT_EQ(answer.status, 304);
-    EXPECT_EQ(answer.headers.at("etag"), etag);
-    EXPECT_EQ(answer.headers.at("cache-control"), "max-age=120");
-
-    writeFile(scratch_.path() / "www" / "offline-data" / "v1" / "u" / "packs" / "p.pack",
-              patternBytes(100000, 10));
-    answer = httpRequest(port_, "HEAD", pack_, {"If-None-Match: " + etag});
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_NE(answer.headers.at("etag"), etag) << "same size, new content, new tag";
-    EXPECT_TRUE(answer.body.empty());
-}
-
-TEST_F(ServeTest, AccessTokenQueryIsIgnoredAndKeptOutOfTheLog) {
-    const HttpAnswer answer = get(pack_ + "?access_token=very-secret-token&x=1");
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body, content_);
-    ASSERT_TRUE(
-        eventually([this] { return !readAccessLog(scratch_.path() / "access.log").empty(); }, 5s));
-    const std::string log = readFile(scratch_.path() / "access.log");
-    EXPECT_EQ(log.find("very-secret-token"), std::string::npos) << log;
-    const auto entries = readAccessLog(scratch_.path() / "access.log");
-    EXPECT_EQ(entries.back().path, pack_);
-    EXPECT_EQ(entries.back().bytes, 100000u);
-}
-
-TEST_F(ServeTest, OnlyFilesBelowTheRootAreServedAndOnlyForReading) {
-    EXPECT_EQ(get("/offline-data/v1/u/packs/missing").status, 404);
-    EXPECT_EQ(get("/offline-data/v1/u/packs/missing").body, "{\"message\":\"Not found\"}");
-    EXPECT_EQ(get("/offline-data/v1/u/packs").status, 404) << "directories are not listed";
-    EXPECT_EQ(get("/../../../../etc/passwd").status, 404);
-    EXPECT_EQ(get("/offline-data/%2e%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/passwd").status, 404);
-    EXPECT_EQ(httpRequest(port_, "POST", pack_).status, 405);
-    EXPECT_EQ(get("/offline-data/v1/u/regions").headers.at("content-type"), "application/json");
-}
-
-TEST_F(ServeTest, CtrlCStopsTheServerCleanly) {
-    server_->signal(SIGINT);
-    const auto status = server_->wait(10s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(*status, 0) << server_->err();
-    EXPECT_NE(server_->out().find("Stopped after"), std::string::npos);
+    server.signal(SIGINT);
+    EXPECT_EQ(server.wait(10s), 0) << server.err();
+    EXPECT_NE(server.out().find("Stopped after"), std::string::npos);
+    EXPECT_EQ(readFile(log).find("very-secret-token"), std::string::npos);
+    for (const AccessEntry& entry : readAccessLog(log)) {
+        EXPECT_EQ(entry.path.find('?'), std::string::npos) << "the query is never logged";
+    }
 }
 
 }  // namespace

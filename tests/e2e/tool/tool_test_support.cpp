@@ -3,27 +3,20 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <terrane/value/value_converter.hpp>
-#include <thread>
 
 namespace terrane::tool::test {
 
 using namespace std::chrono_literals;
-
-std::string toolPath() {
-    return TERRANE_OFFLINE_TOOL;
-}
 
 ScratchDirectory::ScratchDirectory() {
     std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
@@ -33,35 +26,11 @@ ScratchDirectory::ScratchDirectory() {
     path_ = pattern;
 }
 
-ScratchDirectory::~ScratchDirectory() {
-    std::error_code ignored;
-    // Directories a test made read-only must not stop the clean-up.
-    for (auto entry = fs::recursive_directory_iterator(path_, ignored);
-         !ignored && entry != fs::recursive_directory_iterator(); entry.increment(ignored)) {
-        if (entry->is_directory(ignored)) {
-            fs::permissions(entry->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-        }
-    }
-    fs::remove_all(path_, ignored);
-}
-
-std::vector<std::string> RunResult::errLines() const {
-    std::vector<std::string> lines;
-    std::istringstream in(err);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty()) {
-            lines.push_back(line);
-        }
-    }
-    return lines;
-}
-
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
                            const std::vector<std::string>& environment) {
     fs::create_directories(work);
     static int counter = 0;
-    const std::string stem =
-        "child-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+    const std::string stem = "child-" + std::to_string(++counter);
     outPath_ = work / (stem + ".out");
     errPath_ = work / (stem + ".err");
     std::vector<std::string> copies = arguments;
@@ -72,16 +41,12 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::
     argv.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ == 0) {
-        const int in = ::open("/dev/null", O_RDONLY);
-        const int out = ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = ::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(err, 2);
+        ::dup2(::open("/dev/null", O_RDONLY), 0);
+        ::dup2(::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+        ::dup2(::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
         ::unsetenv("TERRANE_ACCESS_TOKEN");
         for (const std::string& variable : environment) {
-            const auto equals = variable.find('=');
-            ::setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
+            ::putenv(::strdup(variable.c_str()));
         }
         ::execv(argv[0], argv.data());
         ::_exit(127);
@@ -105,23 +70,16 @@ void ChildProcess::signal(int number) {
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
+    int raw = 0;
     if (pid_ <= 0) {
         return status_;
     }
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (true) {
-        int raw = 0;
-        const pid_t done = ::waitpid(pid_, &raw, WNOHANG);
-        if (done == pid_) {
-            pid_ = -1;
-            status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
-            return status_;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(10ms);
+    if (!eventually([&] { return ::waitpid(pid_, &raw, WNOHANG) == pid_; }, limit)) {
+        return std::nullopt;
     }
+    pid_ = -1;
+    status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
+    return status_;
 }
 
 std::string ChildProcess::out() const {
@@ -131,22 +89,28 @@ std::string ChildProcess::err() const {
     return readFile(errPath_);
 }
 
-RunResult ChildProcess::result() const {
-    return RunResult{status_, out(), err()};
+std::uint16_t ChildProcess::announcedPort() const {
+    const std::string prefix = "http://127.0.0.1:";
+    if (!eventually([&] { return out().find(prefix) != std::string::npos; }, 10s)) {
+        throw std::runtime_error("no server address announced: " + err());
+    }
+    const std::string text = out();
+    return static_cast<std::uint16_t>(std::stoi(text.substr(text.find(prefix) + prefix.size())));
 }
 
 RunResult runTool(const std::vector<std::string>& arguments,
                   const std::vector<std::string>& environment, std::chrono::seconds limit) {
     ScratchDirectory work;
-    std::vector<std::string> command{toolPath()};
+    std::vector<std::string> command{kTool};
     command.insert(command.end(), arguments.begin(), arguments.end());
     ChildProcess child(command, work.path(), environment);
-    if (!child.wait(limit)) {
-        child.signal(SIGKILL);
-        child.wait(10s);
+    auto status = child.wait(limit);
+    if (!status) {
         ADD_FAILURE() << "terrane-offline did not finish within " << limit.count() << " s";
+        child.signal(SIGKILL);
+        status = child.wait(10s);
     }
-    return child.result();
+    return RunResult{status.value_or(-1), child.out(), child.err()};
 }
 
 std::string patternBytes(std::size_t size, std::uint32_t seed) {
@@ -163,8 +127,7 @@ std::string patternBytes(std::size_t size, std::uint32_t seed) {
 
 void writeFile(const fs::path& path, const std::string& contents) {
     fs::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << contents;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
 }
 
 std::string readFile(const fs::path& path) {
@@ -181,23 +144,13 @@ void writeSource(const fs::path& directory, const SourcePacks& sizes) {
     writeFile(
         directory / "harbour.geojson",
         R"({"type":"Feature","properties":{},"geometry":{"type":"Point","coordinates":[10.5,59.9]}})");
-    writeFile(directory / "regions.json", R"({
-  "regions": {
-    "harbour": {
-      "name": "Harbour City",
-      "description": "Test region",
-      "revision": 2,
-      "last_updated": "2024-03-01T10:00:00Z",
-      "geography": "harbour.geojson",
-      "packs": {
+    writeFile(directory / "regions.json", R"({"regions": {
+    "harbour": {"name": "Harbour City", "description": "Test region", "revision": 2,
+      "last_updated": "2024-03-01T10:00:00Z", "geography": "harbour.geojson", "packs": {
         "maps": {"file": "harbour-maps.bin", "data_version": "2024.03"},
-        "navigation": "harbour-navigation.bin"
-      }
-    },
+        "navigation": "harbour-navigation.bin"}},
     "plain": {"revision": 5, "description": "Plain\u001b[2J\r\nforged line",
-              "packs": {"maps": "plain-maps.bin"}}
-  }
-})");
+      "packs": {"maps": "plain-maps.bin"}}}})");
 }
 
 void publish(const fs::path& source, const fs::path& out, const std::string& user) {
@@ -208,22 +161,16 @@ void publish(const fs::path& source, const fs::path& out, const std::string& use
 std::vector<AccessEntry> readAccessLog(const fs::path& log) {
     std::vector<AccessEntry> entries;
     std::istringstream in(readFile(log));
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        AccessEntry entry;
-        std::string range;
-        std::string ifRange;
-        std::string ifNoneMatch;
-        fields >> entry.method >> entry.path >> entry.status >> entry.bytes >> range >> ifRange >>
-            ifNoneMatch;
-        const auto value = [](const std::string& field) {
-            const auto equals = field.find('=');
-            const std::string raw = equals == std::string::npos ? "" : field.substr(equals + 1);
-            return raw == "-" ? std::string() : raw;
-        };
-        entry.range = value(range);
-        entry.ifRange = value(ifRange);
-        entry.ifNoneMatch = value(ifNoneMatch);
+    AccessEntry entry;
+    // Header fields come as name=value, "-" for none.
+    std::string range;
+    std::string ifRange;
+    std::string ifNoneMatch;
+    while (in >> entry.method >> entry.path >> entry.status >> entry.bytes >> range >> ifRange >>
+           ifNoneMatch) {
+        entry.range = range.ends_with("=-") ? "" : range.substr(range.find('=') + 1);
+        entry.ifNoneMatch =
+            ifNoneMatch.ends_with("=-") ? "" : ifNoneMatch.substr(ifNoneMatch.find('=') + 1);
         entries.push_back(entry);
     }
     return entries;
@@ -231,166 +178,72 @@ std::vector<AccessEntry> readAccessLog(const fs::path& log) {
 
 namespace {
 
-bool accepts(std::uint16_t port) {
-    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    const bool connected =
-        ::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(probe);
-    return connected;
+std::string nginxConfiguration(const ServerSettings& settings, std::uint16_t port) {
+    const std::string work = settings.work.string();
+    const std::string root = settings.root.string();
+    const std::string cache =
+        "add_header Cache-Control \"max-age=" + std::to_string(settings.maxAge) + "\";";
+    std::string temporary;
+    for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+        temporary += "  " + std::string(kind) + "_temp_path " + work + "/" + kind + ";\n";
+    }
+    return "daemon off;\nmaster_process off;\nworker_processes 1;\npid " + work +
+           "/nginx.pid;\nerror_log " + work +
+           "/error.log warn;\nevents { worker_connections 256; }\nhttp {\n" +
+           "  log_format tool escape=none '$request_method $uri $status $body_bytes_sent "
+           "range=$http_range if-range=$http_if_range if-none-match=$http_if_none_match';\n" +
+           "  access_log " + work + "/access.log tool;\n" + temporary +
+           "  default_type application/octet-stream;\n  server {\n    listen 127.0.0.1:" +
+           std::to_string(port) + ";\n    root " + root + ";\n    location / { " + cache +
+           " }\n    location /slow/ { alias " + root + "/; limit_rate " +
+           std::to_string(settings.slowRate) + "; " + cache +
+           " }\n    location /offline-data/v1/locked/ { default_type application/json; return "
+           "401 '{\"message\":\"Invalid access token\"}'; }\n  }\n}\n";
 }
-
-// One `serve` process; its first line names the port.
-class ServeInstance {
-  public:
-    ServeInstance(const ServerSettings& settings, std::uint64_t rate, const std::string& name) {
-        std::vector<std::string> command{toolPath(),
-                                         "serve",
-                                         settings.root.string(),
-                                         "--port",
-                                         "0",
-                                         "--max-age",
-                                         std::to_string(settings.maxAge),
-                                         "--access-log",
-                                         (settings.work / "access.log").string()};
-        if (rate > 0) {
-            command.push_back("--rate");
-            command.push_back(std::to_string(rate));
-        }
-        process_ = std::make_unique<ChildProcess>(command, settings.work / name);
-        const bool started = eventually(
-            [this] { return process_->out().find("http://127.0.0.1:") != std::string::npos; }, 10s);
-        if (!started) {
-            throw std::runtime_error("serve did not start: " + process_->err());
-        }
-        const std::string out = process_->out();
-        const auto at = out.find("http://127.0.0.1:") + 17;
-        port_ = static_cast<std::uint16_t>(std::stoi(out.substr(at)));
-    }
-    ~ServeInstance() {
-        process_->signal(SIGINT);
-        process_->wait(10s);
-    }
-    std::uint16_t port() const { return port_; }
-
-  private:
-    std::unique_ptr<ChildProcess> process_;
-    std::uint16_t port_ = 0;
-};
-
-class ServeServer final : public CatalogueServer {
-  public:
-    explicit ServeServer(const ServerSettings& settings)
-        : log_(settings.work / "access.log"),
-          fast_(settings, 0, "serve-fast"),
-          slow_(settings, settings.slowRate, "serve-slow") {}
-
-    std::string baseUrl() const override { return url(fast_.port()); }
-    std::string slowBaseUrl() const override { return url(slow_.port()); }
-    std::vector<AccessEntry> accessLog() const override { return readAccessLog(log_); }
-    std::string name() const override { return "serve"; }
-
-  private:
-    static std::string url(std::uint16_t port) {
-        return "http://127.0.0.1:" + std::to_string(port);
-    }
-
-    fs::path log_;
-    ServeInstance fast_;
-    ServeInstance slow_;
-};
-
-class NginxServer final : public CatalogueServer {
-  public:
-    explicit NginxServer(const ServerSettings& settings) : settings_(settings) {
-        for (int attempt = 0; attempt < 5 && !process_; ++attempt) {
-            port_ = unusedPort();
-            writeConfiguration();
-            process_ = std::make_unique<ChildProcess>(
-                std::vector<std::string>{"/usr/sbin/nginx", "-p", settings_.work.string() + "/",
-                                         "-c", (settings_.work / "nginx.conf").string(), "-e",
-                                         (settings_.work / "error.log").string()},
-                settings_.work);
-            if (!eventually([this] { return accepts(port_) || process_->wait(0ms); }, 10s) ||
-                !accepts(port_)) {
-                process_.reset();
-            }
-        }
-        if (!process_) {
-            throw std::runtime_error("nginx did not start: " +
-                                     readFile(settings_.work / "error.log"));
-        }
-    }
-    ~NginxServer() override {
-        process_->signal(SIGTERM);
-        process_->wait(10s);
-    }
-
-    std::string baseUrl() const override { return "http://127.0.0.1:" + std::to_string(port_); }
-    std::string slowBaseUrl() const override { return baseUrl() + "/slow"; }
-    std::vector<AccessEntry> accessLog() const override {
-        return readAccessLog(settings_.work / "access.log");
-    }
-    std::string name() const override { return "nginx"; }
-
-  private:
-    void writeConfiguration() const {
-        const std::string work = settings_.work.string();
-        const std::string root = settings_.root.string();
-        const std::string cache =
-            "add_header Cache-Control \"max-age=" + std::to_string(settings_.maxAge) + "\";";
-        std::ofstream out(settings_.work / "nginx.conf", std::ios::trunc);
-        out << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-            << "pid " << work << "/nginx.pid;\n"
-            << "error_log " << work << "/error.log warn;\n"
-            << "events { worker_connections 256; }\n"
-            << "http {\n"
-            << "  log_format tool escape=none '$request_method $uri $status $body_bytes_sent "
-               "range=$http_range if-range=$http_if_range if-none-match=$http_if_none_match';\n"
-            << "  access_log " << work << "/access.log tool;\n"
-            << "  client_body_temp_path " << work << "/client_body;\n"
-            << "  proxy_temp_path " << work << "/proxy;\n"
-            << "  fastcgi_temp_path " << work << "/fastcgi;\n"
-            << "  uwsgi_temp_path " << work << "/uwsgi;\n"
-            << "  scgi_temp_path " << work << "/scgi;\n"
-            << "  default_type application/octet-stream;\n"
-            << "  server {\n"
-            << "    listen 127.0.0.1:" << port_ << ";\n"
-            << "    root " << root << ";\n"
-            << "    location / { " << cache << " }\n"
-            << "    location /slow/ { alias " << root << "/; limit_rate " << settings_.slowRate
-            << "; " << cache << " }\n"
-            << "    location /offline-data/v1/locked/ { default_type application/json; "
-               "return 401 '{\"message\":\"Invalid access token\"}'; }\n"
-            << "  }\n"
-            << "}\n";
-    }
-
-    ServerSettings settings_;
-    std::uint16_t port_ = 0;
-    std::unique_ptr<ChildProcess> process_;
-};
 
 }  // namespace
 
 std::unique_ptr<CatalogueServer> startServe(const ServerSettings& settings) {
-    fs::create_directories(settings.work);
-    return std::make_unique<ServeServer>(settings);
-}
-
-bool nginxInstalled() {
-    return ::access("/usr/sbin/nginx", X_OK) == 0;
+    auto server = std::make_unique<CatalogueServer>();
+    server->accessLog = settings.work / "access.log";
+    for (const std::uint64_t rate : {std::uint64_t{0}, settings.slowRate}) {
+        server->processes.push_back(std::make_unique<ChildProcess>(
+            std::vector<std::string>{kTool, "serve", settings.root.string(), "--port", "0",
+                                     "--max-age", std::to_string(settings.maxAge), "--rate",
+                                     std::to_string(rate), "--access-log",
+                                     server->accessLog.string()},
+            settings.work));
+        (rate == 0 ? server->baseUrl : server->slowBaseUrl) =
+            "http://127.0.0.1:" + std::to_string(server->processes.back()->announcedPort());
+    }
+    return server;
 }
 
 std::unique_ptr<CatalogueServer> startNginx(const ServerSettings& settings) {
-    if (!nginxInstalled()) {
+    if (::access("/usr/sbin/nginx", X_OK) != 0) {
         return nullptr;
     }
-    fs::create_directories(settings.work);
-    return std::make_unique<NginxServer>(settings);
+    auto server = std::make_unique<CatalogueServer>();
+    server->accessLog = settings.work / "access.log";
+    for (int attempt = 0; attempt < 5 && server->processes.empty(); ++attempt) {
+        const std::uint16_t port = unusedPort();
+        writeFile(settings.work / "nginx.conf", nginxConfiguration(settings, port));
+        auto nginx = std::make_unique<ChildProcess>(
+            std::vector<std::string>{"/usr/sbin/nginx", "-p", settings.work.string() + "/", "-c",
+                                     (settings.work / "nginx.conf").string(), "-e",
+                                     (settings.work / "error.log").string()},
+            settings.work);
+        httplib::Client probe("127.0.0.1", port);
+        if (eventually([&] { return probe.Get("/") || nginx->wait(0ms); }, 10s) && probe.Get("/")) {
+            server->processes.push_back(std::move(nginx));
+            server->baseUrl = "http://127.0.0.1:" + std::to_string(port);
+            server->slowBaseUrl = server->baseUrl + "/slow";
+        }
+    }
+    if (server->processes.empty()) {
+        throw std::runtime_error("nginx did not start: " + readFile(settings.work / "error.log"));
+    }
+    return server;
 }
 
 std::uint16_t unusedPort() {
@@ -405,78 +258,12 @@ std::uint16_t unusedPort() {
     return ntohs(address.sin_port);
 }
 
-feature::value parseJson(const std::string& text) {
-    auto parsed = common::ValueConverter::fromJson(text);
-    if (!parsed) {
-        throw std::runtime_error("not JSON (" + parsed.error() + "): " + text);
+rapidjson::Document parseJson(const std::string& text) {
+    rapidjson::Document document;
+    if (document.Parse(text.c_str()).HasParseError()) {
+        throw std::runtime_error("not JSON: " + text);
     }
-    return *parsed;
-}
-
-const feature::value& at(const feature::value& object, const std::string& key) {
-    const auto& members = object.get<feature::value::object_type>();
-    const auto found = members.find(key);
-    if (found == members.end()) {
-        throw std::runtime_error("no member " + key);
-    }
-    return found->second;
-}
-
-std::string text(const feature::value& value) {
-    return value.get<std::string>();
-}
-
-std::uint64_t number(const feature::value& value) {
-    return value.get<std::uint64_t>();
-}
-
-HttpAnswer httpRequest(std::uint16_t port, const std::string& method, const std::string& target,
-                       const std::vector<std::string>& headers) {
-    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        ::close(socket);
-        throw std::runtime_error("cannot connect to port " + std::to_string(port));
-    }
-    std::string request = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
-    for (const std::string& header : headers) {
-        request += header + "\r\n";
-    }
-    request += "Connection: close\r\n\r\n";
-    ::send(socket, request.data(), request.size(), MSG_NOSIGNAL);
-    std::string response;
-    std::array<char, 8192> chunk{};
-    for (ssize_t got; (got = ::recv(socket, chunk.data(), chunk.size(), 0)) > 0;) {
-        response.append(chunk.data(), static_cast<std::size_t>(got));
-    }
-    ::close(socket);
-
-    HttpAnswer answer;
-    const auto headEnd = response.find("\r\n\r\n");
-    std::istringstream head(response.substr(0, headEnd));
-    std::string version;
-    head >> version >> answer.status;
-    std::string line;
-    std::getline(head, line);
-    while (std::getline(head, line)) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        const auto colon = line.find(':');
-        if (colon == std::string::npos) {
-            continue;
-        }
-        std::string name = line.substr(0, colon);
-        for (char& c : name) {
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-        answer.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
-    }
-    answer.body = headEnd == std::string::npos ? std::string() : response.substr(headEnd + 4);
-    return answer;
+    return document;
 }
 
 std::uint64_t largestFileBelow(const fs::path& directory) {

@@ -4,17 +4,16 @@
 // stderr, against catalogue servers (the tool's own `serve`, or nginx) on loopback ports chosen
 // by the system. One test thread at a time.
 
+#include <rapidjson/document.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <terrane/feature/value.hpp>
+#include <thread>
 #include <vector>
 
 namespace terrane::tool::test {
@@ -22,13 +21,16 @@ namespace terrane::tool::test {
 namespace fs = std::filesystem;
 
 // The tool under test, as built alongside these tests.
-std::string toolPath();
+inline const std::string kTool = TERRANE_OFFLINE_TOOL;
 
 // A fresh directory below the system's temporary directory, removed with its contents.
 class ScratchDirectory {
   public:
     ScratchDirectory();
-    ~ScratchDirectory();
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
     const fs::path& path() const { return path_; }
@@ -42,13 +44,11 @@ struct RunResult {
     int status = -1;
     std::string out;
     std::string err;
-
-    // stderr split into lines, empty ones dropped.
-    std::vector<std::string> errLines() const;
 };
 
-// A child process with stdout and stderr going to files in `work`. The destructor kills (SIGKILL)
-// and reaps a child that still runs.
+// A child process with stdout and stderr going to files in `work`, and TERRANE_ACCESS_TOKEN
+// unset unless `environment` sets it. The destructor kills (SIGKILL) and reaps a child that still
+// runs.
 class ChildProcess {
   public:
     ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
@@ -63,7 +63,9 @@ class ChildProcess {
     std::optional<int> wait(std::chrono::milliseconds limit);
     std::string out() const;
     std::string err() const;
-    RunResult result() const;
+    // The port of the "http://127.0.0.1:PORT" that a server child announces on stdout; throws
+    // when none comes within 10 s.
+    std::uint16_t announcedPort() const;
 
   private:
     pid_t pid_ = -1;
@@ -103,28 +105,23 @@ struct AccessEntry {
     int status = 0;
     std::uint64_t bytes = 0;
     std::string range;
-    std::string ifRange;
     std::string ifNoneMatch;
 };
 std::vector<AccessEntry> readAccessLog(const fs::path& log);
 
-// A catalogue server for the flow tests.
-class CatalogueServer {
-  public:
-    virtual ~CatalogueServer() = default;
-    // What --base-url should be for full-speed transfers.
-    virtual std::string baseUrl() const = 0;
-    // What --base-url should be for transfers paced at about `slowRate` per connection.
-    virtual std::string slowBaseUrl() const = 0;
-    virtual std::vector<AccessEntry> accessLog() const = 0;
-    virtual std::string name() const = 0;
+// A catalogue server on 127.0.0.1 over the tree `root`, stopped by its destructor.
+struct CatalogueServer {
+    std::string baseUrl;
+    // Transfers paced at about `slowRate` bytes per second per connection.
+    std::string slowBaseUrl;
+    fs::path accessLog;
+    std::vector<std::unique_ptr<ChildProcess>> processes;
 };
 
 struct ServerSettings {
     fs::path root;
     fs::path work;
     std::int64_t maxAge = 3600;
-    // Bytes per second per connection on the slow address.
     std::uint64_t slowRate = 1024 * 1024;
 };
 
@@ -133,40 +130,24 @@ std::unique_ptr<CatalogueServer> startServe(const ServerSettings& settings);
 // nginx with a configuration of our own: access log, a paced location "/slow/", the given
 // max-age, and a user "locked" whose catalogue answers 401. Nothing when nginx is not installed.
 std::unique_ptr<CatalogueServer> startNginx(const ServerSettings& settings);
-bool nginxInstalled();
 
 // A free TCP port on 127.0.0.1 that nothing listens on (closed again right away).
 std::uint16_t unusedPort();
 
-// Parsed JSON output of the tool.
-feature::value parseJson(const std::string& text);
-const feature::value& at(const feature::value& object, const std::string& key);
-std::string text(const feature::value& value);
-std::uint64_t number(const feature::value& value);
-
-// A plain HTTP/1.1 exchange on a fresh connection ("Connection: close" is added).
-struct HttpAnswer {
-    int status = 0;
-    std::map<std::string, std::string> headers;  // lower-case names
-    std::string body;
-};
-HttpAnswer httpRequest(std::uint16_t port, const std::string& method, const std::string& target,
-                       const std::vector<std::string>& headers = {});
+// Parsed JSON output of the tool; throws when it is not JSON.
+rapidjson::Document parseJson(const std::string& text);
 
 // Polls `condition` every 20 ms until it holds or `limit` passes.
 template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
         }
-        struct timespec pause {
-            0, 20 * 1000 * 1000
-        };
-        ::nanosleep(&pause, nullptr);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return condition();
+    return true;
 }
 
 // The largest regular file below `directory` (0 when there is none): how far a download came,

@@ -1,0 +1,160 @@
+// What a user sees when the tool cannot work: one clear line on stderr and the documented exit
+// status, never a crash, the access token or a storage made for nothing; the demo end to end; and
+// what `publish` writes.
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+#include <terrane/util/md5.hpp>
+
+#include "tool_test_support.hpp"
+
+namespace terrane::tool::test {
+namespace {
+
+std::string replaceAll(std::string text, const std::map<std::string, std::string>& names) {
+    for (const auto& [name, replacement] : names) {
+        for (auto at = text.find(name); at != std::string::npos;
+             at = text.find(name, at + replacement.size())) {
+            text.replace(at, name.size(), replacement);
+        }
+    }
+    return text;
+}
+
+TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
+    ScratchDirectory scratch;
+    const std::string token = "secret-token-4711";
+    writeFile(scratch.path() / "plain-file", "x");
+    writeFile(scratch.path() / "empty-token", "\n  \n");
+    writeFile(scratch.path() / "token", token + "\n");
+    writeSource(scratch.path() / "source");
+    writeFile(scratch.path() / "source" / "many.geojson",
+              R"({"type":"FeatureCollection","features":[]})");
+    const std::string url = "http://127.0.0.1:" + std::to_string(unusedPort());
+    const auto globals = [&](const std::string& storage) {
+        return "--storage {dir}/" + storage + " --base-url " + url + " --user alice";
+    };
+    // {fresh} is a storage that nothing may create: listings, status and refused token files
+    // need none.
+    const std::map<std::string, std::string> names{
+        {"{s}", globals("s")},
+        {"{fresh}", globals("fresh")},
+        {"{file}", globals("plain-file/s")},
+        {"{publish}", "publish {dir}/source {dir}/www --user alice"},
+        {"{url}", url},
+    };
+    const auto region = [](const std::string& members) {
+        return "{\"regions\": {\"r\": {\"revision\": 1, " + members + "}}}";
+    };
+    const struct {
+        std::string command;
+        int status;
+        // On stdout for a success, else in the one line on stderr (empty for CLI11's own errors).
+        std::string says;
+        // What `publish` finds as regions.json, when not empty.
+        std::string regions = "";
+    } rows[] = {
+        {"", 2, ""},
+        {"--help", 0, "Downloads and manages offline map and navigation packs."},
+        {"demo --rate 0", 0, "The sample server answered"},
+        {"--storage {dir}/s download", 2, ""},
+        {"{s} download x --domain roads", 2, ""},
+        {"serve {dir}/nowhere", 2, ""},
+        {"--storage {dir}/s regions", 2, "regions needs --user NAME"},
+        {"--storage {dir}/s download x", 2, "download needs --user NAME"},
+        {"--storage {dir}/s update", 2, "update needs --user NAME"},
+        {"--storage {dir}/s delete x", 2, "delete needs --user NAME"},
+        {"publish {dir}/source {dir}/www", 2, "publish needs --user NAME"},
+        {"publish {dir}/source {dir}/www --user ../eve", 2, "--user must be a name of letters"},
+        {"publish {dir}/source {dir}/plain-file/www --user alice", 5,
+         "cannot create '{dir}/plain-file/www/offline-data/v1/alice/"},
+        {"--storage {dir}/s --base-url ftp://x --user a regions", 2,
+         "--base-url must be an http:// or https://"},
+        {"{file} download harbour", 5, "storage directory '{dir}/plain-file/s' is not usable"},
+        {"{file} delete harbour", 5, "storage directory '{dir}/plain-file/s' is not usable"},
+        {"{fresh} --token-file {dir}/none regions", 5,
+         "cannot read token file '{dir}/none': No such file or directory"},
+        {"{fresh} --token-file {dir} regions", 5, "cannot read token file '{dir}': Is a directory"},
+        {"{fresh} --token-file {dir}/empty-token regions", 5,
+         "token file '{dir}/empty-token' holds no token"},
+        {"{fresh} --token-file {dir}/token regions", 4, "cannot reach the catalogue at {url}: "},
+        {"{s} download harbour", 4, "cannot reach the catalogue at {url}: "},
+        {"{fresh} status", 0, "No packs stored in {dir}/fresh"},
+        {"{s} delete harbour --revision 3", 1,
+         "nothing to delete: no stored pack of region 'harbour' revision 3"},
+        {"{s} update harbour", 1, "nothing to update: no stored pack of region 'harbour'"},
+        {"serve {dir} --port 0 --access-log {dir}/plain-file/log", 5,
+         "cannot open access log '{dir}/plain-file/log'"},
+        {"{publish}", 5, "must be an object with a \"regions\" object inside", "[]"},
+        {"{publish}", 5, "region 'r': \"revision\" must be a whole number",
+         R"({"regions": {"r": {"packs": {}}}})"},
+        {"{publish}", 5, "nope.bin' does not exist", region(R"("packs": {"maps": "nope.bin"})")},
+        {"{publish}", 5, "unknown pack domain 'roads'", region(R"("packs": {"roads": "x"})")},
+        {"{publish}", 5, "region ids may use", R"({"regions": {"../r": {"revision": 1}}})"},
+        {"{publish}", 5, "must be an RFC 3339 time", region(R"("last_updated": "yesterday")")},
+        {"{publish}", 5, "not a FeatureCollection", region(R"("geography": "many.geojson")")},
+    };
+    for (const auto& row : rows) {
+        if (!row.regions.empty()) {
+            writeFile(scratch.path() / "source" / "regions.json", row.regions);
+        }
+        std::vector<std::string> arguments;
+        std::istringstream words(
+            replaceAll(replaceAll(row.command, names), {{"{dir}", scratch.path().string()}}));
+        for (std::string word; words >> word;) {
+            arguments.push_back(word);
+        }
+        const RunResult result = runTool(arguments, {"TERRANE_ACCESS_TOKEN=" + token});
+        const std::string says =
+            replaceAll(row.says, {{"{dir}", scratch.path().string()}, {"{url}", url}});
+        EXPECT_EQ(result.status, row.status) << row.command << "\n" << result.err;
+        if (row.status == 0) {
+            EXPECT_NE(result.out.find(says), std::string::npos) << result.out;
+        } else if (!says.empty()) {
+            EXPECT_TRUE(result.err.starts_with("terrane-offline: ")) << result.err;
+            EXPECT_NE(result.err.find(says), std::string::npos) << result.err;
+            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line: " << result.err;
+        }
+        for (const char* never : {token.c_str(), "terminate called", "what():", "Segmentation"}) {
+            EXPECT_EQ((result.out + result.err).find(never), std::string::npos) << never;
+        }
+    }
+    const RunResult homeless = runTool({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
+    EXPECT_EQ(homeless.status, 5);
+    EXPECT_NE(homeless.err.find("no storage directory: neither XDG_DATA_HOME nor HOME is set"),
+              std::string::npos);
+    EXPECT_FALSE(fs::exists(scratch.path() / "fresh"));
+    EXPECT_FALSE(fs::exists(scratch.path() / "www" / "offline-data" / "v1" / "alice" / "regions"));
+}
+
+TEST(ToolPublish, WritesTheCatalogueWithChecksumsSizesAndAddresses) {
+    ScratchDirectory scratch;
+    writeSource(scratch.path() / "source");
+    publish(scratch.path() / "source", scratch.path() / "www", "alice");
+
+    const fs::path user = scratch.path() / "www" / "offline-data" / "v1" / "alice";
+    const auto catalogue = parseJson(readFile(user / "regions"));
+    const auto& harbour = catalogue["harbour"];
+    EXPECT_STREQ(harbour["name"].GetString(), "Harbour City");
+    EXPECT_STREQ(harbour["last_updated"].GetString(), "2024-03-01T10:00:00Z");
+    EXPECT_STREQ(harbour["configuration"]["geography"]["type"].GetString(), "Point")
+        << "a Feature is reduced to its geometry";
+    const auto& maps = harbour["packs"][0];
+    EXPECT_STREQ(maps["domain"].GetString(), "maps");
+    EXPECT_STREQ(maps["url"].GetString(), "terrane://offline-data/alice/packs/harbour/2/maps.pack");
+    EXPECT_EQ(maps["format"].GetInt(), 1);
+    EXPECT_EQ(maps["size"].GetUint64(), SourcePacks{}.harbourMaps);
+    EXPECT_STREQ(maps["data_version"].GetString(), "2024.03");
+    const fs::path served = user / "packs" / "harbour" / "2" / "maps.pack";
+    EXPECT_EQ(maps["md5_checksum"].GetString(),
+              common::util::md5File(served.string()).value_or(""));
+    EXPECT_EQ(readFile(served), readFile(scratch.path() / "source" / "harbour-maps.bin"));
+    EXPECT_STREQ(catalogue["plain"]["name"].GetString(), "plain")
+        << "the id stands in for a missing name";
+    EXPECT_TRUE(catalogue["plain"]["configuration"]["geography"].IsNull());
+}
+
+}  // namespace
+}  // namespace terrane::tool::test
