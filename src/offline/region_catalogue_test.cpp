@@ -174,6 +174,9 @@ TEST(Redaction, EveryFormOfTheSecretIsMaskedAndNoneSurvives) {
         {"x!\"#$%&'()*+,-./", "!\"#$%&'()*+,-./", "x:::"},  // no hexadecimal digit masks
         {"x" + everyMask.substr(0, everyMask.size() - 1), everyMask.substr(0, everyMask.size() - 1),
          "x~~~"},
+        // Up to "@" and up to "`": the next masks skip the upper- and lower-case hex digits.
+        {"x" + everyMask.substr(0, 32), everyMask.substr(0, 32), "xGGG"},
+        {"x" + everyMask.substr(0, 64), everyMask.substr(0, 64), "xggg"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(redactSecret(row.text, row.secret), row.expected) << row.text;

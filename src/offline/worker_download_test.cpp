@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -204,6 +205,23 @@ TEST_F(PackDownloadTest, WithoutRoomForThePackNothingStarts) {
     EXPECT_THAT(lines[1], MatchesRegex(".*error=Filesystem, message=Not enough disk space: "
                                        "4611686018427387904 bytes needed, [0-9]+ bytes available"));
     EXPECT_THAT(http->downloads(), IsEmpty());
+}
+
+TEST_F(PackDownloadTest, TheBytesOfAPartialFileCountTowardsTheRoomNeeded) {
+    start();
+    newLines();
+    // A sparse partial file: it holds the bytes it stands for without taking the room.
+    fs::create_directories(partialFile().parent_path());
+    const std::uint64_t held = std::uint64_t{2} << 30;
+    std::ofstream{partialFile()};
+    fs::resize_file(partialFile(), held);
+    auto large = region();
+    large.mapPack->bytes = fs::space(partialFile().parent_path()).available + held / 2;
+    (*worker)->downloadPack(maps, std::move(large));
+    settle();
+    EXPECT_THAT(http->downloads(), SizeIs(1u)) << testing::PrintToString(newLines());
+    // Not worth reading whole in the search for secrets at the end.
+    fs::remove(partialFile());
 }
 
 TEST_F(PackDownloadTest, AnExpiredPackWithoutEntityTagIsDownloadedInFull) {
