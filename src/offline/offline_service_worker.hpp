@@ -209,6 +209,8 @@ class OfflineServiceWorker {
   private:
     // worker_recovery.cpp
     void initialize();
+    // Start-up's clean-up of the temporaries a killed holder left in `directory`.
+    void removeInterruptedWrites(const std::filesystem::path& directory) const;
     void loadExistingRegion(const std::filesystem::path& regionDirectory);
     // Recovers one revision directory of a region, or logs why it is skipped or ignored.
     void loadExistingRevision(const std::string& regionId,

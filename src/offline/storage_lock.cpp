@@ -82,12 +82,33 @@ expected<StorageLock, OfflineStorageHolder> StorageLock::acquire(const fs::path&
         }
         std::this_thread::sleep_for(lockPause);
     }
+    const bool previousHolderDied = readPid(file.get()).has_value();
     const std::string pid = std::to_string(::getpid()) + "\n";
     // Only a label for the messages of others: a failed write leaves them without the pid.
     if (::ftruncate(file.get(), 0) == 0) {
         (void)!::pwrite(file.get(), pid.data(), pid.size(), 0);
     }
-    return StorageLock(std::move(file));
+    return StorageLock(std::move(file), previousHolderDied);
+}
+
+StorageLock::~StorageLock() {
+    release();
+}
+
+StorageLock& StorageLock::operator=(StorageLock&& other) noexcept {
+    if (this != &other) {
+        release();
+        file = std::move(other.file);
+        previousHolderDied_ = other.previousHolderDied_;
+    }
+    return *this;
+}
+
+void StorageLock::release() {
+    if (file) {
+        (void)!::ftruncate(file.get(), 0);
+        file = base::io::FileDescriptor();
+    }
 }
 
 optional<OfflineStorageHolder> StorageLock::findHolder(const fs::path& root) {

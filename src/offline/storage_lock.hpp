@@ -10,7 +10,9 @@
 namespace terrane::common {
 
 // The hidden file in a storage root whose exclusive flock(2) marks the tree as taken. It holds
-// the holder's process id in decimal, for the messages of the processes that find it taken.
+// the holder's process id in decimal, for the messages of the processes that find it taken, and
+// is emptied when the holder lets go in order: a process id found by the next holder means the
+// last one died holding the tree.
 inline constexpr std::string_view storageLockFileName = ".lock";
 
 // A service's hold on its storage root: the open lock file with its exclusive lock, released
@@ -31,11 +33,23 @@ class StorageLock {
     static optional<OfflineStorageHolder> findHolder(const std::filesystem::path& root);
 
     StorageLock() = default;
+    ~StorageLock();
+    StorageLock(StorageLock&&) noexcept = default;
+    StorageLock& operator=(StorageLock&& other) noexcept;
+
+    // Whether the previous holder of the tree ended without letting go (killed, crashed), so
+    // that what it was writing may lie half-written in the tree.
+    bool previousHolderDied() const { return previousHolderDied_; }
 
   private:
-    explicit StorageLock(base::io::FileDescriptor file) : file(std::move(file)) {}
+    StorageLock(base::io::FileDescriptor file, bool previousHolderDied)
+        : file(std::move(file)), previousHolderDied_(previousHolderDied) {}
+
+    // Empties the file while still holding it, then lets go.
+    void release();
 
     base::io::FileDescriptor file;
+    bool previousHolderDied_ = false;
 };
 
 }  // namespace terrane::common

@@ -49,6 +49,14 @@ util::TimePoint currentTime() {
 
 }  // namespace
 
+void OfflineServiceWorker::removeInterruptedWrites(const fs::path& directory) const {
+    // Only a holder that died can have left temporaries, so an orderly tree is not listed
+    // directory by directory; the tree is ours alone now, so nobody else's write is in flight.
+    if (storageLock.previousHolderDied()) {
+        base::io::removeInterruptedWrites(directory);
+    }
+}
+
 void OfflineServiceWorker::initialize() {
     std::error_code error;
     fs::create_directories(root, error);
@@ -69,8 +77,7 @@ void OfflineServiceWorker::initialize() {
         return;
     }
 
-    // The tree is ours alone now: what a killed process left half-written goes.
-    base::io::removeInterruptedWrites(root);
+    removeInterruptedWrites(root);
     try {
         for (const fs::directory_entry& entry : fs::directory_iterator(root)) {
             // Follows links. Anything that is not a directory, or whose type cannot even be
@@ -87,7 +94,7 @@ void OfflineServiceWorker::initialize() {
 
 void OfflineServiceWorker::loadExistingRegion(const fs::path& regionDirectory) {
     const std::string regionId = regionDirectory.filename().string();
-    base::io::removeInterruptedWrites(regionDirectory);
+    removeInterruptedWrites(regionDirectory);
     try {
         for (const fs::directory_entry& entry : fs::directory_iterator(regionDirectory)) {
             try {
@@ -125,7 +132,7 @@ void OfflineServiceWorker::loadExistingRevision(const std::string& regionId,
     }
 
     const fs::path& revisionDirectory = entry.path();
-    base::io::removeInterruptedWrites(revisionDirectory);
+    removeInterruptedWrites(revisionDirectory);
     const fs::path metadataPath = metadataFilePath(revisionDirectory);
     if (!fs::exists(metadataPath)) {
         skip("Missing metadata file");
@@ -190,7 +197,7 @@ void OfflineServiceWorker::loadExistingPack(OfflineDataPackHolder& holder,
                                             const OfflineDataPackMetadata& pack) {
     const fs::path packFile = packFilePath(revisionDirectory, domain, pack.format);
     const fs::path downloadFile = downloadFilePath(packFile);
-    base::io::removeInterruptedWrites(packFile.parent_path());
+    removeInterruptedWrites(packFile.parent_path());
     // readFile takes regular files only (links followed): a directory, a special file, a
     // missing or unreadable record all fail here alike.
     const auto text = base::io::readFile(headerFilePath(packFile));
