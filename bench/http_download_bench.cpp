@@ -11,9 +11,7 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,6 +29,7 @@
 #include <vector>
 
 #include "bench_results.hpp"
+#include "bench_support.hpp"
 #include "platform/linux/curl_http_service.hpp"
 #include "terrane/offline/offline_service.hpp"
 #include "terrane/offline/offline_service_observer.hpp"
@@ -75,29 +74,6 @@ double peakRssMiB() {
     rusage usage{};
     ::getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_maxrss) / 1024.0;  // ru_maxrss is in KiB
-}
-
-// Runs a program to its end; false when it could not run or failed.
-bool run(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    // The tool's output (curl --parallel draws a progress meter even when silent) goes nowhere.
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        return false;
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 void writeLargeFile(const fs::path& path, std::uint64_t size) {
@@ -152,21 +128,15 @@ class PackObserver : public terrane::common::OfflineServiceObserver {
     using Region = terrane::common::OfflineDataRegionMetadata;
     using Pack = terrane::common::OfflineDataPack;
 
-    void onPending(Domain, const Region&, const Pack&) override {}
-    void onDownloading(Domain, const Region&, const Pack&) override {}
     void onIncomplete(Domain, const Region&, const Pack&) override { settle(false); }
-    void onVerifying(Domain, const Region&, const Pack&) override {}
     void onAvailable(Domain, const Region&, const Pack&) override { settle(true); }
     void onExpired(Domain, const Region&, const Pack&) override { settle(false); }
     void onErrored(Domain, const Region&, const Pack&) override { settle(false); }
-    void onDeleting(Domain, const Region&, const Pack&, std::function<void()>) override {}
-    void onDeleted(Domain, const Region&) override {}
     void onInitialized() override {
         std::lock_guard lock(mutex);
         initialized = true;
         changed.notify_all();
     }
-    void onIdle() override {}
     void onLogMessage(const std::string& message) override {
         std::fprintf(stderr, "log: %s\n", message.c_str());
     }
@@ -235,7 +205,8 @@ void BM_CurlToolDownloadLargeFile(benchmark::State& state) {
     const fs::path output = setup->directory / "out" / "curl.bin";
     for (auto _ : state) {
         const auto started = Clock::now();
-        if (!run({kCurlTool, "-s", "-f", "-o", output.string(), setup->nginx->url("/large.bin")})) {
+        if (!terrane::bench::runQuietly(
+                {kCurlTool, "-s", "-f", "-o", output.string(), setup->nginx->url("/large.bin")})) {
             state.SkipWithError("curl failed");
             return;
         }
@@ -305,8 +276,8 @@ void BM_CurlToolSmallRequests(benchmark::State& state) {
     }
     for (auto _ : state) {
         const auto started = Clock::now();
-        if (!run({kCurlTool, "-s", "-f", "--parallel", "--parallel-max", std::to_string(kInFlight),
-                  "-K", config.string()})) {
+        if (!terrane::bench::runQuietly({kCurlTool, "-s", "-f", "--parallel", "--parallel-max",
+                                         std::to_string(kInFlight), "-K", config.string()})) {
             state.SkipWithError("curl failed");
             return;
         }

@@ -12,9 +12,7 @@
 // the end.
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +28,7 @@
 #include <vector>
 
 #include "bench_results.hpp"
+#include "bench_support.hpp"
 #include "offline/offline_data_pack_headers.hpp"
 #include "offline/offline_storage.hpp"
 #include "offline/region_catalogue.hpp"
@@ -58,28 +57,6 @@ void writeFile(const fs::path& path, const std::string& contents) {
         std::fprintf(stderr, "cannot write %s\n", path.c_str());
         std::exit(1);
     }
-}
-
-// Runs a program to its end with its output discarded; false when it could not run or failed.
-bool run(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        return false;
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // nginx's entity tag for a static file: modification time and size in hexadecimal.
@@ -143,26 +120,10 @@ void writeLeases(const Tree& tree, const std::string& entityTag) {
 
 class LeaseObserver : public OfflineServiceObserver {
   public:
-    void onPending(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                   const OfflineDataPack&) override {}
-    void onDownloading(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                       const OfflineDataPack&) override {}
-    void onIncomplete(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                      const OfflineDataPack&) override {}
-    void onVerifying(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                     const OfflineDataPack&) override {}
     void onAvailable(OfflineDataDomain, const OfflineDataRegionMetadata&,
                      const OfflineDataPack&) override {
         ++available;
     }
-    void onExpired(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                   const OfflineDataPack&) override {}
-    void onErrored(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                   const OfflineDataPack&) override {}
-    void onDeleting(OfflineDataDomain, const OfflineDataRegionMetadata&, const OfflineDataPack&,
-                    std::function<void()>) override {}
-    void onDeleted(OfflineDataDomain, const OfflineDataRegionMetadata&) override {}
-    void onInitialized() override {}
     void onIdle() override {
         std::lock_guard lock(mutex);
         idle = true;
@@ -215,8 +176,8 @@ double serviceSeconds(const Tree& tree, LeaseObserver& observer) {
 
 double curlSeconds(const fs::path& config, const std::string& entityTag) {
     const auto started = Clock::now();
-    if (!run({curlTool, "-s", "-f", "-I", "-H", "If-None-Match: " + entityTag, "-K",
-              config.string()})) {
+    if (!terrane::bench::runQuietly({curlTool, "-s", "-f", "-I", "-H",
+                                     "If-None-Match: " + entityTag, "-K", config.string()})) {
         std::fprintf(stderr, "curl failed\n");
         std::exit(1);
     }

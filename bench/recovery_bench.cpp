@@ -113,31 +113,15 @@ void ensureTree() {
 
 class StartObserver : public OfflineServiceObserver {
   public:
-    void onPending(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                   const OfflineDataPack&) override {}
-    void onDownloading(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                       const OfflineDataPack&) override {}
-    void onIncomplete(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                      const OfflineDataPack&) override {}
-    void onVerifying(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                     const OfflineDataPack&) override {}
     void onAvailable(OfflineDataDomain, const OfflineDataRegionMetadata&,
                      const OfflineDataPack&) override {
         ++available;
     }
-    void onExpired(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                   const OfflineDataPack&) override {}
-    void onErrored(OfflineDataDomain, const OfflineDataRegionMetadata&,
-                   const OfflineDataPack&) override {}
-    void onDeleting(OfflineDataDomain, const OfflineDataRegionMetadata&, const OfflineDataPack&,
-                    std::function<void()>) override {}
-    void onDeleted(OfflineDataDomain, const OfflineDataRegionMetadata&) override {}
     void onInitialized() override {
         std::lock_guard lock(mutex);
         initialized = true;
         changed.notify_all();
     }
-    void onIdle() override {}
     void onLogMessage(const std::string& message) override {
         std::fprintf(stderr, "log: %s\n", message.c_str());
     }
