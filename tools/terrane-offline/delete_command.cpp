@@ -100,16 +100,7 @@ Result<void> runDelete(const ToolContext& context, const DeleteRequest& request)
     JsonWriter json;
     json.beginArray();
     for (const auto& [key, pack] : doomed) {
-        json.beginObject()
-            .key("region")
-            .value(key.region)
-            .key("revision")
-            .value(key.revision)
-            .key("domain")
-            .value(common::toString(key.domain))
-            .key("deleted")
-            .value(pack.deleted)
-            .key("error");
+        writeKeyMembers(json.beginObject(), key).key("deleted").value(pack.deleted).key("error");
         if (pack.deleted) {
             json.null();
         } else {

@@ -258,13 +258,7 @@ std::string outcomesJson(const std::vector<PackOutcome>& outcomes, const ToolCon
     json.beginArray();
     for (const PackOutcome& outcome : outcomes) {
         const auto& pack = outcome.pack;
-        json.beginObject()
-            .key("region")
-            .value(outcome.key.region)
-            .key("revision")
-            .value(outcome.key.revision)
-            .key("domain")
-            .value(common::toString(outcome.key.domain))
+        writeKeyMembers(json.beginObject(), outcome.key)
             .key("state")
             .value(statusName(pack.status))
             .key("bytes")

@@ -8,6 +8,15 @@ using common::OfflineDataDomain;
 using common::OfflineDataPack;
 using common::OfflineDataRegionMetadata;
 
+JsonWriter& writeKeyMembers(JsonWriter& json, const PackKey& key) {
+    return json.key("region")
+        .value(key.region)
+        .key("revision")
+        .value(key.revision)
+        .key("domain")
+        .value(common::toString(key.domain));
+}
+
 std::string describe(const PackKey& key) {
     return common::toString(key.domain) + " pack of " + printable(key.region) + "/" +
            std::to_string(key.revision);

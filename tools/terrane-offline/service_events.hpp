@@ -13,6 +13,8 @@
 #include <terrane/offline/offline_service_observer.hpp>
 #include <vector>
 
+#include "json_writer.hpp"
+
 namespace terrane::tool {
 
 // Identifies one pack: a domain of one revision of one region.
@@ -26,6 +28,9 @@ struct PackKey {
 
 // "maps pack of harbour/2".
 std::string describe(const PackKey& key);
+
+// The key's members ("region", "revision", "domain") into the object `json` is writing.
+JsonWriter& writeKeyMembers(JsonWriter& json, const PackKey& key);
 
 using Catalogue =
     common::expected<std::vector<common::OfflineDataRegionMetadata>, common::OfflineDataError>;

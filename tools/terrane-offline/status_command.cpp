@@ -139,17 +139,12 @@ void printJson(const std::vector<PackRow>& rows, const ToolContext& context) {
     JsonWriter json;
     json.beginArray();
     for (const PackRow& row : rows) {
-        json.beginObject()
-            .key("base_url")
-            .value(context.redact(row.account.baseUrl))
-            .key("user")
-            .value(row.account.user)
-            .key("region")
-            .value(row.key.region)
-            .key("revision")
-            .value(row.key.revision)
-            .key("domain")
-            .value(common::toString(row.key.domain))
+        writeKeyMembers(json.beginObject()
+                            .key("base_url")
+                            .value(context.redact(row.account.baseUrl))
+                            .key("user")
+                            .value(row.account.user),
+                        row.key)
             .key("state")
             .value(statusName(row.known.pack.status))
             .key("bytes")
