@@ -1,12 +1,9 @@
 // What a user sees when the tool cannot work: one clear line on stderr and the documented exit
-// status, never a crash, the access token or a storage made for nothing; the demo end to end; and
-// what `publish` writes.
+// status, never a crash, the access token or a storage made for nothing; and the demo end to end.
 
-#include <gtest/gtest.h>
+#include <httplib.h>
 
-#include <map>
 #include <sstream>
-#include <terrane/util/md5.hpp>
 
 #include "tool_test_support.hpp"
 
@@ -23,27 +20,38 @@ std::string replaceAll(std::string text, const std::map<std::string, std::string
     return text;
 }
 
-TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
-    ScratchDirectory scratch;
+using ToolCommandLine = ToolTest;
+
+TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
     const std::string token = "secret-token-4711";
-    writeFile(scratch.path() / "plain-file", "x");
-    writeFile(scratch.path() / "empty-token", "\n  \n");
-    writeFile(scratch.path() / "token", token + "\n");
-    writeSource(scratch.path() / "source");
-    writeFile(scratch.path() / "source" / "many.geojson",
-              R"({"type":"FeatureCollection","features":[]})");
+    const std::string dir = scratch_.path().string();
+    writeFile(scratch_.path() / "plain-file", "x");
+    writeFile(scratch_.path() / "empty-token", "\n  \n");
+    writeFile(scratch_.path() / "token", token + "\n");
+    writeSource();
+    writeFile(source() / "many.geojson", R"({"type":"FeatureCollection","features":[]})");
+    // A catalogue server that refuses every access token.
+    httplib::Server refusing;
+    refusing.Get(".*", [](const httplib::Request&, httplib::Response& response) {
+        response.status = 401;
+        response.set_content(R"({"message":"Invalid access token"})", "application/json");
+    });
+    const int lockedPort = refusing.bind_to_any_port("127.0.0.1");
+    std::thread serving([&] { refusing.listen_after_bind(); });
     const std::string url = "http://127.0.0.1:" + std::to_string(unusedPort());
-    const auto globals = [&](const std::string& storage) {
-        return "--storage {dir}/" + storage + " --base-url " + url + " --user alice";
+    const auto globals = [&](const std::string& storage, const std::string& at) {
+        return "--storage " + dir + "/" + storage + " --base-url " + at + " --user alice";
     };
     // {fresh} is a storage that nothing may create: listings, status and refused token files
     // need none.
     const std::map<std::string, std::string> names{
-        {"{s}", globals("s")},
-        {"{fresh}", globals("fresh")},
-        {"{file}", globals("plain-file/s")},
-        {"{publish}", "publish {dir}/source {dir}/www --user alice"},
+        {"{s}", globals("s", url)},
+        {"{fresh}", globals("fresh", url)},
+        {"{file}", globals("plain-file/s", url)},
+        {"{locked}", globals("s", "http://127.0.0.1:" + std::to_string(lockedPort))},
+        {"{publish}", "publish " + dir + "/source " + dir + "/www --user alice"},
         {"{url}", url},
+        {"{dir}", dir},
     };
     const auto region = [](const std::string& members) {
         return "{\"regions\": {\"r\": {\"revision\": 1, " + members + "}}}";
@@ -80,6 +88,8 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
         {"{fresh} --token-file {dir}/empty-token regions", 5,
          "token file '{dir}/empty-token' holds no token"},
         {"{fresh} --token-file {dir}/token regions", 4, "cannot reach the catalogue at {url}: "},
+        {"{locked} regions", 3, "refused access for user 'alice': Invalid access token"},
+        {"{locked} download harbour", 3, "refused access for user 'alice': Invalid access token"},
         {"{s} download harbour", 4, "cannot reach the catalogue at {url}: "},
         {"{fresh} status", 0, "No packs stored in {dir}/fresh"},
         {"{s} delete harbour --revision 3", 1,
@@ -98,62 +108,36 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
     };
     for (const auto& row : rows) {
         if (!row.regions.empty()) {
-            writeFile(scratch.path() / "source" / "regions.json", row.regions);
+            writeFile(source() / "regions.json", row.regions);
         }
         std::vector<std::string> arguments;
-        std::istringstream words(
-            replaceAll(replaceAll(row.command, names), {{"{dir}", scratch.path().string()}}));
+        std::istringstream words(replaceAll(row.command, names));
         for (std::string word; words >> word;) {
             arguments.push_back(word);
         }
         const RunResult result = runTool(arguments, {"TERRANE_ACCESS_TOKEN=" + token});
-        const std::string says =
-            replaceAll(row.says, {{"{dir}", scratch.path().string()}, {"{url}", url}});
-        EXPECT_EQ(result.status, row.status) << row.command << "\n" << result.err;
+        const std::string says = replaceAll(row.says, names);
+        SCOPED_TRACE(row.command + "\n" + result.out + result.err);
+        EXPECT_EQ(result.status, row.status);
         if (row.status == 0) {
-            EXPECT_NE(result.out.find(says), std::string::npos) << result.out;
+            EXPECT_NE(result.out.find(says), std::string::npos);
         } else if (!says.empty()) {
-            EXPECT_TRUE(result.err.starts_with("terrane-offline: ")) << result.err;
-            EXPECT_NE(result.err.find(says), std::string::npos) << result.err;
-            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line: " << result.err;
+            EXPECT_TRUE(result.err.starts_with("terrane-offline: "));
+            EXPECT_NE(result.err.find(says), std::string::npos);
+            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line";
         }
         for (const char* never : {token.c_str(), "terminate called", "what():", "Segmentation"}) {
             EXPECT_EQ((result.out + result.err).find(never), std::string::npos) << never;
         }
     }
+    refusing.stop();
+    serving.join();
     const RunResult homeless = runTool({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
     EXPECT_EQ(homeless.status, 5);
     EXPECT_NE(homeless.err.find("no storage directory: neither XDG_DATA_HOME nor HOME is set"),
               std::string::npos);
-    EXPECT_FALSE(fs::exists(scratch.path() / "fresh"));
-    EXPECT_FALSE(fs::exists(scratch.path() / "www" / "offline-data" / "v1" / "alice" / "regions"));
-}
-
-TEST(ToolPublish, WritesTheCatalogueWithChecksumsSizesAndAddresses) {
-    ScratchDirectory scratch;
-    writeSource(scratch.path() / "source");
-    publish(scratch.path() / "source", scratch.path() / "www", "alice");
-
-    const fs::path user = scratch.path() / "www" / "offline-data" / "v1" / "alice";
-    const auto catalogue = parseJson(readFile(user / "regions"));
-    const auto& harbour = catalogue["harbour"];
-    EXPECT_STREQ(harbour["name"].GetString(), "Harbour City");
-    EXPECT_STREQ(harbour["last_updated"].GetString(), "2024-03-01T10:00:00Z");
-    EXPECT_STREQ(harbour["configuration"]["geography"]["type"].GetString(), "Point")
-        << "a Feature is reduced to its geometry";
-    const auto& maps = harbour["packs"][0];
-    EXPECT_STREQ(maps["domain"].GetString(), "maps");
-    EXPECT_STREQ(maps["url"].GetString(), "terrane://offline-data/alice/packs/harbour/2/maps.pack");
-    EXPECT_EQ(maps["format"].GetInt(), 1);
-    EXPECT_EQ(maps["size"].GetUint64(), SourcePacks{}.harbourMaps);
-    EXPECT_STREQ(maps["data_version"].GetString(), "2024.03");
-    const fs::path served = user / "packs" / "harbour" / "2" / "maps.pack";
-    EXPECT_EQ(maps["md5_checksum"].GetString(),
-              common::util::md5File(served.string()).value_or(""));
-    EXPECT_EQ(readFile(served), readFile(scratch.path() / "source" / "harbour-maps.bin"));
-    EXPECT_STREQ(catalogue["plain"]["name"].GetString(), "plain")
-        << "the id stands in for a missing name";
-    EXPECT_TRUE(catalogue["plain"]["configuration"]["geography"].IsNull());
+    EXPECT_FALSE(fs::exists(scratch_.path() / "fresh"));
+    EXPECT_FALSE(fs::exists(www() / "offline-data" / "v1" / "alice" / "regions"));
 }
 
 }  // namespace

@@ -1,15 +1,17 @@
 #pragma once
 
 // Helpers for running terrane-offline as a user would: as a child process with its own stdout and
-// stderr, against catalogue servers (the tool's own `serve`, or nginx) on loopback ports chosen
-// by the system. One test thread at a time.
+// stderr, against catalogues that the tool's own `serve` offers on loopback ports chosen by the
+// system. One test thread at a time.
 
+#include <gtest/gtest.h>
 #include <rapidjson/document.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +21,7 @@
 namespace terrane::tool::test {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 // The tool under test, as built alongside these tests.
 inline const std::string kTool = TERRANE_OFFLINE_TOOL;
@@ -63,9 +66,9 @@ class ChildProcess {
     std::optional<int> wait(std::chrono::milliseconds limit);
     std::string out() const;
     std::string err() const;
-    // The port of the "http://127.0.0.1:PORT" that a server child announces on stdout; throws
-    // when none comes within 10 s.
-    std::uint16_t announcedPort() const;
+    // The "http://127.0.0.1:PORT" that a server child announces on stdout; throws when none comes
+    // within 10 s.
+    std::string announcedUrl() const;
 
   private:
     pid_t pid_ = -1;
@@ -80,25 +83,11 @@ RunResult runTool(const std::vector<std::string>& arguments,
                   std::chrono::seconds limit = std::chrono::seconds(120));
 
 // Deterministic file contents.
-std::string patternBytes(std::size_t size, std::uint32_t seed);
+std::string patternBytes(std::size_t size, unsigned seed);
 void writeFile(const fs::path& path, const std::string& contents);
 std::string readFile(const fs::path& path);
 
-// Pack sizes of the sample source written by writeSource.
-struct SourcePacks {
-    std::size_t harbourMaps = 256 * 1024;
-    std::size_t harbourNavigation = 128 * 1024 + 7;
-    std::size_t plainMaps = 64 * 1024;
-};
-
-// A publish source: region "harbour" (revision 2, maps and navigation, a Feature outline) and
-// region "plain" (revision 5, maps only, no outline, a description with terminal escapes).
-void writeSource(const fs::path& directory, const SourcePacks& sizes = {});
-
-// Runs `publish SRC OUT --user USER`; fails the test when it does not succeed.
-void publish(const fs::path& source, const fs::path& out, const std::string& user);
-
-// One line of a server's access log (the same format for `serve` and for our nginx).
+// One line of the access log of `serve`.
 struct AccessEntry {
     std::string method;
     std::string path;
@@ -108,28 +97,6 @@ struct AccessEntry {
     std::string ifNoneMatch;
 };
 std::vector<AccessEntry> readAccessLog(const fs::path& log);
-
-// A catalogue server on 127.0.0.1 over the tree `root`, stopped by its destructor.
-struct CatalogueServer {
-    std::string baseUrl;
-    // Transfers paced at about `slowRate` bytes per second per connection.
-    std::string slowBaseUrl;
-    fs::path accessLog;
-    std::vector<std::unique_ptr<ChildProcess>> processes;
-};
-
-struct ServerSettings {
-    fs::path root;
-    fs::path work;
-    std::int64_t maxAge = 3600;
-    std::uint64_t slowRate = 1024 * 1024;
-};
-
-// `terrane-offline serve`, started twice over the same root: once at full speed, once paced.
-std::unique_ptr<CatalogueServer> startServe(const ServerSettings& settings);
-// nginx with a configuration of our own: access log, a paced location "/slow/", the given
-// max-age, and a user "locked" whose catalogue answers 401. Nothing when nginx is not installed.
-std::unique_ptr<CatalogueServer> startNginx(const ServerSettings& settings);
 
 // A free TCP port on 127.0.0.1 that nothing listens on (closed again right away).
 std::uint16_t unusedPort();
@@ -145,13 +112,44 @@ bool eventually(Condition condition, std::chrono::milliseconds limit) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(20ms);
     }
     return true;
 }
 
-// The largest regular file below `directory` (0 when there is none): how far a download came,
-// whatever names the HTTP layer gives its partial files.
-std::uint64_t largestFileBelow(const fs::path& directory);
+// A user "alice" whose catalogue `serve` offers: region "harbour" (revision 2, maps and
+// navigation, a Feature outline) and region "plain" (revision 5, maps only, no outline, a
+// description with terminal escapes); the tool runs with a storage of its own.
+class ToolTest : public ::testing::Test {
+  protected:
+    fs::path source() const { return scratch_.path() / "source"; }
+    fs::path www() const { return scratch_.path() / "www"; }
+    fs::path storage() const { return scratch_.path() / "storage"; }
+    fs::path servedPack(int revision, const std::string& domain) const;
+
+    void writeSource(std::size_t mapsSize = 256 * 1024);
+    // Runs `publish`; fails the test when it does not succeed.
+    void publish();
+    // Serves the published tree with `serve` plus `options`, logging to accessLog().
+    void serve(const std::vector<std::string>& options);
+    fs::path accessLog() const { return scratch_.path() / "access.log"; }
+
+    std::vector<std::string> withGlobals(const std::vector<std::string>& words,
+                                         const std::string& user = "alice") const;
+    RunResult tool(const std::vector<std::string>& words) { return runTool(withGlobals(words)); }
+    // The tool in the background.
+    std::unique_ptr<ChildProcess> spawn(const std::vector<std::string>& words,
+                                        const std::vector<std::string>& environment = {});
+    // A member of every stored pack as `status --json` lists it, by "revision/domain" ("" for
+    // null); for the error, its code.
+    std::map<std::string, std::string> stored(const std::string& key = "state");
+    // The largest regular file in the storage (0 when there is none): how far a download came,
+    // whatever names the HTTP layer gives its partial files.
+    std::uint64_t largestStoredFile() const;
+
+    ScratchDirectory scratch_;
+    std::unique_ptr<ChildProcess> server_;
+    std::string baseUrl_;
+};
 
 }  // namespace terrane::tool::test
