@@ -173,15 +173,14 @@ TEST_F(ToolFlowTest, ListsResumesRecoversRenewsAndDeletes) {
 TEST_F(ToolFlowTest, UpdatesAfterADownloadThatRodeOutAServerGoingAway) {
     writeSource(kMapsSize);
     publish();
-    const std::string port = std::to_string(unusedPort());
-    serve({"--port", port, "--rate", kPaced});
+    serve({"--port", "0", "--rate", kPaced});
     auto download = spawn({"download", "harbour", "--no-wan"});
     ASSERT_TRUE(eventually([&] { return largestStoredFile() >= 512 * 1024; }, 30s));
     server_.reset();  // killed, mid-body
     ASSERT_TRUE(
         eventually([&] { return download->out().find("trying again") != std::string::npos; }, 20s))
         << download->out();
-    serve({"--port", port});
+    serve({"--port", baseUrl_.substr(baseUrl_.rfind(':') + 1)});
     ASSERT_EQ(download->wait(60s), 0) << download->out() << download->err();
     EXPECT_NE(download->out().find("maps pack of harbour/2 is available"), std::string::npos);
     EXPECT_EQ(tool({"status"}).out.find("is out"), std::string::npos);

@@ -98,9 +98,6 @@ struct AccessEntry {
 };
 std::vector<AccessEntry> readAccessLog(const fs::path& log);
 
-// A free TCP port on 127.0.0.1 that nothing listens on (closed again right away).
-std::uint16_t unusedPort();
-
 // Parsed JSON output of the tool; throws when it is not JSON.
 rapidjson::Document parseJson(const std::string& text);
 
