@@ -24,16 +24,6 @@ def python_http():
         thread.join()
 
 
-def regions_of(service):
-    got = []
-    service.list_available_regions(got.append)
-    for _ in range(200):
-        if got:
-            return got[0]
-        asyncio.run(asyncio.sleep(0.05))
-    raise AssertionError("no catalogue")
-
-
 def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
     # Bridges whose Python object is gone go to nothing.
     dropped_http, dropped_observer = UrllibService(), Recorder()
@@ -53,7 +43,7 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
                                       base_url=catalogue[0])
     service = t.OfflineService.get_instance(str(tmp_path), options)
     try:
-        [region] = regions_of(service).value
+        [region] = asyncio.run(aio.list_available_regions(service))
         assert (region.id, region.map_pack.bytes) == ("harbour", len(PACK))
         service.download_pack(D.Maps, region)
         pack = recorder.wait("on_available")

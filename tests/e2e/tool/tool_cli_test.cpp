@@ -1,9 +1,8 @@
-// What a user sees when the tool cannot work: one clear line on stderr and the documented exit
-// status, never a crash, the access token or a storage made for nothing; and the demo end to end.
+// What a user sees: on stdout the listings, and when the tool cannot work, one clear line on
+// stderr and the documented exit status; never a crash, the access token, a terminal escape or a
+// storage made for nothing. And the demo end to end.
 
 #include <httplib.h>
-
-#include <sstream>
 
 #include "tool_test_support.hpp"
 
@@ -22,13 +21,17 @@ std::string replaceAll(std::string text, const std::map<std::string, std::string
 
 using ToolCommandLine = ToolTest;
 
-TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
+TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
     const std::string token = "secret-token-4711";
-    const std::string dir = scratch_.path().string();
-    writeFile(scratch_.path() / "plain-file", "x");
-    writeFile(scratch_.path() / "empty-token", "\n  \n");
-    writeFile(scratch_.path() / "token", token + "\n");
+    const std::string dir = scratch_.string();
+    writeFile(scratch_ / "plain-file", "x");
+    writeFile(scratch_ / "empty-token", "\n  \n");
+    writeFile(scratch_ / "token", token + "\n");
     writeSource();
+    publish();
+    serve({"--port", "0"});
+    // The catalogue has nothing for "nobody", and garbage for "garbage".
+    writeFile(www() / "offline-data" / "v1" / "garbage" / "regions", "<html>");
     writeFile(source() / "many.geojson", R"({"type":"FeatureCollection","features":[]})");
     // A catalogue server that refuses every access token.
     httplib::Server refusing;
@@ -40,8 +43,9 @@ TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
     std::thread serving([&] { refusing.listen_after_bind(); });
     // Nothing listens on a privileged port of loopback.
     const std::string url = "http://127.0.0.1:1";
-    const auto globals = [&](const std::string& storage, const std::string& at) {
-        return "--storage " + dir + "/" + storage + " --base-url " + at + " --user alice";
+    const auto globals = [&](const std::string& storage, const std::string& at,
+                             const std::string& user = "alice") {
+        return "--storage " + dir + "/" + storage + " --base-url " + at + " --user " + user;
     };
     // {fresh} is a storage that nothing may create: listings, status and refused token files
     // need none.
@@ -50,8 +54,12 @@ TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
         {"{fresh}", globals("fresh", url)},
         {"{file}", globals("plain-file/s", url)},
         {"{locked}", globals("s", "http://127.0.0.1:" + std::to_string(lockedPort))},
-        {"{publish}", "publish " + dir + "/source " + dir + "/www --user alice"},
+        {"{served}", globals("s", baseUrl_)},
+        {"{nobody}", globals("s", baseUrl_, "nobody")},
+        {"{garbage}", globals("s", baseUrl_, "garbage")},
+        {"{publish}", "publish " + dir + "/source " + dir + "/out --user alice"},
         {"{url}", url},
+        {"{catalogue}", "the catalogue at " + baseUrl_},
         {"{dir}", dir},
     };
     const auto region = [](const std::string& members) {
@@ -92,6 +100,18 @@ TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
         {"{locked} regions", 3, "refused access for user 'alice': Invalid access token"},
         {"{locked} download harbour", 3, "refused access for user 'alice': Invalid access token"},
         {"{s} download harbour", 4, "cannot reach the catalogue at {url}: "},
+        {"{served} regions", 0, "harbour  revision 2  \"Harbour City\"  updated 2024-03-01 10:00"},
+        // Server text is shown, never obeyed by the terminal.
+        {"{served} regions", 0, "Plain\\x1b[2J\\r\\nforged line"},
+        {"{served} download plain --domain navigation", 1,
+         "region 'plain' revision 5 has no navigation pack"},
+        {"{served} download nowhere", 1,
+         "the catalogue has no region 'nowhere' (it offers: harbour, plain)"},
+        {"{served} download harbour --revision 9", 1,
+         "the catalogue offers revision 2 of region 'harbour', not revision 9"},
+        {"{nobody} regions", 1, "{catalogue} has nothing for user 'nobody': "},
+        {"{nobody} download harbour", 1, "{catalogue} has nothing for user 'nobody': "},
+        {"{garbage} download harbour", 1, "{catalogue} gave an unusable answer: "},
         {"{fresh} status", 0, "No packs stored in {dir}/fresh"},
         {"{s} delete harbour --revision 3", 1,
          "nothing to delete: no stored pack of region 'harbour' revision 3"},
@@ -111,12 +131,8 @@ TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
         if (!row.regions.empty()) {
             writeFile(source() / "regions.json", row.regions);
         }
-        std::vector<std::string> arguments;
-        std::istringstream words(replaceAll(row.command, names));
-        for (std::string word; words >> word;) {
-            arguments.push_back(word);
-        }
-        const RunResult result = runTool(arguments, {"TERRANE_ACCESS_TOKEN=" + token});
+        const RunResult result =
+            run(words(replaceAll(row.command, names)), {"TERRANE_ACCESS_TOKEN=" + token});
         const std::string says = replaceAll(row.says, names);
         SCOPED_TRACE(row.command + "\n" + result.out + result.err);
         EXPECT_EQ(result.status, row.status);
@@ -127,18 +143,19 @@ TEST_F(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
             EXPECT_NE(result.err.find(says), std::string::npos);
             EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line";
         }
-        for (const char* never : {token.c_str(), "terminate called", "what():", "Segmentation"}) {
+        for (const char* never :
+             {token.c_str(), "\x1b", "terminate called", "what():", "Segmentation"}) {
             EXPECT_EQ((result.out + result.err).find(never), std::string::npos) << never;
         }
     }
     refusing.stop();
     serving.join();
-    const RunResult homeless = runTool({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
+    const RunResult homeless = run({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
     EXPECT_EQ(homeless.status, 5);
     EXPECT_NE(homeless.err.find("no storage directory: neither XDG_DATA_HOME nor HOME is set"),
               std::string::npos);
-    EXPECT_FALSE(fs::exists(scratch_.path() / "fresh"));
-    EXPECT_FALSE(fs::exists(www() / "offline-data" / "v1" / "alice" / "regions"));
+    EXPECT_FALSE(fs::exists(scratch_ / "fresh"));
+    EXPECT_FALSE(fs::exists(scratch_ / "out" / "offline-data" / "v1" / "alice" / "regions"));
 }
 
 }  // namespace

@@ -38,7 +38,7 @@ class CrashTest : public ToolTest {
     }
 
     std::unique_ptr<ChildProcess> spawn(const std::vector<std::string>& words) {
-        return ToolTest::spawn(words, {std::string("TERRANE_ACCESS_TOKEN=") + kToken});
+        return start(withGlobals(words), {std::string("TERRANE_ACCESS_TOKEN=") + kToken});
     }
 
     // Whatever the moment of the kill: a file named as a verified pack has the served bytes,

@@ -21,7 +21,7 @@ bool shell(const std::string& command) {
 
 // Each test runs the tool in a fresh network namespace with only loopback up, and keeps a
 // NetworkManager of the machine out of its answers.
-class ToolNetworkTest : public ::testing::Test {
+class ToolNetworkTest : public ToolTest {
   protected:
     void SetUp() override {
         original_ = ::open("/proc/thread-self/ns/net", O_RDONLY);
@@ -54,7 +54,7 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
         {{"network", "192.0.2.1"}, "192.0.2.1: not reachable\n", 1},
     };
     for (const auto& row : rows) {
-        const RunResult result = runTool(row.arguments, environment_);
+        const RunResult result = run(row.arguments, environment_);
         const std::string err = "terrane-offline: " + row.arguments.back() + " cannot be reached\n";
         EXPECT_EQ(std::tuple(result.status, result.out, result.err),
                   std::tuple(row.status, row.out, row.status == 0 ? "" : err));
@@ -64,21 +64,20 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
         !shell("ip link add x0 type veth peer name x1 && ip link set x1 up")) {
         GTEST_SKIP() << "neither dummy nor veth links can be made here";
     }
-    ScratchDirectory work;
-    ChildProcess tool({kTool, "network", "--watch"}, work.path(), environment_);
+    const auto watch = start({"network", "--watch"}, environment_);
     std::string expected = "network: not reachable\n";
-    EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
+    EXPECT_TRUE(eventually([&] { return watch->out() == expected; }, 10s)) << watch->out();
     for (const auto& [change, line] : {
              std::pair{"ip link set x0 up && ip route add default dev x0", "network: WiFi\n"},
              std::pair{"ip route del default", "network: not reachable\n"},
          }) {
         ASSERT_TRUE(shell(change)) << change;
         expected += line;
-        EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
+        EXPECT_TRUE(eventually([&] { return watch->out() == expected; }, 10s)) << watch->out();
     }
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.wait(10s), 0);
-    EXPECT_EQ(tool.out(), expected);
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->wait(10s), 0);
+    EXPECT_EQ(watch->out(), expected);
 }
 
 }  // namespace

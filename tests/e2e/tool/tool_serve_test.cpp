@@ -14,17 +14,15 @@
 namespace terrane::tool::test {
 namespace {
 
-TEST(ToolServe, AnswersRangesConditionsAndLeasesFromBelowItsRootOnly) {
-    ScratchDirectory scratch;
-    const fs::path user = scratch.path() / "www" / "offline-data" / "v1" / "u";
+using ToolServe = ToolTest;
+
+TEST_F(ToolServe, AnswersRangesConditionsAndLeasesFromBelowItsRootOnly) {
+    const fs::path user = www() / "offline-data" / "v1" / "u";
     const std::string content = patternBytes(100000, 9);
     writeFile(user / "packs" / "p.pack", content);
     writeFile(user / "regions", "{}");
-    const fs::path log = scratch.path() / "access.log";
-    ChildProcess server({kTool, "serve", (scratch.path() / "www").string(), "--port", "0",
-                         "--max-age", "120", "--access-log", log.string()},
-                        scratch.path() / "serve");
-    httplib::Client client(server.announcedUrl());
+    serve({"--port", "0", "--max-age", "120"});
+    httplib::Client client(baseUrl_);
     client.set_url_encode(false);
     const std::string pack = "/offline-data/v1/u/packs/p.pack";
 
@@ -102,16 +100,16 @@ TEST(ToolServe, AnswersRangesConditionsAndLeasesFromBelowItsRootOnly) {
     ::listen(holder, 1);
     ::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length);
     const std::string held = std::to_string(ntohs(address.sin_port));
-    const RunResult refused = runTool({"serve", scratch.path().string(), "--port", held}, {}, 10s);
+    const RunResult refused = run({"serve", www().string(), "--port", held}, {}, 10s);
     ::close(holder);
     EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.err.find("cannot listen on 127.0.0.1:" + held), std::string::npos)
         << refused.err;
 
-    server.signal(SIGINT);
-    EXPECT_EQ(server.wait(10s), 0) << server.err();
-    EXPECT_NE(server.out().find("Stopped after"), std::string::npos);
-    const std::string logged = readFile(log);
+    server_->signal(SIGINT);
+    EXPECT_EQ(server_->wait(10s), 0) << server_->err();
+    EXPECT_NE(server_->out().find("Stopped after"), std::string::npos);
+    const std::string logged = readFile(accessLog());
     EXPECT_EQ(logged.find("very-secret-token"), std::string::npos);
     EXPECT_EQ(logged.find('?'), std::string::npos) << "the query is never logged";
 }

@@ -6,19 +6,12 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <sstream>
 #include <stdexcept>
 
 namespace terrane::tool::test {
-
-ScratchDirectory::ScratchDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
                            const std::vector<std::string>& environment) {
@@ -28,6 +21,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::
     outPath_ = work / (stem + ".out");
     errPath_ = work / (stem + ".err");
     std::vector<std::string> copies = arguments;
+    copies.insert(copies.begin(), kTool);
     std::vector<char*> argv;
     for (std::string& argument : copies) {
         argv.push_back(argument.data());
@@ -74,13 +68,6 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
     return status_;
 }
 
-std::string ChildProcess::out() const {
-    return readFile(outPath_);
-}
-std::string ChildProcess::err() const {
-    return readFile(errPath_);
-}
-
 std::string ChildProcess::announcedUrl() const {
     const std::string prefix = "http://127.0.0.1:";
     if (!eventually([&] { return out().find(prefix) != std::string::npos; }, 10s)) {
@@ -90,19 +77,9 @@ std::string ChildProcess::announcedUrl() const {
     return prefix + std::to_string(std::stoi(text.substr(prefix.size())));
 }
 
-RunResult runTool(const std::vector<std::string>& arguments,
-                  const std::vector<std::string>& environment, std::chrono::seconds limit) {
-    ScratchDirectory work;
-    std::vector<std::string> command{kTool};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ChildProcess child(command, work.path(), environment);
-    auto status = child.wait(limit);
-    if (!status) {
-        ADD_FAILURE() << "terrane-offline did not finish within " << limit.count() << " s";
-        child.signal(SIGKILL);
-        status = child.wait(10s);
-    }
-    return RunResult{status.value_or(-1), child.out(), child.err()};
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 std::string patternBytes(std::size_t size, unsigned seed) {
@@ -130,13 +107,11 @@ std::vector<AccessEntry> readAccessLog(const fs::path& log) {
     std::vector<AccessEntry> entries;
     std::istringstream in(readFile(log));
     AccessEntry entry;
+    std::string rest;
     // Header fields come as name=value, "-" for none.
-    std::string ifRange;
-    while (in >> entry.method >> entry.path >> entry.status >> entry.bytes >> entry.range >>
-           ifRange >> entry.ifNoneMatch) {
-        for (std::string* field : {&entry.range, &entry.ifNoneMatch}) {
-            *field = field->ends_with("=-") ? "" : field->substr(field->find('=') + 1);
-        }
+    while (in >> entry.method >> entry.path >> entry.status >> entry.bytes >> entry.range &&
+           std::getline(in, rest)) {
+        entry.range = entry.range.ends_with("=-") ? "" : entry.range.substr(6);
         entries.push_back(entry);
     }
     return entries;
@@ -148,6 +123,20 @@ rapidjson::Document parseJson(const std::string& text) {
         throw std::runtime_error("not JSON: " + text);
     }
     return document;
+}
+
+ToolTest::ToolTest() {
+    std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    scratch_ = pattern;
+}
+
+ToolTest::~ToolTest() {
+    server_.reset();
+    std::error_code ignored;
+    fs::remove_all(scratch_, ignored);
 }
 
 fs::path ToolTest::servedPack(int revision, const std::string& domain) const {
@@ -172,16 +161,14 @@ void ToolTest::writeSource(std::size_t mapsSize) {
 }
 
 void ToolTest::publish() {
-    const RunResult result =
-        runTool({"publish", source().string(), www().string(), "--user", "alice"});
+    const RunResult result = run({"publish", source().string(), www().string(), "--user", "alice"});
     ASSERT_EQ(result.status, 0) << result.err;
 }
 
 void ToolTest::serve(const std::vector<std::string>& options) {
-    std::vector<std::string> command{kTool, "serve", www().string(), "--access-log",
-                                     accessLog().string()};
+    std::vector<std::string> command{"serve", www().string(), "--access-log", accessLog().string()};
     command.insert(command.end(), options.begin(), options.end());
-    server_ = std::make_unique<ChildProcess>(command, scratch_.path() / "server");
+    server_ = start(command);
     baseUrl_ = server_->announcedUrl();
 }
 
@@ -193,11 +180,18 @@ std::vector<std::string> ToolTest::withGlobals(const std::vector<std::string>& w
     return arguments;
 }
 
-std::unique_ptr<ChildProcess> ToolTest::spawn(const std::vector<std::string>& words,
-                                              const std::vector<std::string>& environment) {
-    std::vector<std::string> command = withGlobals(words);
-    command.insert(command.begin(), kTool);
-    return std::make_unique<ChildProcess>(command, scratch_.path() / "runs", environment);
+std::unique_ptr<ChildProcess> ToolTest::start(const std::vector<std::string>& arguments,
+                                              const std::vector<std::string>& environment) const {
+    return std::make_unique<ChildProcess>(arguments, scratch_ / "runs", environment);
+}
+
+RunResult ToolTest::run(const std::vector<std::string>& arguments,
+                        const std::vector<std::string>& environment,
+                        std::chrono::seconds limit) const {
+    const auto child = start(arguments, environment);
+    const auto status = child->wait(limit);
+    EXPECT_TRUE(status) << "terrane-offline did not finish within " << limit.count() << " s";
+    return RunResult{status.value_or(-1), child->out(), child->err()};
 }
 
 std::map<std::string, std::string> ToolTest::stored(const std::string& key) {

@@ -26,21 +26,7 @@ using namespace std::chrono_literals;
 // The tool under test, as built alongside these tests.
 inline const std::string kTool = TERRANE_OFFLINE_TOOL;
 
-// A fresh directory below the system's temporary directory, removed with its contents.
-class ScratchDirectory {
-  public:
-    ScratchDirectory();
-    ~ScratchDirectory() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-    const fs::path& path() const { return path_; }
-
-  private:
-    fs::path path_;
-};
+std::string readFile(const fs::path& path);
 
 struct RunResult {
     // The exit status, or minus the signal number when a signal ended the process.
@@ -49,9 +35,9 @@ struct RunResult {
     std::string err;
 };
 
-// A child process with stdout and stderr going to files in `work`, and TERRANE_ACCESS_TOKEN
-// unset unless `environment` sets it. The destructor kills (SIGKILL) and reaps a child that still
-// runs.
+// The tool with `arguments` as a child process with stdout and stderr going to files in `work`,
+// and TERRANE_ACCESS_TOKEN unset unless `environment` sets it. The destructor kills (SIGKILL) and
+// reaps a child that still runs.
 class ChildProcess {
   public:
     ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
@@ -64,8 +50,8 @@ class ChildProcess {
     void signal(int number);
     // Waits for the end; the status as in RunResult, or nullopt after `limit`.
     std::optional<int> wait(std::chrono::milliseconds limit);
-    std::string out() const;
-    std::string err() const;
+    std::string out() const { return readFile(outPath_); }
+    std::string err() const { return readFile(errPath_); }
     // The "http://127.0.0.1:PORT" that a server child announces on stdout; throws when none comes
     // within 10 s.
     std::string announcedUrl() const;
@@ -77,15 +63,12 @@ class ChildProcess {
     fs::path errPath_;
 };
 
-// Runs the tool to its end (killing it after `limit`, which fails the calling test).
-RunResult runTool(const std::vector<std::string>& arguments,
-                  const std::vector<std::string>& environment = {},
-                  std::chrono::seconds limit = std::chrono::seconds(120));
+// The words of `text`, split at spaces.
+std::vector<std::string> words(const std::string& text);
 
 // Deterministic file contents.
 std::string patternBytes(std::size_t size, unsigned seed);
 void writeFile(const fs::path& path, const std::string& contents);
-std::string readFile(const fs::path& path);
 
 // One line of the access log of `serve`.
 struct AccessEntry {
@@ -94,7 +77,6 @@ struct AccessEntry {
     int status = 0;
     std::uint64_t bytes = 0;
     std::string range;
-    std::string ifNoneMatch;
 };
 std::vector<AccessEntry> readAccessLog(const fs::path& log);
 
@@ -114,14 +96,18 @@ bool eventually(Condition condition, std::chrono::milliseconds limit) {
     return true;
 }
 
-// A user "alice" whose catalogue `serve` offers: region "harbour" (revision 2, maps and
-// navigation, a Feature outline) and region "plain" (revision 5, maps only, no outline, a
-// description with terminal escapes); the tool runs with a storage of its own.
+// A fresh directory for the tool's runs, removed with its contents. Below it, a user "alice" whose
+// catalogue `serve` offers: region "harbour" (revision 2, maps and navigation, a Feature outline)
+// and region "plain" (revision 5, maps only, no outline, a description with terminal escapes);
+// and a storage for the tool.
 class ToolTest : public ::testing::Test {
   protected:
-    fs::path source() const { return scratch_.path() / "source"; }
-    fs::path www() const { return scratch_.path() / "www"; }
-    fs::path storage() const { return scratch_.path() / "storage"; }
+    ToolTest();
+    ~ToolTest() override;
+
+    fs::path source() const { return scratch_ / "source"; }
+    fs::path www() const { return scratch_ / "www"; }
+    fs::path storage() const { return scratch_ / "storage"; }
     fs::path servedPack(int revision, const std::string& domain) const;
 
     void writeSource(std::size_t mapsSize = 256 * 1024);
@@ -129,14 +115,19 @@ class ToolTest : public ::testing::Test {
     void publish();
     // Serves the published tree with `serve` plus `options`, logging to accessLog().
     void serve(const std::vector<std::string>& options);
-    fs::path accessLog() const { return scratch_.path() / "access.log"; }
+    fs::path accessLog() const { return scratch_ / "access.log"; }
 
+    // The tool in the background.
+    std::unique_ptr<ChildProcess> start(const std::vector<std::string>& arguments,
+                                        const std::vector<std::string>& environment = {}) const;
+    // The tool to its end (killed after `limit`, which fails the test).
+    RunResult run(const std::vector<std::string>& arguments,
+                  const std::vector<std::string>& environment = {},
+                  std::chrono::seconds limit = 120s) const;
+    // The tool with this storage, the served catalogue and `user`.
     std::vector<std::string> withGlobals(const std::vector<std::string>& words,
                                          const std::string& user = "alice") const;
-    RunResult tool(const std::vector<std::string>& words) { return runTool(withGlobals(words)); }
-    // The tool in the background.
-    std::unique_ptr<ChildProcess> spawn(const std::vector<std::string>& words,
-                                        const std::vector<std::string>& environment = {});
+    RunResult tool(const std::vector<std::string>& words) const { return run(withGlobals(words)); }
     // A member of every stored pack as `status --json` lists it, by "revision/domain" ("" for
     // null); for the error, its code.
     std::map<std::string, std::string> stored(const std::string& key = "state");
@@ -144,7 +135,7 @@ class ToolTest : public ::testing::Test {
     // whatever names the HTTP layer gives its partial files.
     std::uint64_t largestStoredFile() const;
 
-    ScratchDirectory scratch_;
+    fs::path scratch_;
     std::unique_ptr<ChildProcess> server_;
     std::string baseUrl_;
 };
