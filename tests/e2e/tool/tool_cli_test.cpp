@@ -101,6 +101,11 @@ TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
         {"{locked} download harbour", 3, "refused access for user 'alice': Invalid access token"},
         {"{s} download harbour", 4, "cannot reach the catalogue at {url}: "},
         {"{served} regions", 0, "harbour  revision 2  \"Harbour City\"  updated 2024-03-01 10:00"},
+        {"{served} regions", 0, "    maps         256.0 KiB  data version 2024.03\n"},
+        {"{served} regions", 0, "plain  revision 5  \"plain\""},
+        {"{served} --json regions", 0, R"("last_updated": "2024-03-01T10:00:00.000Z")"},
+        {"{served} --json regions", 0,
+         R"("url": "terrane://offline-data/alice/packs/harbour/2/maps.pack")"},
         // Server text is shown, never obeyed by the terminal.
         {"{served} regions", 0, "Plain\\x1b[2J\\r\\nforged line"},
         {"{served} download plain --domain navigation", 1,
@@ -150,6 +155,11 @@ TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
     }
     refusing.stop();
     serving.join();
+    // What `publish` serves: the files as they are, and a Feature outline as its geometry.
+    EXPECT_EQ(readFile(servedPack(2, "maps")), readFile(source() / "harbour-maps.bin"));
+    const auto published = parseJson(readFile(www() / "offline-data/v1/alice/regions"));
+    EXPECT_STREQ(published["harbour"]["configuration"]["geography"]["type"].GetString(), "Point");
+    EXPECT_TRUE(published["plain"]["configuration"]["geography"].IsNull());
     const RunResult homeless = run({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
     EXPECT_EQ(homeless.status, 5);
     EXPECT_NE(homeless.err.find("no storage directory: neither XDG_DATA_HOME nor HOME is set"),

@@ -43,25 +43,7 @@ TEST_F(ToolFlowTest, ListsResumesRecoversRenewsAndDeletes) {
     publish();
     serve({"--port", "0", "--max-age", "10", "--rate", kPaced});
 
-    RunResult result = tool({"--json", "regions"});
-    ASSERT_EQ(result.status, 0) << result.err;
-    const auto regions = parseJson(result.out);
-    const auto& harbour = regions[0];
-    const auto& maps = harbour["packs"][0];
-    const auto text = [](const rapidjson::Value& value) { return std::string(value.GetString()); };
-    EXPECT_EQ(
-        std::tuple(text(harbour["id"]), text(harbour["name"]), text(harbour["last_updated"]),
-                   text(maps["url"]), text(maps["data_version"]), maps["format"].GetInt(),
-                   maps["size"].GetUint64(), harbour["packs"].Size(), text(regions[1]["name"])),
-        std::tuple("harbour", "Harbour City", "2024-03-01T10:00:00.000Z",
-                   "terrane://offline-data/alice/packs/harbour/2/maps.pack", "2024.03", 1,
-                   kMapsSize, 2u, "plain"));
-    EXPECT_EQ(readFile(servedPack(2, "maps")), readFile(source() / "harbour-maps.bin"));
-    // A Feature outline is published as its geometry.
-    const auto published = parseJson(readFile(www() / "offline-data/v1/alice/regions"));
-    EXPECT_STREQ(published["harbour"]["configuration"]["geography"]["type"].GetString(), "Point");
-    EXPECT_TRUE(published["plain"]["configuration"]["geography"].IsNull());
-
+    RunResult result;
     // Ctrl-C, then a kill: each run resumes where the one before stopped.
     auto child = startDownload(512 * 1024);
     child->signal(SIGINT);
