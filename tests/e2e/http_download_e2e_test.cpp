@@ -75,9 +75,9 @@ TEST(HttpDownloadEndToEndTest, NginxsValidatorsAndDownloadsCutOffMidWayThatResum
     } rows[] = {
         {"cancelled", Cut::Cancelled, NginxServer::Compression::Off, 206},
         {"the server killed", Cut::ServerKilled, NginxServer::Compression::Off, 206},
-        {"the file changed meanwhile", Cut::FileChanged, NginxServer::Compression::Off, 200},
         // The entity tag of a compressed answer is weak; a download asks for the file as it is.
         {"cancelled, gzip", Cut::Cancelled, NginxServer::Compression::GzipEverything, 206},
+        {"the file changed meanwhile", Cut::FileChanged, NginxServer::Compression::Off, 200},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -115,10 +115,9 @@ TEST(HttpDownloadEndToEndTest, NginxsValidatorsAndDownloadsCutOffMidWayThatResum
         EXPECT_EQ(answer.code, row.code);
         EXPECT_FALSE(answer.headers.contains("content-encoding"));
         if (row.code == 206) {
-            const std::string size = std::to_string(fs::file_size(served));
-            EXPECT_EQ(answer.headers.at("content-range"),
-                      "bytes " + std::to_string(stored->bytes) + "-" +
-                          std::to_string(fs::file_size(served) - 1) + "/" + size);
+            EXPECT_EQ(answer.headers.at("content-range"), "bytes " + std::to_string(stored->bytes) +
+                                                              "-" + std::to_string(kFileSize - 1) +
+                                                              "/" + std::to_string(kFileSize));
             EXPECT_EQ(answer.headers.at("etag"), stored->etag);
             EXPECT_EQ(resumed.items()[1].receivedBytes, stored->bytes);
         }
