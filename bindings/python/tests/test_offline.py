@@ -91,10 +91,27 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
     service.download_pack(t.OfflineDataDomain.Maps, got[0].value[0])
     recorder.wait("on_downloading")
     """,
+    # The last reference to a client goes on its own thread, with the callback that held it.
+    """
+    import threading
+    finished = threading.Event()
+    class Job:
+        def __init__(self):
+            self.client = t.OfflineClient(STORAGE, t.OfflineServiceOptions(
+                username="alice", base_url=FAST_URL))
+            [region] = self.client.list_regions(10).value
+            self.client.download(region, None, progress=self.progress)
+        def progress(self, state):
+            if state.state == t.OfflineDataPackStatus.Available:
+                finished.set()
+    Job()
+    finished.wait(10)
+    time.sleep(0.5)
+    """,
 ])
 def test_release_and_shutdown_do_not_hang(tmp_path, catalogue, script):
-    code = "import sys, time, terrane_common as t; sys.path.insert(0, %r); STORAGE, SLOW_URL = " \
-        "%r, %r\n" % (os.path.dirname(__file__), str(tmp_path), catalogue[1])
+    code = "import sys, time, terrane_common as t; sys.path.insert(0, %r); STORAGE, FAST_URL, " \
+        "SLOW_URL = %r, %r, %r\n" % (os.path.dirname(__file__), str(tmp_path), *catalogue)
     finished = subprocess.run([sys.executable, "-c", code + textwrap.dedent(script) +
                                "print('released')\n"], capture_output=True, text=True, timeout=60)
     assert (finished.returncode, finished.stdout) == (0, "released\n"), finished.stderr
