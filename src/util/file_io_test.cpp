@@ -1,13 +1,11 @@
 #include "util/file_io.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -59,40 +57,10 @@ std::string patternedBytes(std::size_t size, char seed) {
     return bytes;
 }
 
-// Lowers the file size limit of the process for its lifetime, so that a write fails part way
-// with EFBIG; this works for root too, which ignores permissions. SIGXFSZ, which would end the
-// process, is ignored meanwhile.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &previous_);
-        rlimit lowered = previous_;
-        lowered.rlim_cur = bytes;
-        active_ = ::setrlimit(RLIMIT_FSIZE, &lowered) == 0;
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() {
-        ::setrlimit(RLIMIT_FSIZE, &previous_);
-        std::signal(SIGXFSZ, previousHandler_);
-    }
-    bool active() const { return active_; }
-
-  private:
-    rlimit previous_{};
-    void (*previousHandler_)(int) = nullptr;
-    bool active_ = false;
-};
-
-// ---- readFile -------------------------------------------------------------------------------
-
 TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
     const std::string contents = patternedBytes(200 * 1024 + 3, '\0');
     put(directory_ / "data", contents);
     EXPECT_EQ(readFile(directory_ / "data"), contents);
-    put(directory_ / "empty", "");
-    EXPECT_EQ(readFile(directory_ / "empty"), "");
     // A FIFO is refused without waiting for a writer.
     ASSERT_EQ(::mkfifo((directory_ / "fifo").c_str(), 0600), 0);
     const std::vector<std::pair<fs::path, std::string>> failures{
@@ -121,7 +89,8 @@ TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLef
     EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
 }
 
-TEST_F(FileIoTest, AWriteThatCannotStartLeavesEverythingAsItWas) {
+// Over a directory the rename fails, after the temporary was written: it goes too.
+TEST_F(FileIoTest, AFailedWriteLeavesEverythingAsItWas) {
     fs::create_directory(directory_ / "maps");
     put(directory_ / "maps" / "1", "pack");
     const std::vector<std::pair<fs::path, std::string>> rows{
@@ -135,20 +104,27 @@ TEST_F(FileIoTest, AWriteThatCannotStartLeavesEverythingAsItWas) {
     EXPECT_EQ(entries(), std::vector<std::string>{"maps"});
 }
 
-TEST_F(FileIoTest, FailedWriteKeepsTheOldContents) {
-    const fs::path target = directory_ / "1.json";
-    put(target, "old contents");
-    const std::string large = patternedBytes(256 * 1024, 'n');
-    common::expected<void, std::string> written;
-    {
-        FileSizeLimit limit(4096);
-        ASSERT_TRUE(limit.active());
-        // The first write stops short at the limit, the next one fails.
-        written = writeFileAtomically(target, large);
+TEST_F(FileIoTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
+    const std::vector<std::pair<std::string, bool>> rows{
+        {".1.json.tmp-AZaz09", true}, {".x.tmp-abcdef", true},  {"..tmp-abcdef", false},
+        {"x.json.tmp-abcdef", false}, {".x.tmp_abcdef", false}, {".x.tmp-abcd@f", false},
+        {".x.tmp-abcd[f", false},     {".x.tmp-abcd`f", false}, {".x.tmp-abcd{f", false},
+        {".x.tmp-abcd:f", false},
+    };
+    std::vector<std::string> kept{".d.tmp-abcdef", ".l.tmp-abcdef"};
+    fs::create_directory(directory_ / kept[0]);
+    put(directory_ / kept[0] / ".x.tmp-abcdef", "");
+    fs::create_symlink("x.json.tmp-abcdef", directory_ / kept[1]);
+    for (const auto& [name, removed] : rows) {
+        put(directory_ / name, "");
+        if (!removed) {
+            kept.push_back(name);
+        }
     }
-    EXPECT_EQ(written, common::unexpected(std::string("File too large")));
-    EXPECT_EQ(readFile(target), "old contents");
-    EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
+    removeInterruptedWrites(directory_);
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(entries(), kept);
+    EXPECT_TRUE(fs::exists(directory_ / ".d.tmp-abcdef" / ".x.tmp-abcdef"));
 }
 
 TEST_F(FileIoTest, ReadersNeverSeeAPartialFile) {
