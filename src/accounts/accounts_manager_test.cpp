@@ -41,10 +41,6 @@ class AccountsManagerTest : public testing::Test {
     AccountsManager manager;
 };
 
-std::string digestOf(const std::string& token) {
-    return token.substr(11);
-}
-
 TEST_F(AccountsManagerTest, EachSkuHasItsCodeAndUnknownOnesShareACodelessToken) {
     const std::vector<std::pair<std::uint32_t, std::string>> rows{
         {0, "1(00)"}, {1, "1(03)"}, {2, "1(04)"}, {3, "1(06)"}, {4, "1()"}, {0xFFFFFFFF, "1()"}};
@@ -60,16 +56,10 @@ TEST_F(AccountsManagerTest, EachSkuHasItsCodeAndUnknownOnesShareACodelessToken) 
 
 TEST_F(AccountsManagerTest, TokenTextIsVersionCodeRandomizerAndDigestOfTheUserId) {
     GeneratedToken generated = manager.generateToken<ManualClock>(SKUIdentifier::Code04);
-    EXPECT_EQ(generated.sku, SKUIdentifier::Code04);
     EXPECT_EQ(generated.expiry, ManualClock::current + hours{1});
-    EXPECT_FALSE(generated.cachedToken.has_value());
-
     const std::string text = generated.token();
     EXPECT_EQ(text, "104" + generated.userRandomizer + util::md5String(generated.userId));
     EXPECT_EQ(generated.cachedToken, text);
-    // The id is upper case, its digest in the token lower case.
-    EXPECT_THAT(generated.userId, MatchesRegex("[0-9A-F]{32}"));
-    EXPECT_THAT(digestOf(text), MatchesRegex("[0-9a-f]{32}"));
 }
 
 TEST_F(AccountsManagerTest, ATokenLastsAnHourFromItsMakingPerSku) {
@@ -81,27 +71,17 @@ TEST_F(AccountsManagerTest, ATokenLastsAnHourFromItsMakingPerSku) {
     ManualClock::current += nanoseconds{1};
     const std::string renewed = token(SKUIdentifier::Code00);
     EXPECT_NE(renewed, first);
-    EXPECT_EQ(renewed.substr(0, 3), "100");
-    EXPECT_NE(digestOf(renewed), digestOf(first));
     ManualClock::current += hours{1};
     EXPECT_EQ(token(SKUIdentifier::Code00), renewed);
 }
 
-TEST_F(AccountsManagerTest, LiveServiceTokenIsReturnedForEverySku) {
+TEST_F(AccountsManagerTest, ALiveServiceTokenIsReturnedForEverySkuAndRenewedWhenExpired) {
     EXPECT_FALSE(manager.maybeServiceToken<ManualClock>().has_value());
-    const std::string before = token(SKUIdentifier::Code00);
-    EXPECT_EQ(before.substr(0, 3), "100");
-
+    EXPECT_EQ(token(SKUIdentifier::Code00).substr(0, 3), "100");
     const std::string service = token(SKUIdentifier::Code03);
     EXPECT_EQ(service.substr(0, 3), "103");
-    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
     EXPECT_EQ(token(SKUIdentifier::Code00), service);
-    EXPECT_EQ(token(SKUIdentifier::Code06), service);
     EXPECT_EQ(token(static_cast<SKUIdentifier>(42)), service);
-}
-
-TEST_F(AccountsManagerTest, ExpiredServiceTokenIsRenewedAndStillWins) {
-    const std::string service = token(SKUIdentifier::Code03);
     ManualClock::current += hours{1};
     EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
 
@@ -114,8 +94,7 @@ TEST_F(AccountsManagerTest, ExpiredServiceTokenIsRenewedAndStillWins) {
 
 TEST_F(AccountsManagerTest, GeneratingDoesNotReplaceACachedEntry) {
     const std::string cached = token(SKUIdentifier::Code06);
-    GeneratedToken another = manager.generateToken<ManualClock>(SKUIdentifier::Code06);
-    EXPECT_NE(another.token(), cached);
+    EXPECT_NE(manager.generateToken<ManualClock>(SKUIdentifier::Code06).token(), cached);
     EXPECT_EQ(token(SKUIdentifier::Code06), cached);
 }
 
@@ -128,13 +107,9 @@ TEST_F(AccountsManagerTest, RandomCharactersFollowRandModulo62WithoutReseeding) 
     }
     std::srand(20240229);
     EXPECT_EQ(manager.userRandomizer(), expected);
-
-    std::srand(20240229);
-    const std::string token = manager.generateToken<ManualClock>(SKUIdentifier::Code00).token();
-    EXPECT_EQ(token.substr(3, 8), expected);
 }
 
-TEST_F(AccountsManagerTest, EveryUserIdIsANewVersion4Uuid) {
+TEST_F(AccountsManagerTest, EveryUserIdIsANewUpperCaseVersion4Uuid) {
     std::set<std::string> ids;
     for (int i = 0; i < 100; ++i) {
         const std::string id = manager.getUserID();
@@ -144,19 +119,17 @@ TEST_F(AccountsManagerTest, EveryUserIdIsANewVersion4Uuid) {
     EXPECT_EQ(ids.size(), 100u);
 }
 
-TEST(AccountsManagerConcurrency, ThreadsAskingForTheSameSkusShareTheirTokens) {
-    AccountsManager manager;
-    constexpr int threadCount = 6;
-    constexpr int requests = 300;
+// The only test that touches the process-wide instance, so the order inside it is under control.
+TEST(TokenGenerator, ThreadsAskingForTheSameSkusShareTheProcessWideTokens) {
     const SKUIdentifier skus[] = {SKUIdentifier::Code00, SKUIdentifier::Code04,
                                   SKUIdentifier::Code06};
-    std::vector<std::vector<std::string>> seen(threadCount);
+    std::vector<std::vector<std::string>> seen(6);
     {
         std::vector<std::jthread> threads;
-        for (int t = 0; t < threadCount; ++t) {
+        for (std::size_t t = 0; t < seen.size(); ++t) {
             threads.emplace_back([&, t] {
-                for (int i = 0; i < requests; ++i) {
-                    seen[t].push_back(manager.getSKUToken(skus[(t + i) % 3]));
+                for (std::size_t i = 0; i < 300; ++i) {
+                    seen[t].push_back(TokenGenerator::getSKUToken(skus[(t + i) % 3]));
                 }
             });
         }
@@ -165,29 +138,14 @@ TEST(AccountsManagerConcurrency, ThreadsAskingForTheSameSkusShareTheirTokens) {
     for (const auto& tokens : seen) {
         distinct.insert(tokens.begin(), tokens.end());
     }
-    ASSERT_EQ(distinct.size(), 3u);
     std::set<std::string> prefixes;
     for (const auto& text : distinct) {
         prefixes.insert(text.substr(0, 3));
     }
+    EXPECT_EQ(distinct.size(), 3u);
     EXPECT_EQ(prefixes, (std::set<std::string>{"100", "104", "106"}));
-}
-
-// The only test that touches the process-wide instance, so the order inside it is under control.
-TEST(TokenGenerator, ServesTokensFromTheProcessWideCache) {
-    std::vector<std::string> seen(4);
-    {
-        std::vector<std::jthread> threads;
-        for (std::size_t t = 0; t < seen.size(); ++t) {
-            threads.emplace_back(
-                [&, t] { seen[t] = TokenGenerator::getSKUToken(SKUIdentifier::Code04); });
-        }
-    }
-    for (const auto& text : seen) {
-        EXPECT_EQ(text, seen[0]);
-    }
-    EXPECT_THAT(seen[0], MatchesRegex("104[0-9a-zA-Z]{8}[0-9a-f]{32}"));
-    EXPECT_EQ(AccountsManager::getInstance().getSKUToken(SKUIdentifier::Code04), seen[0]);
+    EXPECT_TRUE(
+        distinct.contains(AccountsManager::getInstance().getSKUToken(SKUIdentifier::Code04)));
 
     const std::string service = TokenGenerator::getSKUToken(SKUIdentifier::Code03);
     EXPECT_EQ(service.substr(0, 3), "103");
