@@ -3,9 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <memory>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "reachability/reachability_flags.hpp"
@@ -16,31 +17,25 @@ namespace {
 using namespace reachability_flag;
 
 TEST(ReachabilityFlagsTest, StatusFollowsTheRulesInOrder) {
-    const struct {
-        ReachabilityFlags flags;
-        NetworkStatus status;
-        const char* text;
-    } rows[] = {
-        {0, NetworkStatus::NotReachable, "not reachable"},
-        {IsWWAN | ConnectionOnDemand, NetworkStatus::NotReachable, "not reachable"},
-        {Reachable, NetworkStatus::ReachableViaWiFi, "WiFi"},
-        {Reachable | IsWWAN, NetworkStatus::ReachableViaWAN, "WAN"},
-        {Reachable | IsWWAN | ConnectionRequired | InterventionRequired,
-         NetworkStatus::ReachableViaWAN, "WAN"},
-        {Reachable | ConnectionRequired, NetworkStatus::NotReachable, "not reachable"},
-        {Reachable | ConnectionRequired | ConnectionOnDemand, NetworkStatus::ReachableViaWiFi,
-         "WiFi"},
-        {Reachable | ConnectionRequired | ConnectionOnTraffic, NetworkStatus::ReachableViaWiFi,
-         "WiFi"},
-        {Reachable | ConnectionRequired | ConnectionOnDemand | InterventionRequired,
-         NetworkStatus::NotReachable, "not reachable"},
-        {Reachable | InterventionRequired, NetworkStatus::ReachableViaWiFi, "WiFi"},
+    using enum NetworkStatus;
+    const std::vector<std::pair<ReachabilityFlags, NetworkStatus>> rows{
+        {0, NotReachable},
+        {IsWWAN | ConnectionOnDemand, NotReachable},
+        {Reachable, ReachableViaWiFi},
+        {Reachable | IsWWAN, ReachableViaWAN},
+        {Reachable | IsWWAN | ConnectionRequired | InterventionRequired, ReachableViaWAN},
+        {Reachable | ConnectionRequired, NotReachable},
+        {Reachable | ConnectionRequired | ConnectionOnDemand, ReachableViaWiFi},
+        {Reachable | ConnectionRequired | ConnectionOnTraffic, ReachableViaWiFi},
+        {Reachable | ConnectionRequired | ConnectionOnDemand | InterventionRequired, NotReachable},
+        {Reachable | InterventionRequired, ReachableViaWiFi},
     };
-    for (const auto& row : rows) {
-        const NetworkStatus status = networkStatusForFlags(row.flags);
-        EXPECT_EQ(status, row.status) << std::hex << row.flags;
-        EXPECT_EQ(toString(status), row.text) << std::hex << row.flags;
+    for (const auto& [flags, status] : rows) {
+        EXPECT_EQ(networkStatusForFlags(flags), status) << std::hex << flags;
     }
+    EXPECT_EQ((std::vector{toString(ReachableViaWiFi), toString(ReachableViaWAN),
+                           toString(NotReachable)}),
+              (std::vector<std::string>{"WiFi", "WAN", "not reachable"}));
 }
 
 // Answers the flags it was made with.

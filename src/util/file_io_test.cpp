@@ -5,12 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -125,31 +123,6 @@ TEST_F(FileIoTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
     std::sort(kept.begin(), kept.end());
     EXPECT_EQ(entries(), kept);
     EXPECT_TRUE(fs::exists(directory_ / ".d.tmp-abcdef" / ".x.tmp-abcdef"));
-}
-
-TEST_F(FileIoTest, ReadersNeverSeeAPartialFile) {
-    const fs::path target = directory_ / "metadata.json";
-    const std::string first = patternedBytes(64 * 1024, 'a');
-    const std::string second = patternedBytes(96 * 1024, 'b');
-    ASSERT_TRUE(writeFileAtomically(target, first).has_value());
-
-    std::atomic<bool> done{false};
-    std::atomic<int> torn{0};
-    std::thread reader([&] {
-        while (!done) {
-            const auto read = readFile(target);
-            if (!read || (*read != first && *read != second)) {
-                ++torn;
-            }
-        }
-    });
-    for (int round = 0; round < 50; ++round) {
-        EXPECT_TRUE(writeFileAtomically(target, round % 2 == 0 ? second : first).has_value());
-    }
-    done = true;
-    reader.join();
-    EXPECT_EQ(torn, 0);
-    EXPECT_EQ(entries(), std::vector<std::string>{"metadata.json"});
 }
 
 }  // namespace
