@@ -39,19 +39,14 @@ std::string featureWith(const std::string& members) {
     return R"({"type":"Feature","geometry":{"type":"Point","coordinates":[1,2]})" + members + "}";
 }
 
-TEST(GeoJsonRead, EachKindOfDocumentReads) {
+// The feature that featureWith describes.
+feature featureOf(std::optional<identifier> id, terrane::feature::property_map properties = {}) {
+    return feature{geo::point(1, 2), std::move(properties), std::move(id)};
+}
+
+// Every geometry read also writes back to text that reads as the same geometry.
+TEST(GeoJsonRead, EachKindOfDocumentReadsAndEachGeometryWritesBack) {
     using geo::geometry;
-    const auto featureOf = [](std::optional<identifier> id) {
-        feature f;
-        f.geometry = geo::point(1, 2);
-        f.id = std::move(id);
-        return f;
-    };
-    const auto withProperties = [&](terrane::feature::property_map properties) {
-        feature f = featureOf(std::nullopt);
-        f.properties = std::move(properties);
-        return f;
-    };
     const std::vector<std::pair<std::string, geojson>> rows{
         {geometryWith("Point", "[1.5,-2]"), geometry(geo::point(1.5, -2))},
         {geometryWith("Point", "[1,2,3]"), geometry(geo::point(1, 2))},
@@ -60,16 +55,19 @@ TEST(GeoJsonRead, EachKindOfDocumentReads) {
         {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6],[7,8],[9,0]]]"),
          geometry(geo::multi_line_string{{{1, 2}, {3, 4}}, {{5, 6}, {7, 8}, {9, 0}}})},
         // Rings need four points but not closure.
-        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]]]"),
-         geometry(geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}})},
+        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]],[[0,0],[2,0],[2,2],[0,0]]]"),
+         geometry(
+             geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}, {{0, 0}, {2, 0}, {2, 2}, {0, 0}}})},
         {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[5,5],[6,5],[6,6],[5,5]]]]"),
          geometry(geo::multi_polygon{geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 0}}},
                                      geo::polygon{{{5, 5}, {6, 5}, {6, 6}, {5, 5}}}})},
         {R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[1,2]},)"
          R"({"type":"GeometryCollection","geometries":[)"
-         R"({"type":"LineString","coordinates":[[0,0],[1,1]]}]}]})",
+         R"({"type":"LineString","coordinates":[[0,0],[1,1]]}]},)"
+         R"({"type":"GeometryCollection","geometries":[]}]})",
          geometry(geo::geometry_collection{
-             geo::point(1, 2), geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}}})},
+             geo::point(1, 2), geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}},
+             geo::geometry_collection{}})},
         {featureWith(""), featureOf(std::nullopt)},
         {featureWith(R"(,"id":7)"), featureOf(identifier(std::uint64_t{7}))},
         {featureWith(R"(,"id":-7)"), featureOf(identifier(std::int64_t{-7}))},
@@ -77,13 +75,16 @@ TEST(GeoJsonRead, EachKindOfDocumentReads) {
         {featureWith(R"(,"id":"x7")"), featureOf(identifier(std::string("x7")))},
         // Properties read as values do, and a repeated member keeps its first occurrence.
         {featureWith(R"(,"properties":{"n":null,"a":[1],"a":2})"),
-         withProperties({{"n", value()}, {"a", value::array_type{std::uint64_t{1}}}})},
+         featureOf(std::nullopt, {{"n", value()}, {"a", value::array_type{std::uint64_t{1}}}})},
         {R"({"type":"FeatureCollection","features":[)" + featureWith("") + "," +
              featureWith(R"(,"id":"b")") + "]}",
          feature_collection{featureOf(std::nullopt), featureOf(identifier(std::string("b")))}},
     };
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(parse(text), expected) << text;
+        if (expected.is<geometry>()) {
+            EXPECT_EQ(parse(terrane::geojson::stringify(expected.get<geometry>())), expected);
+        }
     }
 }
 
@@ -158,24 +159,7 @@ TEST(GeoJsonPrivateReaders, RefuseWhatIsNotAnArrayOrAnObject) {
                 ThrowsMessage<std::runtime_error>(StrEq("GeoJSON must be an object")));
 }
 
-TEST(GeoJsonWrite, EachKindWritesAndReadsBack) {
-    const geo::polygon square{{{0, 0}, {1, 0}, {1, 1}, {0, 1}, {0, 0}},
-                              {{0.2, 0.2}, {0.4, 0.2}, {0.4, 0.4}, {0.2, 0.2}}};
-    const geo::geometry shapes[] = {
-        geo::point(1.5, -2),
-        geo::line_string{{0, 0}, {1, 1}},
-        square,
-        geo::multi_point{{1, 2}, {3, 4}},
-        geo::multi_line_string{{{0, 0}, {1, 1}}, {{2, 2}, {3, 3}}},
-        geo::multi_polygon{square, square},
-        geo::geometry_collection{geo::point(1, 2),
-                                 geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}},
-                                 geo::geometry_collection{}},
-    };
-    for (const auto& shape : shapes) {
-        const std::string text = terrane::geojson::stringify(shape);
-        EXPECT_EQ(parse(text), geojson(shape)) << text;
-    }
+TEST(GeoJsonWrite, WritesCompactText) {
     EXPECT_EQ(
         terrane::geojson::stringify(geo::geometry_collection{geo::point(0, 2.5)}),
         R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[0.0,2.5]}]})");

@@ -23,10 +23,8 @@ namespace fs = std::filesystem;
 
 std::string patternedBytes(std::size_t size) {
     std::string bytes(size, '\0');
-    std::uint32_t state = 12345;
-    for (auto& byte : bytes) {
-        state = state * 1103515245 + 12345;
-        byte = static_cast<char>(state >> 24);
+    for (std::size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>(i * 7 + i / 251);
     }
     return bytes;
 }
