@@ -5,31 +5,20 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "util/file_test_support.hpp"
 
 namespace terrane::base::io {
 namespace {
 
 namespace fs = std::filesystem;
 
-class FileIoTest : public ::testing::Test {
+class FileIoTest : public common::util::test::TemporaryDirectoryTest {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "terrane-file-io-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::permissions(directory_, fs::perms::owner_all, fs::perm_options::add, ignored);
-        fs::remove_all(directory_, ignored);
-    }
-
     // Names in the directory, to show that no temporary file was left behind.
     std::vector<std::string> entries() const {
         std::vector<std::string> names;
@@ -39,24 +28,10 @@ class FileIoTest : public ::testing::Test {
         std::sort(names.begin(), names.end());
         return names;
     }
-
-    static void put(const fs::path& path, const std::string& contents) {
-        std::ofstream(path, std::ios::binary) << contents;
-    }
-
-    fs::path directory_;
 };
 
-std::string patternedBytes(std::size_t size, char seed) {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<char>(seed + i * 7);
-    }
-    return bytes;
-}
-
 TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
-    const std::string contents = patternedBytes(200 * 1024 + 3, '\0');
+    const std::string contents = patternedBytes(200 * 1024 + 3);
     put(directory_ / "data", contents);
     EXPECT_EQ(readFile(directory_ / "data"), contents);
     // A FIFO is refused without waiting for a writer.
@@ -74,7 +49,7 @@ TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
 TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLeft) {
     const fs::path target = directory_ / "1.json";
     const mode_t previous = ::umask(022);
-    const std::string contents = patternedBytes(100000, 'a');
+    const std::string contents = patternedBytes(100000);
     const auto written = writeFileAtomically(target, contents);
     ::umask(previous);
     ASSERT_TRUE(written.has_value()) << written.error();

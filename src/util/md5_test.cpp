@@ -5,9 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -15,41 +13,19 @@
 #include "util/digest_cache.hpp"
 #include "util/file_descriptor.hpp"
 #include "util/file_io.hpp"
+#include "util/file_test_support.hpp"
 
 namespace terrane::common::util {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string patternedBytes(std::size_t size) {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<char>(i * 7 + i / 251);
-    }
-    return bytes;
-}
-
-fs::path writeFile(const fs::path& path, const std::string& contents) {
-    std::ofstream(path, std::ios::binary) << contents;
-    return path;
-}
-
 void recordDigest(const fs::path& path, const std::string& digest) {
     const base::io::FileDescriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
     ASSERT_TRUE(DigestCache::instance().record(file.get(), digest)) << path;
 }
 
-class Md5FileTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "terrane-md5-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(directory_); }
-
-    fs::path directory_;
-};
+using Md5FileTest = test::TemporaryDirectoryTest;
 
 TEST(Md5String, MatchesTheReferenceDigestsInLowerCaseHex) {
     const std::vector<std::pair<std::string, std::string>> rows{
@@ -68,7 +44,7 @@ TEST_F(Md5FileTest, DigestEqualsTheDigestOfTheContents) {
     // Sizes around the boundaries of the 1 MiB read buffer.
     for (const std::size_t size : {0, 1, 1 << 20, (1 << 20) + 1, 3 * (1 << 20) - 7}) {
         const std::string contents = patternedBytes(size);
-        EXPECT_EQ(md5File(writeFile(directory_ / "file", contents)), md5String(contents)) << size;
+        EXPECT_EQ(md5File(put(directory_ / "file", contents)), md5String(contents)) << size;
     }
 }
 
@@ -124,7 +100,7 @@ TEST_F(Md5FileTest, AnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
              // Removed first, so that the new file may well get the same inode.
              keepTimes(file, [&] {
                  fs::remove(file);
-                 writeFile(file, std::string(original).replace(0, 1, "~"));
+                 put(file, std::string(original).replace(0, 1, "~"));
              });
              return file;
          },
@@ -139,7 +115,7 @@ TEST_F(Md5FileTest, AnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
     };
     const std::string recorded = "digest recorded for the original";
     for (const auto& row : rows) {
-        recordDigest(writeFile(directory_ / "file", original), recorded);
+        recordDigest(put(directory_ / "file", original), recorded);
         const fs::path now = row.apply(directory_ / "file");
         const auto expected = row.recorded ? recorded : md5String(*base::io::readFile(now));
         EXPECT_EQ(md5File(now), expected) << row.change;
@@ -150,7 +126,7 @@ TEST_F(Md5FileTest, AnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
 TEST_F(Md5FileTest, DigestCacheKeepsTheNewestEntries) {
     std::vector<fs::path> files;
     for (std::size_t index = 0; index <= DigestCache::kCapacity; ++index) {
-        files.push_back(writeFile(directory_ / std::to_string(index), std::to_string(index)));
+        files.push_back(put(directory_ / std::to_string(index), std::to_string(index)));
         recordDigest(files.back(), "recorded");
     }
     EXPECT_EQ(md5File(files.front()), md5String("0"));
