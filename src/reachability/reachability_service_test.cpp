@@ -95,15 +95,11 @@ TEST_F(ReachabilityServiceTest, NoListenerRunsOnceTheDestructorHasReturned) {
         for (int i = 0; i < 100; ++i) {
             std::this_thread::yield();
         }
-        if (destroyed.load()) {
-            lateCalls.fetch_add(1);
-        }
+        lateCalls.fetch_add(destroyed.load() ? 1 : 0);
     });
     service->start();
-    calls.store(0);
-
     std::atomic<bool> posting{true};
-    std::thread poster([&] {
+    std::jthread poster([&] {
         while (posting.load()) {
             center_.post();
         }
