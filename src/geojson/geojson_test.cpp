@@ -149,16 +149,6 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
     }
 }
 
-// Only a DOM built by hand reaches these checks: the geometry reader checks first.
-TEST(GeoJsonPrivateReaders, RefuseWhatIsNotAnArrayOrAnObject) {
-    rapidjson::Document document;
-    document.Parse("[[1,2],{}]");
-    EXPECT_THAT([&] { convert<geo::line_string>(document[1u]); },
-                ThrowsMessage<std::runtime_error>(StrEq(arrayOfPointsMessage)));
-    EXPECT_THAT([&] { convert<feature_collection>(document[0u]); },
-                ThrowsMessage<std::runtime_error>(StrEq("GeoJSON must be an object")));
-}
-
 TEST(GeoJsonWrite, WritesCompactText) {
     EXPECT_EQ(
         terrane::geojson::stringify(geo::geometry_collection{geo::point(0, 2.5)}),
@@ -168,13 +158,20 @@ TEST(GeoJsonWrite, WritesCompactText) {
               R"({"type":"GeometryCollection","geometries":[]})");
 }
 
-// Parsed text meets the parser's bound first: only a DOM built in code gets this deep.
-TEST(GeoJsonDepth, ReadingAHandBuiltDomStopsAtTheBound) {
+// Only a DOM built in code reaches these checks: the geometry reader checks first, and parsed
+// text meets the parser's depth bound first.
+TEST(GeoJsonPrivateReaders, RefuseWhatIsNotAnArrayOrAnObjectAndStopAtTheDepthBound) {
+    rapidjson::Document document;
+    document.Parse("[[1,2],{}]");
+    EXPECT_THAT([&] { convert<geo::line_string>(document[1u]); },
+                ThrowsMessage<std::runtime_error>(StrEq(arrayOfPointsMessage)));
+    EXPECT_THAT([&] { convert<feature_collection>(document[0u]); },
+                ThrowsMessage<std::runtime_error>(StrEq("GeoJSON must be an object")));
+
     geo::geometry nested = geo::geometry_collection{};
     for (std::size_t levels = 1; levels < 512; ++levels) {
         nested = geo::geometry_collection{nested};
     }
-    rapidjson::Document document;
     EXPECT_EQ(convert<geo::geometry>(convert(nested, document.GetAllocator())), nested);
     EXPECT_THAT(
         [&] {

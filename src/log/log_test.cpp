@@ -43,11 +43,6 @@ class RecordingSink : public LogWriterBackend {
 // Every test leaves the process-wide configuration as it found it.
 class LogTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        configuration_ = LogConfiguration::getInstance();
-        savedSink_ = configuration_->getLogWriterBackend();
-        savedLevel_ = configuration_->getFilterLevel();
-    }
     void TearDown() override {
         configuration_->registerLogWriterBackend(savedSink_);
         configuration_->setFilterLevel(savedLevel_);
@@ -59,11 +54,9 @@ class LogTest : public ::testing::Test {
         return sink;
     }
 
-    std::shared_ptr<LogConfiguration> configuration_;
-
-  private:
-    std::shared_ptr<LogWriterBackend> savedSink_;
-    LoggingLevel savedLevel_ = LoggingLevel::Debug;
+    const std::shared_ptr<LogConfiguration> configuration_ = LogConfiguration::getInstance();
+    const std::shared_ptr<LogWriterBackend> savedSink_ = configuration_->getLogWriterBackend();
+    const LoggingLevel savedLevel_ = configuration_->getFilterLevel();
 };
 
 // Each row's sink takes over from the last; registering null changes nothing.
@@ -111,34 +104,28 @@ TEST_F(LogTest, SinksSwappedWhileThreadsLogGetEveryMessageOnceAndInEachThreadsOr
     constexpr int kThreads = 3;
     constexpr int kMessages = 2000;
     std::vector<std::shared_ptr<RecordingSink>> sinks{installRecordingSink()};
-    configuration_->setFilterLevel(LoggingLevel::Info);
     std::atomic<int> running{kThreads};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&running, t] {
-            for (int i = 0; i < kMessages; ++i) {
-                Log::debug("dropped");
-                Log::info(std::to_string(i), std::to_string(t));
-            }
-            running.fetch_sub(1);
-        });
-    }
-    // Swapped only while the loggers are still at work, so the swaps race with them.
-    while (running.load() > 0 && sinks.size() < 200) {
-        if (!sinks.back()->entries().empty()) {
-            sinks.push_back(installRecordingSink());
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&running, t] {
+                for (int i = 0; i < kMessages; ++i) {
+                    Log::info(std::to_string(i), std::to_string(t));
+                }
+                running.fetch_sub(1);
+            });
         }
-        std::this_thread::yield();
-    }
-    for (auto& thread : threads) {
-        thread.join();
+        // Swapped only while the loggers are still at work, so the swaps race with them.
+        while (running.load() > 0 && sinks.size() < 200) {
+            if (!sinks.back()->entries().empty()) {
+                sinks.push_back(installRecordingSink());
+            }
+        }
     }
     std::vector<int> next(kThreads, 0);
     for (const auto& sink : sinks) {
-        for (const auto& entry : sink->entries()) {
-            const int t = std::stoi(std::get<2>(entry).value_or("-1"));
-            ASSERT_TRUE(t >= 0 && t < kThreads);
-            EXPECT_EQ(std::get<1>(entry), std::to_string(next[t]++));
+        for (const auto& [level, message, category] : sink->entries()) {
+            EXPECT_EQ(message, std::to_string(next.at(std::stoi(category.value_or("-1")))++));
         }
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, kMessages));
