@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <cmath>
 #include <cstdint>
@@ -13,11 +15,13 @@
 
 #include "value/json_reader.hpp"
 #include "value/json_value.hpp"
+#include "value/json_writer.hpp"
 
 namespace {
 
 using terrane::common::unexpected;
 using terrane::common::ValueConverter;
+using terrane::common::json::writeCompact;
 using terrane::feature::null_value;
 using terrane::feature::value;
 
@@ -134,13 +138,35 @@ TEST(ValueConverterDepth, WritesAValueOfAnyDepthBuiltInCode) {
     }
 }
 
-TEST(ValueConverterDepth, HandBuiltDomBeyondTheLimitIsRefusedNotRecursed) {
+TEST(JsonWriter, MatchesRapidjsonsOwnWriterAtShallowDepth) {
+    const char* text =
+        R"({"a":[1,-2,4294967296,-4294967296,18446744073709551615,1.0,1e30,"q\"\n"],)"
+        R"("b":{},"c":[],"d":null,"e":[true,false,{"f":[[0.1]]}],"a":2})";
     rapidjson::Document document;
-    rapidjson::Value* innermost = &document.SetArray();
-    for (std::size_t i = 0; i < 100000; ++i) {
-        innermost->PushBack(rapidjson::Value(rapidjson::kArrayType), document.GetAllocator());
-        innermost = &(*innermost)[0];
+    document.Parse(text);
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    document.Accept(writer);
+    EXPECT_EQ(writeCompact(document), buffer.GetString());
+    EXPECT_EQ(writeCompact(rapidjson::Value(std::numeric_limits<double>::quiet_NaN())), "");
+}
+
+// A DOM built in code escapes the parser's bound: it is written without recursion, and refused
+// rather than recursed into when read as a value.
+TEST(JsonWriter, WritesAHundredThousandLevelsThatAValueRefuses) {
+    const std::size_t levels = 100000;
+    rapidjson::Document document;
+    rapidjson::Value* innermost = &document.SetObject();
+    for (std::size_t i = 1; i < levels; ++i) {
+        innermost->AddMember("k", rapidjson::Value(rapidjson::kArrayType), document.GetAllocator());
+        innermost = &(*innermost)["k"];
+        innermost->PushBack(rapidjson::Value(rapidjson::kObjectType), document.GetAllocator());
+        innermost = &(*innermost)[0u];
     }
+    const std::string written = writeCompact(document);
+    EXPECT_EQ(written.size(), (levels - 1) * 8 + 2);
+    EXPECT_EQ(written.substr(0, 12), "{\"k\":[{\"k\":[");
+    EXPECT_EQ(written.find("{}"), written.size() - 2 * levels);
     EXPECT_THROW(terrane::common::json::toValue(document), std::runtime_error);
 }
 
