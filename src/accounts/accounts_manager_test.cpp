@@ -20,16 +20,10 @@ using std::chrono::hours;
 using std::chrono::nanoseconds;
 using testing::MatchesRegex;
 
-// A monotonic clock that only moves when a test moves it.
+// A clock that only moves when a test moves it.
 struct ManualClock {
-    using duration = nanoseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = TokenTimePoint;
-    static constexpr bool is_steady = true;
-
-    static time_point now() { return current; }
-    static inline time_point current{hours{1000}};
+    static TokenTimePoint now() { return current; }
+    static inline TokenTimePoint current{hours{1000}};
 };
 
 class AccountsManagerTest : public testing::Test {

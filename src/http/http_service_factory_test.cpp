@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 
 #include "http/http_service_factory_impl.hpp"
@@ -25,32 +24,28 @@ class StubHttpService : public HttpServiceInterface {
     }
 };
 
-// A registry whose platform default is a stub, counting how many it made.
-struct CountingRegistry {
-    std::atomic<int> created{0};
-    HttpServiceFactoryImpl registry{[this]() -> std::shared_ptr<HttpServiceInterface> {
+TEST(HttpServiceFactoryImplTest, ADefaultIsSharedWhileHeldAndAUserDefinedOneOnlyWhileItLives) {
+    // The platform default is a stub, counted.
+    int created = 0;
+    HttpServiceFactoryImpl registry{[&created]() -> std::shared_ptr<HttpServiceInterface> {
         ++created;
         return std::make_shared<StubHttpService>();
     }};
-};
-
-TEST(HttpServiceFactoryImplTest, ADefaultIsSharedWhileHeldAndAUserDefinedOneOnlyWhileItLives) {
-    CountingRegistry factory;
     {
-        const auto first = factory.registry.getInstance();
+        const auto first = registry.getInstance();
         ASSERT_TRUE(first.value_or(nullptr));
-        EXPECT_EQ(factory.registry.getInstance(), first);
+        EXPECT_EQ(registry.getInstance(), first);
     }
     // Released by everybody, so made afresh: the registry itself does not keep it alive.
-    ASSERT_TRUE(factory.registry.getInstance().value_or(nullptr));
-    EXPECT_EQ(factory.created, 2);
+    ASSERT_TRUE(registry.getInstance().value_or(nullptr));
+    EXPECT_EQ(created, 2);
 
     auto custom = std::make_shared<StubHttpService>();
-    factory.registry.setUserDefined(custom);
-    EXPECT_EQ(factory.registry.getInstance(), custom);
+    registry.setUserDefined(custom);
+    EXPECT_EQ(registry.getInstance(), custom);
     custom.reset();
-    ASSERT_TRUE(factory.registry.getInstance().value_or(nullptr));
-    EXPECT_EQ(factory.created, 3);
+    ASSERT_TRUE(registry.getInstance().value_or(nullptr));
+    EXPECT_EQ(created, 3);
 
     EXPECT_FALSE(HttpServiceFactoryImpl([] { return nullptr; }).getInstance().has_value());
     EXPECT_FALSE(HttpServiceFactoryImpl(nullptr).getInstance().has_value());

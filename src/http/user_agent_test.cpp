@@ -39,8 +39,6 @@ TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
         {"only the platform's os version",
          [](auto& c, auto& f) { c.osVersionComponent = "", f = {}, f.osVersion = "6.1"; },
          "Atlas/2.1 (atlas-app; 77; iOS 6.1) RouteKit/3.0.1 (routekit; 12)"},
-        {"sdk name alone",
-         [](auto& c, auto& f) { c = {}, c.sdkNameComponent = "RouteKit", f = {}; }, "RouteKit"},
         {"sdk without build",
          [](auto& c, auto& f) {
              c = {}, c.sdkNameComponent = "RouteKit", c.sdkIdentifierComponent = "routekit", f = {};

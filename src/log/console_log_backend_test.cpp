@@ -35,7 +35,6 @@ TEST(ConsoleLogBackendTest, WritesOneStampedLinePerMessageInTheConsoleFormats) {
         {LoggingLevel::Warning, "w", std::string(), "Warning:  w"},
         {LoggingLevel::Error, "100%s", std::string("disk io"), "Error: <disk io> 100%s"},
         {static_cast<LoggingLevel>(4), "x", nullopt, nullptr},
-        {static_cast<LoggingLevel>(-1), "x", nullopt, nullptr},
     };
     for (const auto& row : rows) {
         sink.writeLog(row.level, row.message, row.category);

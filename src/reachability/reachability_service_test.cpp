@@ -75,10 +75,9 @@ TEST_F(ReachabilityServiceTest, StartAndEachPostCallTheListenersOfStartedService
     wan->start();
     none->start();
     const Calls everyListener{{1, ReachableViaWAN}, {2, ReachableViaWAN}, {3, NotReachable}};
-    EXPECT_EQ(heard, everyListener);
+    ASSERT_EQ(heard, everyListener);
     center_.post();
-    EXPECT_EQ(heard.size(), 6u);
-    EXPECT_EQ(Calls(heard.begin() + 3, heard.end()), everyListener);
+    ASSERT_EQ(Calls(heard.begin() + 3, heard.end()), everyListener);
     wan->stop();
     center_.post();
     EXPECT_EQ(Calls(heard.begin() + 6, heard.end()), (Calls{{3, NotReachable}}));

@@ -32,8 +32,7 @@ class FileIoTest : public common::util::test::TemporaryDirectoryTest {
 
 TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
     const std::string contents = patternedBytes(200 * 1024 + 3);
-    put(directory_ / "data", contents);
-    EXPECT_EQ(readFile(directory_ / "data"), contents);
+    EXPECT_EQ(readFile(put(directory_ / "data", contents)), contents);
     // A FIFO is refused without waiting for a writer.
     ASSERT_EQ(::mkfifo((directory_ / "fifo").c_str(), 0600), 0);
     const std::vector<std::pair<fs::path, std::string>> failures{

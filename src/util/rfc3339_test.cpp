@@ -47,7 +47,6 @@ TEST(ParseRFC3339, ReadsTimeStampsAndRefusesMalformedText) {
         // The time of day is not range-checked.
         {"2021-01-01T25:00:00Z", at(newYear2021 + 25 * 3600)},
         {"yesterday", nullopt},
-        {"2021-01-01T10:00:00z", nullopt},
         {"2021-01-01T10:00:00+02", nullopt},
         {"2021-00-01T10:00:00Z", nullopt},
         {"2021-13-01T10:00:00Z", nullopt},

@@ -23,8 +23,7 @@ TEST(CommonFunctionPointers, ListTheSixExportedFunctionsOfVersionNinePointTwo) {
                          "terrane_common_get_patch_version", "terrane_common_get_version_string",
                          "terrane_common_offline_service_register_observer",
                          "terrane_common_offline_service_unregister_observer"}));
-    using IntegerFunction = std::int32_t (*)();
-    EXPECT_EQ(reinterpret_cast<IntegerFunction>(table[1].address)(), 2);
+    EXPECT_EQ(reinterpret_cast<std::int32_t (*)()>(table[1].address)(), 2);
     // One static text, not the buffer of a temporary.
     const char* text = reinterpret_cast<const char* (*)()>(table[3].address)();
     EXPECT_STREQ(text, "9.2.0");
