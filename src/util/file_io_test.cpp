@@ -46,7 +46,9 @@ TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
 }
 
 TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLeft) {
-    const fs::path target = directory_ / "1.json";
+    // As long as a name can be: the temporary's name is cut to fit.
+    const std::string name(255, 'n');
+    const fs::path target = directory_ / name;
     const mode_t previous = ::umask(022);
     const std::string contents = patternedBytes(100000);
     const auto written = writeFileAtomically(target, contents);
@@ -58,7 +60,7 @@ TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLef
     EXPECT_EQ(status.st_mode & 0777, 0644u);
     ASSERT_TRUE(writeFileAtomically(target, "").has_value());
     EXPECT_EQ(readFile(target), "");
-    EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
+    EXPECT_EQ(entries(), std::vector<std::string>{name});
 }
 
 // Over a directory the rename fails, after the temporary was written: it goes too.
