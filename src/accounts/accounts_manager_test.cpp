@@ -20,16 +20,10 @@ using std::chrono::hours;
 using std::chrono::nanoseconds;
 using testing::MatchesRegex;
 
-// A monotonic clock that only moves when a test moves it.
+// A clock that only moves when a test moves it.
 struct ManualClock {
-    using duration = nanoseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = TokenTimePoint;
-    static constexpr bool is_steady = true;
-
-    static time_point now() { return current; }
-    static inline time_point current{hours{1000}};
+    static TokenTimePoint now() { return current; }
+    static inline TokenTimePoint current{hours{1000}};
 };
 
 class AccountsManagerTest : public testing::Test {
@@ -40,10 +34,6 @@ class AccountsManagerTest : public testing::Test {
 
     AccountsManager manager;
 };
-
-std::string digestOf(const std::string& token) {
-    return token.substr(11);
-}
 
 TEST_F(AccountsManagerTest, EachSkuHasItsCodeAndUnknownOnesShareACodelessToken) {
     const std::vector<std::pair<std::uint32_t, std::string>> rows{
@@ -58,18 +48,15 @@ TEST_F(AccountsManagerTest, EachSkuHasItsCodeAndUnknownOnesShareACodelessToken) 
     EXPECT_NE(token(static_cast<SKUIdentifier>(4)), token(SKUIdentifier::Code00));
 }
 
-TEST_F(AccountsManagerTest, TokenTextIsVersionCodeRandomizerAndDigestOfTheUserId) {
+TEST_F(AccountsManagerTest,
+       AGeneratedTokenIsVersionCodeRandomizerAndUserIdDigestLeftOutOfTheCache) {
+    const std::string cached = token(SKUIdentifier::Code04);
     GeneratedToken generated = manager.generateToken<ManualClock>(SKUIdentifier::Code04);
-    EXPECT_EQ(generated.sku, SKUIdentifier::Code04);
     EXPECT_EQ(generated.expiry, ManualClock::current + hours{1});
-    EXPECT_FALSE(generated.cachedToken.has_value());
-
     const std::string text = generated.token();
     EXPECT_EQ(text, "104" + generated.userRandomizer + util::md5String(generated.userId));
     EXPECT_EQ(generated.cachedToken, text);
-    // The id is upper case, its digest in the token lower case.
-    EXPECT_THAT(generated.userId, MatchesRegex("[0-9A-F]{32}"));
-    EXPECT_THAT(digestOf(text), MatchesRegex("[0-9a-f]{32}"));
+    EXPECT_EQ(token(SKUIdentifier::Code04), cached);
 }
 
 TEST_F(AccountsManagerTest, ATokenLastsAnHourFromItsMakingPerSku) {
@@ -81,27 +68,16 @@ TEST_F(AccountsManagerTest, ATokenLastsAnHourFromItsMakingPerSku) {
     ManualClock::current += nanoseconds{1};
     const std::string renewed = token(SKUIdentifier::Code00);
     EXPECT_NE(renewed, first);
-    EXPECT_EQ(renewed.substr(0, 3), "100");
-    EXPECT_NE(digestOf(renewed), digestOf(first));
     ManualClock::current += hours{1};
     EXPECT_EQ(token(SKUIdentifier::Code00), renewed);
 }
 
-TEST_F(AccountsManagerTest, LiveServiceTokenIsReturnedForEverySku) {
+TEST_F(AccountsManagerTest, ALiveServiceTokenIsReturnedForEverySkuAndRenewedWhenExpired) {
+    token(SKUIdentifier::Code00);
     EXPECT_FALSE(manager.maybeServiceToken<ManualClock>().has_value());
-    const std::string before = token(SKUIdentifier::Code00);
-    EXPECT_EQ(before.substr(0, 3), "100");
-
     const std::string service = token(SKUIdentifier::Code03);
-    EXPECT_EQ(service.substr(0, 3), "103");
-    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
     EXPECT_EQ(token(SKUIdentifier::Code00), service);
-    EXPECT_EQ(token(SKUIdentifier::Code06), service);
     EXPECT_EQ(token(static_cast<SKUIdentifier>(42)), service);
-}
-
-TEST_F(AccountsManagerTest, ExpiredServiceTokenIsRenewedAndStillWins) {
-    const std::string service = token(SKUIdentifier::Code03);
     ManualClock::current += hours{1};
     EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
 
@@ -110,13 +86,6 @@ TEST_F(AccountsManagerTest, ExpiredServiceTokenIsRenewedAndStillWins) {
     EXPECT_NE(renewed, service);
     EXPECT_EQ(renewed.substr(0, 3), "103");
     EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), renewed);
-}
-
-TEST_F(AccountsManagerTest, GeneratingDoesNotReplaceACachedEntry) {
-    const std::string cached = token(SKUIdentifier::Code06);
-    GeneratedToken another = manager.generateToken<ManualClock>(SKUIdentifier::Code06);
-    EXPECT_NE(another.token(), cached);
-    EXPECT_EQ(token(SKUIdentifier::Code06), cached);
 }
 
 TEST_F(AccountsManagerTest, RandomCharactersFollowRandModulo62WithoutReseeding) {
@@ -128,53 +97,16 @@ TEST_F(AccountsManagerTest, RandomCharactersFollowRandModulo62WithoutReseeding) 
     }
     std::srand(20240229);
     EXPECT_EQ(manager.userRandomizer(), expected);
-
-    std::srand(20240229);
-    const std::string token = manager.generateToken<ManualClock>(SKUIdentifier::Code00).token();
-    EXPECT_EQ(token.substr(3, 8), expected);
 }
 
-TEST_F(AccountsManagerTest, EveryUserIdIsANewVersion4Uuid) {
-    std::set<std::string> ids;
-    for (int i = 0; i < 100; ++i) {
-        const std::string id = manager.getUserID();
-        ASSERT_THAT(id, MatchesRegex("[0-9A-F]{12}4[0-9A-F]{3}[89AB][0-9A-F]{15}"));
-        ids.insert(id);
-    }
-    EXPECT_EQ(ids.size(), 100u);
-}
-
-TEST(AccountsManagerConcurrency, ThreadsAskingForTheSameSkusShareTheirTokens) {
-    AccountsManager manager;
-    constexpr int threadCount = 6;
-    constexpr int requests = 300;
-    const SKUIdentifier skus[] = {SKUIdentifier::Code00, SKUIdentifier::Code04,
-                                  SKUIdentifier::Code06};
-    std::vector<std::vector<std::string>> seen(threadCount);
-    {
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < threadCount; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < requests; ++i) {
-                    seen[t].push_back(manager.getSKUToken(skus[(t + i) % 3]));
-                }
-            });
-        }
-    }
-    std::set<std::string> distinct;
-    for (const auto& tokens : seen) {
-        distinct.insert(tokens.begin(), tokens.end());
-    }
-    ASSERT_EQ(distinct.size(), 3u);
-    std::set<std::string> prefixes;
-    for (const auto& text : distinct) {
-        prefixes.insert(text.substr(0, 3));
-    }
-    EXPECT_EQ(prefixes, (std::set<std::string>{"100", "104", "106"}));
+TEST_F(AccountsManagerTest, EveryUserIdIsANewUpperCaseVersion4Uuid) {
+    const std::string id = manager.getUserID();
+    EXPECT_THAT(id, MatchesRegex("[0-9A-F]{12}4[0-9A-F]{3}[89AB][0-9A-F]{15}"));
+    EXPECT_NE(manager.getUserID(), id);
 }
 
 // The only test that touches the process-wide instance, so the order inside it is under control.
-TEST(TokenGenerator, ServesTokensFromTheProcessWideCache) {
+TEST(TokenGenerator, ThreadsAskingAtOnceShareTheProcessWideToken) {
     std::vector<std::string> seen(4);
     {
         std::vector<std::jthread> threads;
@@ -183,14 +115,9 @@ TEST(TokenGenerator, ServesTokensFromTheProcessWideCache) {
                 [&, t] { seen[t] = TokenGenerator::getSKUToken(SKUIdentifier::Code04); });
         }
     }
-    for (const auto& text : seen) {
-        EXPECT_EQ(text, seen[0]);
-    }
-    EXPECT_THAT(seen[0], MatchesRegex("104[0-9a-zA-Z]{8}[0-9a-f]{32}"));
-    EXPECT_EQ(AccountsManager::getInstance().getSKUToken(SKUIdentifier::Code04), seen[0]);
-
+    EXPECT_EQ(seen, std::vector<std::string>(
+                        4, AccountsManager::getInstance().getSKUToken(SKUIdentifier::Code04)));
     const std::string service = TokenGenerator::getSKUToken(SKUIdentifier::Code03);
-    EXPECT_EQ(service.substr(0, 3), "103");
     EXPECT_EQ(TokenGenerator::getSKUToken(SKUIdentifier::Code00), service);
 }
 

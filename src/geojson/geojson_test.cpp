@@ -16,34 +16,20 @@
 namespace {
 
 namespace geo = terrane::geometry;
+using terrane::common::unexpected;
 using terrane::feature::feature;
 using terrane::feature::feature_collection;
 using terrane::feature::identifier;
 using terrane::feature::value;
+using terrane::geojson::convert;
 using terrane::geojson::geojson;
-using testing::StartsWith;
+using terrane::geojson::parse;
+using testing::StrEq;
+using testing::ThrowsMessage;
 
 const char* const arrayOfPointsMessage =
     "coordinates must be an array of points describing linestring or an array of arrays "
     "describing polygons and line strings.";
-
-std::string failure(const std::string& text) {
-    auto result = terrane::geojson::parse(text);
-    EXPECT_FALSE(result.has_value()) << text;
-    return result.has_value() ? std::string() : result.error();
-}
-
-geojson read(const std::string& text) {
-    auto result = terrane::geojson::parse(text);
-    EXPECT_TRUE(result.has_value()) << text << ": " << result.error();
-    return result.has_value() ? *result : geojson();
-}
-
-geo::geometry readGeometry(const std::string& text) {
-    geojson document = read(text);
-    EXPECT_TRUE(document.is<geo::geometry>()) << text;
-    return document.is<geo::geometry>() ? document.get<geo::geometry>() : geo::geometry();
-}
 
 std::string geometryWith(const std::string& type, const std::string& coordinates) {
     return R"({"type":")" + type + R"(","coordinates":)" + coordinates + "}";
@@ -53,66 +39,52 @@ std::string featureWith(const std::string& members) {
     return R"({"type":"Feature","geometry":{"type":"Point","coordinates":[1,2]})" + members + "}";
 }
 
-TEST(GeoJsonRead, EachKindOfDocumentReads) {
+// The feature that featureWith describes.
+feature featureOf(std::optional<identifier> id, terrane::feature::property_map properties = {}) {
+    return feature{geo::point(1, 2), std::move(properties), std::move(id)};
+}
+
+// Every geometry read also writes back to text that reads as the same geometry.
+TEST(GeoJsonRead, EachKindOfDocumentReadsAndEachGeometryWritesBack) {
     using geo::geometry;
-    const auto featureOf = [](std::optional<identifier> id) {
-        feature f;
-        f.geometry = geo::point(1, 2);
-        f.id = std::move(id);
-        return f;
-    };
-    const auto withProperties = [&](terrane::feature::property_map properties) {
-        feature f = featureOf(std::nullopt);
-        f.properties = std::move(properties);
-        return f;
-    };
     const std::vector<std::pair<std::string, geojson>> rows{
         {geometryWith("Point", "[1.5,-2]"), geometry(geo::point(1.5, -2))},
         {geometryWith("Point", "[1,2,3]"), geometry(geo::point(1, 2))},
-        {geometryWith("Point", "[-1,18446744073709551615]"),
-         geometry(geo::point(-1, 18446744073709551615.0))},
         {geometryWith("MultiPoint", "[[1,2],[3,4]]"), geometry(geo::multi_point{{1, 2}, {3, 4}})},
-        {geometryWith("MultiPoint", "[]"), geometry(geo::multi_point{})},
         {geometryWith("LineString", "[[1,2],[3,4]]"), geometry(geo::line_string{{1, 2}, {3, 4}})},
         {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6],[7,8],[9,0]]]"),
          geometry(geo::multi_line_string{{{1, 2}, {3, 4}}, {{5, 6}, {7, 8}, {9, 0}}})},
         // Rings need four points but not closure.
-        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]]]"),
-         geometry(geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}})},
+        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]],[[0,0],[2,0],[2,2],[0,0]]]"),
+         geometry(
+             geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}, {{0, 0}, {2, 0}, {2, 2}, {0, 0}}})},
         {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[5,5],[6,5],[6,6],[5,5]]]]"),
          geometry(geo::multi_polygon{geo::polygon{{{0, 0}, {1, 0}, {1, 1}, {0, 0}}},
                                      geo::polygon{{{5, 5}, {6, 5}, {6, 6}, {5, 5}}}})},
         {R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[1,2]},)"
          R"({"type":"GeometryCollection","geometries":[)"
-         R"({"type":"LineString","coordinates":[[0,0],[1,1]]}]}]})",
+         R"({"type":"LineString","coordinates":[[0,0],[1,1]]}]},)"
+         R"({"type":"GeometryCollection","geometries":[]}]})",
          geometry(geo::geometry_collection{
-             geo::point(1, 2), geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}}})},
+             geo::point(1, 2), geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}},
+             geo::geometry_collection{}})},
         {featureWith(""), featureOf(std::nullopt)},
         {featureWith(R"(,"id":7)"), featureOf(identifier(std::uint64_t{7}))},
         {featureWith(R"(,"id":-7)"), featureOf(identifier(std::int64_t{-7}))},
         {featureWith(R"(,"id":7.0)"), featureOf(identifier(7.0))},
-        {featureWith(R"(,"id":18446744073709551616)"),
-         featureOf(identifier(18446744073709551616.0))},
         {featureWith(R"(,"id":"x7")"), featureOf(identifier(std::string("x7")))},
-        {featureWith(
-             R"(,"properties":{"n":null,"b":true,"u":5,"s":-5,"d":5.0,"t":"x","a":[1],"o":{"k":2},"u":9})"),
-         withProperties({
-             {"n", value()},
-             {"b", true},
-             {"u", std::uint64_t{5}},
-             {"s", std::int64_t{-5}},
-             {"d", 5.0},
-             {"t", "x"},
-             {"a", value::array_type{std::uint64_t{1}}},
-             {"o", value::object_type{{"k", std::uint64_t{2}}}},
-         })},
+        // Properties read as values do, and a repeated member keeps its first occurrence.
+        {featureWith(R"(,"properties":{"n":null,"a":[1],"a":2})"),
+         featureOf(std::nullopt, {{"n", value()}, {"a", value::array_type{std::uint64_t{1}}}})},
         {R"({"type":"FeatureCollection","features":[)" + featureWith("") + "," +
              featureWith(R"(,"id":"b")") + "]}",
          feature_collection{featureOf(std::nullopt), featureOf(identifier(std::string("b")))}},
-        {R"({"type":"FeatureCollection","features":[]})", feature_collection{}},
     };
     for (const auto& [text, expected] : rows) {
-        EXPECT_EQ(read(text), expected) << text;
+        EXPECT_EQ(parse(text), expected) << text;
+        if (expected.is<geometry>()) {
+            EXPECT_EQ(parse(terrane::geojson::stringify(expected.get<geometry>())), expected);
+        }
     }
 }
 
@@ -127,10 +99,6 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
     const std::string collection = R"({"type":"FeatureCollection","features":)";
     const std::vector<std::pair<std::string, std::string>> rows{
         {"", "Parse error at offset 0: The document is empty."},
-        {R"({"type":"Point"} x)",
-         "Parse error at offset 17: The document root must not be followed by other values."},
-        {std::string(100000, '['),
-         "Parse error at offset 512: The document is nested more deeply than 512 levels."},
         {"[]", "GeoJSON must be an object"},
         {R"({"coordinates":[1,2]})", "GeoJSON must have a type property"},
         {R"({"type":"FeatureCollection"})", "FeatureCollection must have features property"},
@@ -139,30 +107,18 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
         {collection + R"([{"geometry":null}]})", "Feature must have a type property"},
         {collection + R"([{"type":"Point"}]})", "Feature type must be Feature"},
         {collection + R"([{"type":"Feature"}]})", "Feature must have a geometry property"},
-        {R"({"type":"feature","geometry":null})",
-         "feature geometry must have a coordinates property"},
         {R"({"type":7})", "Geometry type must be a string"},
         {featureWith(R"(,"id":true)"), idMessage},
-        {featureWith(R"(,"id":null)"), idMessage},
-        {featureWith(R"(,"id":[7])"), idMessage},
         {featureWith(R"(,"properties":null)"), "properties must be an object"},
-        {featureWith(R"(,"properties":[])"), "properties must be an object"},
         {R"({"type":"Feature","geometry":null})", "Geometry must be an object"},
         {R"({"type":"Feature","geometry":{"coordinates":[1,2]}})",
          "Geometry must have a type property"},
-        // The geometry is read before the id, and the id before the properties.
-        {R"({"type":"Feature","id":true,"properties":1,"geometry":{"type":"X"}})",
-         "X geometry must have a coordinates property"},
-        {R"({"type":"Feature","properties":1,"id":true,"geometry":{"type":"Point","coordinates":[0,0]}})",
-         idMessage},
         {geometryWith("Point", "[1]"), coordinatesMessage},
-        {geometryWith("Point", "[]"), coordinatesMessage},
         {geometryWith("Point", R"([1,"2"])"), coordinatesMessage},
         {geometryWith("Point", "5"), "coordinates property must be an array"},
         {R"({"type":"Point"})", "Point geometry must have a coordinates property"},
         {geometryWith("MultiPoint", "[[1,2],3]"), "coordinates must be an array."},
         {geometryWith("LineString", "[[1,2]]"), lineStringMessage},
-        {geometryWith("LineString", "[]"), lineStringMessage},
         {geometryWith("LineString", "[1,2]"), "coordinates must be an array."},
         {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6]]]"), lineStringMessage},
         {geometryWith("MultiLineString", "[[[1,2],[3,4]],7]"), arrayOfPointsMessage},
@@ -177,9 +133,6 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
          "Coordinates must be nested more deeply."},
         {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[0,0]]]]"), polygonMessage},
         {geometryWith("Circle", "[1,2]"), "Circle not yet implemented"},
-        {R"({"type":"Circle","radius":3})", "Circle geometry must have a coordinates property"},
-        {geometryWith("point", "[1,2]"), "point not yet implemented"},
-        {geometryWith("Circle", "{}"), "coordinates property must be an array"},
         {R"({"type":"GeometryCollection"})", "GeometryCollection must have a geometries property"},
         {R"({"type":"GeometryCollection","geometries":{}})",
          "GeometryCollection geometries property must be an array"},
@@ -187,55 +140,11 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
          "Geometry must be an object"},
     };
     for (const auto& [text, message] : rows) {
-        EXPECT_EQ(failure(text), message) << text;
+        EXPECT_EQ(parse(text), unexpected(message)) << text;
     }
 }
 
-TEST(GeoJsonPrivateReaders, ReadThePartsTheirOwnWay) {
-    using terrane::geojson::convert;
-    rapidjson::Document document;
-    document.Parse(R"([[[[0,0],[1,0],[1,1]]],[1,2],{"a":[1,2]}])");
-    ASSERT_FALSE(document.HasParseError());
-
-    // The container readers check only shapes; sizes belong to the geometry reader.
-    EXPECT_EQ(convert<geo::polygon>(document[0u]).front().size(), 3u);
-    EXPECT_THROW(terrane::geojson::validatePolygon(document[0u]), std::runtime_error);
-    EXPECT_EQ(convert<geo::point>(document[1u]), geo::point(1, 2));
-    EXPECT_EQ(
-        convert<value>(document[2u]),
-        value(value::object_type{{"a", value::array_type{std::uint64_t{1}, std::uint64_t{2}}}}));
-    try {
-        convert<geo::line_string>(document[2u]);
-        ADD_FAILURE() << "expected a throw";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), arrayOfPointsMessage);
-    }
-    try {
-        convert<feature_collection>(document[1u]);
-        ADD_FAILURE() << "expected a throw";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "GeoJSON must be an object");
-    }
-}
-
-TEST(GeoJsonWrite, EachKindWritesAndReadsBack) {
-    const geo::polygon square{{{0, 0}, {1, 0}, {1, 1}, {0, 1}, {0, 0}},
-                              {{0.2, 0.2}, {0.4, 0.2}, {0.4, 0.4}, {0.2, 0.2}}};
-    const geo::geometry shapes[] = {
-        geo::point(1.5, -2),
-        geo::line_string{{0, 0}, {1, 1}},
-        square,
-        geo::multi_point{{1, 2}, {3, 4}},
-        geo::multi_line_string{{{0, 0}, {1, 1}}, {{2, 2}, {3, 3}}},
-        geo::multi_polygon{square, square},
-        geo::geometry_collection{geo::point(1, 2),
-                                 geo::geometry_collection{geo::line_string{{0, 0}, {1, 1}}},
-                                 geo::geometry_collection{}},
-    };
-    for (const auto& shape : shapes) {
-        const std::string text = terrane::geojson::stringify(shape);
-        EXPECT_EQ(readGeometry(text), shape) << text;
-    }
+TEST(GeoJsonWrite, WritesCompactText) {
     EXPECT_EQ(
         terrane::geojson::stringify(geo::geometry_collection{geo::point(0, 2.5)}),
         R"({"type":"GeometryCollection","geometries":[{"type":"Point","coordinates":[0.0,2.5]}]})");
@@ -244,58 +153,28 @@ TEST(GeoJsonWrite, EachKindWritesAndReadsBack) {
               R"({"type":"GeometryCollection","geometries":[]})");
 }
 
-TEST(GeoJsonWrite, PrivateWriterBuildsTheDomInTheCallersAllocator) {
+// Only a DOM built in code reaches these checks: the geometry reader checks first, and parsed
+// text meets the parser's depth bound first.
+TEST(GeoJsonPrivateReaders, RefuseWhatIsNotAnArrayOrAnObjectAndStopAtTheDepthBound) {
     rapidjson::Document document;
-    rapidjson::Value json = terrane::geojson::convert(
-        geo::geometry(geo::line_string{{1, 2}, {3, 4}}), document.GetAllocator());
-    ASSERT_TRUE(json.IsObject());
-    EXPECT_STREQ(json["type"].GetString(), "LineString");
-    ASSERT_EQ(json["coordinates"].Size(), 2u);
-    EXPECT_EQ(json["coordinates"][1u][0u].GetDouble(), 3.0);
-    EXPECT_EQ(terrane::geojson::convert<geo::geometry>(json),
-              geo::geometry(geo::line_string{{1, 2}, {3, 4}}));
-}
+    document.Parse("[[1,2],{}]");
+    EXPECT_THAT([&] { convert<geo::line_string>(document[1u]); },
+                ThrowsMessage<std::runtime_error>(StrEq(arrayOfPointsMessage)));
+    EXPECT_THAT([&] { convert<feature_collection>(document[0u]); },
+                ThrowsMessage<std::runtime_error>(StrEq("GeoJSON must be an object")));
 
-TEST(GeoJsonDepth, DeepCollectionsAreWrittenIterativelyAndRefusedOnRead) {
-    const std::size_t levels = 100000;
     geo::geometry nested = geo::geometry_collection{};
-    for (std::size_t i = 1; i < levels; ++i) {
-        geo::geometry_collection outer;
-        outer.push_back(std::move(nested));
-        nested = std::move(outer);
+    for (std::size_t levels = 1; levels < 512; ++levels) {
+        nested = geo::geometry_collection{nested};
     }
-    const std::string prefix = R"({"type":"GeometryCollection","geometries":[)";
-    const std::string text = terrane::geojson::stringify(nested);
-    EXPECT_EQ(text.size(), levels * (prefix.size() + 2));
-    EXPECT_EQ(text.substr(0, 2 * prefix.size()), prefix + prefix);
-    EXPECT_THAT(failure(text), testing::HasSubstr("nested more deeply than 512 levels"));
-
-    // A hand-built DOM escapes the parser's bound; the reader's own bound catches it.
-    rapidjson::Document document;
-    rapidjson::Value json = terrane::geojson::convert(nested, document.GetAllocator());
-    EXPECT_THROW(terrane::geojson::convert<geo::geometry>(json), std::runtime_error);
-
-    // The geometry's destructor recurses; take it apart one level at a time.
-    while (auto* collection = nested.get_if<geo::geometry_collection>()) {
-        if (collection->empty()) {
-            break;
-        }
-        geo::geometry inner = std::move(collection->front());
-        nested = std::move(inner);
-    }
-}
-
-TEST(GeoJsonRobustness, EveryTruncationIsAParseError) {
-    const std::string sample =
-        R"({"type":"FeatureCollection","features":[{"type":"Feature","id":3,"properties":{"a":[1]},)"
-        R"("geometry":{"type":"GeometryCollection","geometries":[{"type":"MultiPolygon",)"
-        R"("coordinates":[[[[0,0],[1,0],[1,1],[0,0]]]]},{"type":"MultiLineString",)"
-        R"("coordinates":[[[0,0],[1,1]]]}]}}]})";
-    ASSERT_TRUE(terrane::geojson::parse(sample).has_value());
-    for (std::size_t length = 0; length < sample.size(); ++length) {
-        EXPECT_THAT(terrane::geojson::parse(sample.substr(0, length)).error(),
-                    StartsWith("Parse error at offset "));
-    }
+    EXPECT_EQ(convert<geo::geometry>(convert(nested, document.GetAllocator())), nested);
+    EXPECT_THAT(
+        [&] {
+            convert<geo::geometry>(
+                convert(geo::geometry_collection{nested}, document.GetAllocator()));
+        },
+        ThrowsMessage<std::runtime_error>(
+            StrEq("GeometryCollection is nested more deeply than 512 levels")));
 }
 
 }  // namespace

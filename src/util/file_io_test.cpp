@@ -1,39 +1,24 @@
 #include "util/file_io.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
+
+#include "util/file_test_support.hpp"
 
 namespace terrane::base::io {
 namespace {
 
 namespace fs = std::filesystem;
 
-class FileIoTest : public ::testing::Test {
+class FileIoTest : public common::util::test::TemporaryDirectoryTest {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "terrane-file-io-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::permissions(directory_, fs::perms::owner_all, fs::perm_options::add, ignored);
-        fs::remove_all(directory_, ignored);
-    }
-
     // Names in the directory, to show that no temporary file was left behind.
     std::vector<std::string> entries() const {
         std::vector<std::string> names;
@@ -43,56 +28,11 @@ class FileIoTest : public ::testing::Test {
         std::sort(names.begin(), names.end());
         return names;
     }
-
-    static void put(const fs::path& path, const std::string& contents) {
-        std::ofstream(path, std::ios::binary) << contents;
-    }
-
-    fs::path directory_;
 };
-
-std::string patternedBytes(std::size_t size, char seed) {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<char>(seed + i * 7);
-    }
-    return bytes;
-}
-
-// Lowers the file size limit of the process for its lifetime, so that a write fails part way
-// with EFBIG; this works for root too, which ignores permissions. SIGXFSZ, which would end the
-// process, is ignored meanwhile.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &previous_);
-        rlimit lowered = previous_;
-        lowered.rlim_cur = bytes;
-        active_ = ::setrlimit(RLIMIT_FSIZE, &lowered) == 0;
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() {
-        ::setrlimit(RLIMIT_FSIZE, &previous_);
-        std::signal(SIGXFSZ, previousHandler_);
-    }
-    bool active() const { return active_; }
-
-  private:
-    rlimit previous_{};
-    void (*previousHandler_)(int) = nullptr;
-    bool active_ = false;
-};
-
-// ---- readFile -------------------------------------------------------------------------------
 
 TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
-    const std::string contents = patternedBytes(200 * 1024 + 3, '\0');
-    put(directory_ / "data", contents);
-    EXPECT_EQ(readFile(directory_ / "data"), contents);
-    put(directory_ / "empty", "");
-    EXPECT_EQ(readFile(directory_ / "empty"), "");
+    const std::string contents = patternedBytes(200 * 1024 + 3);
+    EXPECT_EQ(readFile(put(directory_ / "data", contents)), contents);
     // A FIFO is refused without waiting for a writer.
     ASSERT_EQ(::mkfifo((directory_ / "fifo").c_str(), 0600), 0);
     const std::vector<std::pair<fs::path, std::string>> failures{
@@ -106,9 +46,11 @@ TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
 }
 
 TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLeft) {
-    const fs::path target = directory_ / "1.json";
+    // As long as a name can be: the temporary's name is cut to fit.
+    const std::string name(255, 'n');
+    const fs::path target = directory_ / name;
     const mode_t previous = ::umask(022);
-    const std::string contents = patternedBytes(100000, 'a');
+    const std::string contents = patternedBytes(100000);
     const auto written = writeFileAtomically(target, contents);
     ::umask(previous);
     ASSERT_TRUE(written.has_value()) << written.error();
@@ -118,10 +60,11 @@ TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLef
     EXPECT_EQ(status.st_mode & 0777, 0644u);
     ASSERT_TRUE(writeFileAtomically(target, "").has_value());
     EXPECT_EQ(readFile(target), "");
-    EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
+    EXPECT_EQ(entries(), std::vector<std::string>{name});
 }
 
-TEST_F(FileIoTest, AWriteThatCannotStartLeavesEverythingAsItWas) {
+// Over a directory the rename fails, after the temporary was written: it goes too.
+TEST_F(FileIoTest, AFailedWriteLeavesEverythingAsItWas) {
     fs::create_directory(directory_ / "maps");
     put(directory_ / "maps" / "1", "pack");
     const std::vector<std::pair<fs::path, std::string>> rows{
@@ -135,45 +78,27 @@ TEST_F(FileIoTest, AWriteThatCannotStartLeavesEverythingAsItWas) {
     EXPECT_EQ(entries(), std::vector<std::string>{"maps"});
 }
 
-TEST_F(FileIoTest, FailedWriteKeepsTheOldContents) {
-    const fs::path target = directory_ / "1.json";
-    put(target, "old contents");
-    const std::string large = patternedBytes(256 * 1024, 'n');
-    common::expected<void, std::string> written;
-    {
-        FileSizeLimit limit(4096);
-        ASSERT_TRUE(limit.active());
-        // The first write stops short at the limit, the next one fails.
-        written = writeFileAtomically(target, large);
-    }
-    EXPECT_EQ(written, common::unexpected(std::string("File too large")));
-    EXPECT_EQ(readFile(target), "old contents");
-    EXPECT_EQ(entries(), std::vector<std::string>{"1.json"});
-}
-
-TEST_F(FileIoTest, ReadersNeverSeeAPartialFile) {
-    const fs::path target = directory_ / "metadata.json";
-    const std::string first = patternedBytes(64 * 1024, 'a');
-    const std::string second = patternedBytes(96 * 1024, 'b');
-    ASSERT_TRUE(writeFileAtomically(target, first).has_value());
-
-    std::atomic<bool> done{false};
-    std::atomic<int> torn{0};
-    std::thread reader([&] {
-        while (!done) {
-            const auto read = readFile(target);
-            if (!read || (*read != first && *read != second)) {
-                ++torn;
-            }
+TEST_F(FileIoTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
+    const std::vector<std::pair<std::string, bool>> rows{
+        {".1.json.tmp-AZaz09", true}, {".x.tmp-abcdef", true},  {"..tmp-abcdef", false},
+        {"x.json.tmp-abcdef", false}, {".x.tmp_abcdef", false}, {".x.tmp-abcd@f", false},
+        {".x.tmp-abcd[f", false},     {".x.tmp-abcd`f", false}, {".x.tmp-abcd{f", false},
+        {".x.tmp-abcd:f", false},
+    };
+    std::vector<std::string> kept{".d.tmp-abcdef", ".l.tmp-abcdef"};
+    fs::create_directory(directory_ / kept[0]);
+    put(directory_ / kept[0] / ".x.tmp-abcdef", "");
+    fs::create_symlink("x.json.tmp-abcdef", directory_ / kept[1]);
+    for (const auto& [name, removed] : rows) {
+        put(directory_ / name, "");
+        if (!removed) {
+            kept.push_back(name);
         }
-    });
-    for (int round = 0; round < 50; ++round) {
-        EXPECT_TRUE(writeFileAtomically(target, round % 2 == 0 ? second : first).has_value());
     }
-    done = true;
-    reader.join();
-    EXPECT_EQ(torn, 0);
-    EXPECT_EQ(entries(), std::vector<std::string>{"metadata.json"});
+    removeInterruptedWrites(directory_);
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(entries(), kept);
+    EXPECT_TRUE(fs::exists(directory_ / ".d.tmp-abcdef" / ".x.tmp-abcdef"));
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 #include "terrane/value/value_converter.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <cmath>
 #include <cstdint>
@@ -14,103 +15,66 @@
 
 #include "value/json_reader.hpp"
 #include "value/json_value.hpp"
+#include "value/json_writer.hpp"
 
 namespace {
 
+using terrane::common::unexpected;
 using terrane::common::ValueConverter;
+using terrane::common::json::writeCompact;
 using terrane::feature::null_value;
 using terrane::feature::value;
-using testing::HasSubstr;
-using testing::StartsWith;
-
-std::string parseError(const std::string& json) {
-    auto result = ValueConverter::fromJson(json);
-    EXPECT_FALSE(result.has_value()) << json;
-    return result.has_value() ? std::string() : result.error();
-}
-
-value parsed(const std::string& json) {
-    auto result = ValueConverter::fromJson(json);
-    EXPECT_TRUE(result.has_value()) << json << ": " << result.error();
-    return result.has_value() ? *result : value();
-}
 
 std::string repeat(const std::string& piece, std::size_t times) {
     std::string text;
-    text.reserve(piece.size() * times);
     for (std::size_t i = 0; i < times; ++i) {
         text += piece;
     }
     return text;
 }
 
-// A value nested this deeply would overflow the stack in its own recursive destructor, so the
-// tests take it apart one level at a time.
-void dismantle(value& v) {
-    for (;;) {
-        value inner;
-        if (auto* array = v.get_if<value::array_type>(); array && !array->empty()) {
-            inner = std::move(array->front());
-        } else if (auto* object = v.get_if<value::object_type>(); object && !object->empty()) {
-            inner = std::move(object->begin()->second);
-        } else {
-            return;
-        }
-        v = std::move(inner);
-    }
-}
-
-TEST(ValueConverterParse, ErrorsGiveTheOffsetAndTheParsersMessage) {
+TEST(ValueConverterParse, ErrorsGiveTheOffsetAndTheParsersMessageAndLeaveNoDocument) {
     const std::size_t limit = ValueConverter::maxNestingDepth;
     const std::size_t far = 100000;
     const std::string tooDeep = "The document is nested more deeply than 512 levels.";
     const std::vector<std::pair<std::string, std::string>> rows{
         {"", "0: The document is empty."},
-        {"  \n ", "4: The document is empty."},
         {"{\"a\":1} x", "8: The document root must not be followed by other values."},
         // Text after an embedded NUL is a second root.
         {std::string("5\0x", 3), "1: The document root must not be followed by other values."},
         {"[1,]", "3: Invalid value."},
-        {"NaN", "0: Invalid value."},
-        {"// comment\n1", "0: Invalid value."},
-        {"{1:2}", "1: Missing a name for object member."},
         {"{\"a\" 1}", "5: Missing a colon after a name of object member."},
-        {"{\"a\":1,}", "7: Missing a name for object member."},
-        {"{\"a\":1", "6: Missing a comma or '}' after an object member."},
         {"[1 2]", "3: Missing a comma or ']' after an array element."},
-        {"\"\\u12G4\"", "1: Incorrect hex digit after \\u escape in string."},
-        {"\"\\uD800x\"", "1: The surrogate pair in string is invalid."},
-        {"\"\\x\"", "1: Invalid escape character in string."},
         {"\"abc", "4: Missing a closing quotation mark in string."},
-        {"1e400", "0: Number too big to be stored in double."},
-        {"1.", "2: Miss fraction part in number."},
         {"1e", "2: Miss exponent in number."},
-        {repeat("[", limit + 1) + repeat("]", limit + 1), "512: " + tooDeep},
         {"{\"a\":" + repeat("[", limit) + "]", "516: " + tooDeep},
         {repeat("[", far) + repeat("]", far), "512: " + tooDeep},
-        {repeat("{\"a\":", far) + "1" + repeat("}", far), "2560: " + tooDeep},
-        // Unbalanced and truncated: the depth bound still trips first.
-        {repeat("[{\"k\":", far), "1536: " + tooDeep},
     };
     for (const auto& [text, message] : rows) {
-        EXPECT_EQ(parseError(text), "Parse error at offset " + message) << text.substr(0, 40);
+        rapidjson::Document document;
+        EXPECT_EQ(terrane::common::json::parseDocument(text, document),
+                  unexpected("Parse error at offset " + message))
+            << text.substr(0, 40);
+        EXPECT_TRUE(document.IsNull()) << text.substr(0, 40);
     }
+    EXPECT_EQ(
+        ValueConverter::fromJson("[1 2]"),
+        unexpected("Parse error at offset 3: Missing a comma or ']' after an array element."));
     using terrane::common::json::parseErrorMessage;
     EXPECT_EQ(parseErrorMessage(0, 3), "Parse error at offset 3: Unknown error.");
     EXPECT_EQ(parseErrorMessage(18, 0), "Parse error at offset 0: Unknown error.");
     EXPECT_EQ(parseErrorMessage(17, 12), "Parse error at offset 12: Unspecific syntax error.");
 }
 
-TEST(ValueConverterParse, NumbersStringsAndContainersTakeTheirKinds) {
+// Each value read also reads back from what it writes, whatever the order of its members.
+TEST(ValueConverterParse, NumbersStringsAndContainersTakeTheirKindsAndWriteBack) {
     const std::vector<std::pair<std::string, value>> rows{
         {"5", std::uint64_t{5}},
         {"-5", std::int64_t{-5}},
         {"5.0", 5.0},
-        {"1e2", 100.0},
         {"18446744073709551615", std::numeric_limits<std::uint64_t>::max()},
         {"18446744073709551616", 18446744073709551616.0},
         {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-        {"-9223372036854775809", -9223372036854775809.0},
         {"null", value()},
         {" true ", true},
         {"\"caf\\u00e9 \\\"q\\\"\"", "caf\xc3\xa9 \"q\""},
@@ -123,7 +87,8 @@ TEST(ValueConverterParse, NumbersStringsAndContainersTakeTheirKinds) {
          value::object_type{{"a", value::object_type{{"x", std::uint64_t{1}}}}, {"b", true}}},
     };
     for (const auto& [text, expected] : rows) {
-        EXPECT_EQ(parsed(text), expected) << text;
+        EXPECT_EQ(ValueConverter::fromJson(text), expected) << text;
+        EXPECT_EQ(ValueConverter::fromJson(ValueConverter::toJson(expected)), expected) << text;
     }
 }
 
@@ -136,13 +101,9 @@ TEST(ValueConverterWrite, ValuesAreWrittenCompactAndEscaped) {
         {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
         {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
         {1.0, "1.0"},
-        {0.1, "0.1"},
-        {1e30, "1e30"},
         {value::object_type{}, "{}"},
-        {"say \"hi\"\\", R"("say \"hi\"\\")"},
         {"\n\t\r\b\f\x01\x1f", R"("\n\t\r\b\f\u0001\u001F")"},
         {std::string("a\0b", 3), R"("a\u0000b")"},
-        {"caf\xc3\xa9 / \x7f", "\"caf\xc3\xa9 / \x7f\""},
         {value::object_type{{"q\"", "v"}}, R"({"q\"":"v"})"},
         // A non-finite double writes nothing at all.
         {nan, ""},
@@ -154,79 +115,59 @@ TEST(ValueConverterWrite, ValuesAreWrittenCompactAndEscaped) {
     }
 }
 
-TEST(ValueConverterRoundTrip, ObjectsSurviveWhateverTheMemberOrder) {
-    const value original(value::object_type{
-        {"name", "Gr\xc3\xbcnwald\t\"north\""},
-        {"count", std::uint64_t{42}},
-        {"offset", std::int64_t{-3}},
-        {"ratio", 0.25},
-        {"whole", 3.0},
-        {"flag", true},
-        {"nothing", value()},
-        {"list", value::array_type{std::uint64_t{1}, value::array_type{}, value::object_type{}}},
-        {"nested", value::object_type{{"deep", value::object_type{{"x", -1e-7}}}}},
-    });
-    const std::string text = ValueConverter::toJson(original);
-    EXPECT_EQ(text.find(' '), std::string::npos);
-    EXPECT_EQ(parsed(text), original);
-
-    const std::string input = R"({"z":1,"y":[true,null,"s"],"x":{"w":-2,"v":2.5}})";
-    EXPECT_EQ(parsed(ValueConverter::toJson(parsed(input))), parsed(input));
-}
-
 TEST(ValueConverterDepth, TheDeepestAcceptedValueIsWrittenBack) {
     const std::size_t limit = ValueConverter::maxNestingDepth;
     const std::string deepest = repeat("[", limit) + repeat("]", limit);
-    EXPECT_EQ(ValueConverter::toJson(parsed(deepest)), deepest);
+    EXPECT_EQ(ValueConverter::toJson(ValueConverter::fromJson(deepest).value()), deepest);
 }
 
 TEST(ValueConverterDepth, WritesAValueOfAnyDepthBuiltInCode) {
     const std::size_t levels = 100000;
     value arrays = value::array_type{};
-    value objects = value::object_type{};
     for (std::size_t i = 1; i < levels; ++i) {
         // Initializer lists copy, and a deep copy recurses: move each level in by hand.
         value::array_type array;
         array.push_back(std::move(arrays));
         arrays = std::move(array);
-        value::object_type object;
-        object.emplace("a", std::move(objects));
-        objects = std::move(object);
     }
     EXPECT_EQ(ValueConverter::toJson(arrays), repeat("[", levels) + repeat("]", levels));
-    EXPECT_EQ(ValueConverter::toJson(objects),
-              repeat("{\"a\":", levels - 1) + "{}" + repeat("}", levels - 1));
-    dismantle(arrays);
-    dismantle(objects);
+    // The value's own destructor would recurse as deeply: take it apart one level at a time.
+    while (!arrays.get<value::array_type>().empty()) {
+        value inner = std::move(arrays.get<value::array_type>().front());
+        arrays = std::move(inner);
+    }
 }
 
-TEST(ValueConverterDepth, HandBuiltDomBeyondTheLimitIsRefusedNotRecursed) {
+TEST(JsonWriter, MatchesRapidjsonsOwnWriterAtShallowDepth) {
+    const char* text =
+        R"({"a":[1,-2,4294967296,-4294967296,18446744073709551615,1.0,1e30,"q\"\n"],)"
+        R"("b":{},"c":[],"d":null,"e":[true,false,{"f":[[0.1]]}],"a":2})";
     rapidjson::Document document;
-    rapidjson::Value* innermost = &document.SetArray();
-    for (std::size_t i = 0; i < 100000; ++i) {
-        innermost->PushBack(rapidjson::Value(rapidjson::kArrayType), document.GetAllocator());
-        innermost = &(*innermost)[0];
-    }
-    EXPECT_THROW(terrane::common::json::toValue(document), std::runtime_error);
+    document.Parse(text);
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    document.Accept(writer);
+    EXPECT_EQ(writeCompact(document), buffer.GetString());
+    EXPECT_EQ(writeCompact(rapidjson::Value(std::numeric_limits<double>::quiet_NaN())), "");
 }
 
-TEST(ValueConverterRobustness, EveryTruncationFailsCleanly) {
-    const std::string sample =
-        R"({"a":[1,-2,3.5e-3,"x\u00e9\n",true,false,null],"b":{"c":[[]],"d":"\ud83d\ude00"}})";
-    ASSERT_TRUE(ValueConverter::fromJson(sample).has_value());
-    auto check = [](const std::string& input) {
-        auto result = ValueConverter::fromJson(input);
-        if (!result) {
-            EXPECT_THAT(result.error(), StartsWith("Parse error at offset ")) << input;
-        } else {
-            // Doubles need not survive exactly (no full-precision parsing), so only the
-            // writer's willingness is checked here.
-            EXPECT_FALSE(ValueConverter::toJson(*result).empty()) << input;
-        }
-    };
-    for (std::size_t length = 0; length < sample.size(); ++length) {
-        check(sample.substr(0, length));
+// A DOM built in code escapes the parser's bound: it is written without recursion, and refused
+// rather than recursed into when read as a value.
+TEST(JsonWriter, WritesAHundredThousandLevelsThatAValueRefuses) {
+    const std::size_t levels = 100000;
+    rapidjson::Document document;
+    rapidjson::Value* innermost = &document.SetObject();
+    for (std::size_t i = 1; i < levels; ++i) {
+        innermost->AddMember("k", rapidjson::Value(rapidjson::kArrayType), document.GetAllocator());
+        innermost = &(*innermost)["k"];
+        innermost->PushBack(rapidjson::Value(rapidjson::kObjectType), document.GetAllocator());
+        innermost = &(*innermost)[0u];
     }
+    const std::string written = writeCompact(document);
+    EXPECT_EQ(written.size(), (levels - 1) * 8 + 2);
+    EXPECT_EQ(written.substr(0, 12), "{\"k\":[{\"k\":[");
+    EXPECT_EQ(written.find("{}"), written.size() - 2 * levels);
+    EXPECT_THROW(terrane::common::json::toValue(document), std::runtime_error);
 }
 
 }  // namespace

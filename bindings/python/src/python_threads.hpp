@@ -2,6 +2,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <memory>
 #include <utility>
 
 // How library threads reach the interpreter, and how the binding gets out of their way.
@@ -79,8 +80,19 @@ class PythonRef {
     PyObject* object_;
 };
 
+// Whether this thread is a library thread (inside a callback's visit to the interpreter, or never
+// known to it), where a core object must not be destroyed: it may be one of that object's own
+// threads, which its destructor joins.
+bool onLibraryThread();
+
+// Drops `core` (its last reference) on the binding's own destroyer thread instead, one object
+// after the other; what is still pending when the process ends is destroyed then.
+void destroyElsewhere(std::shared_ptr<void> core);
+
 // Hands a core object to Python so that dropping Python's last reference lets go of the
 // interpreter lock around the core destructor (which may join a thread waiting for the lock).
+// When that last reference goes on a library thread (a callback that drops the last Python
+// reference to the client that called it), the destructor runs on another thread instead.
 template <typename T>
 std::shared_ptr<T> releasingHolder(std::shared_ptr<T> core) {
     T* raw = core.get();
@@ -88,6 +100,10 @@ std::shared_ptr<T> releasingHolder(std::shared_ptr<T> core) {
         return {};
     }
     return std::shared_ptr<T>(raw, [core = std::move(core)](T*) mutable {
+        if (onLibraryThread()) {
+            destroyElsewhere(std::move(core));
+            return;
+        }
         LockRelease release;
         core.reset();
     });

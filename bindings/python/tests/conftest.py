@@ -5,7 +5,6 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import threading
 import urllib.error
 import urllib.request
@@ -32,13 +31,11 @@ def catalogue(tmp_path_factory):
                    capture_output=True)
     servers = [subprocess.Popen([TOOL, "serve", str(site), "--port", "0", "--rate", rate],
                                 stdout=subprocess.PIPE, text=True) for rate in ("0", "1024")]
-    try:
-        yield [re.search(r"http://127\.0\.0\.1:\d+", server.stdout.readline()).group(0)
-               for server in servers]
-    finally:
-        for server in servers:
-            server.terminate()
-            server.wait()
+    yield [re.search(r"http://127\.0\.0\.1:\d+", server.stdout.readline()).group(0)
+           for server in servers]
+    for server in servers:
+        server.terminate()
+        server.wait()
 
 
 class UrllibService:
@@ -65,9 +62,8 @@ class UrllibService:
                                   headers={k.lower(): v for k, v in headers.items()})
 
     def _start(self, work):
-        thread = threading.Thread(target=work, daemon=True)
-        self.threads.append(thread)
-        thread.start()
+        self.threads.append(threading.Thread(target=work, daemon=True))
+        self.threads[-1].start()
 
     def request(self, request, callback):
         self._start(lambda: callback(t.HttpResponse(
@@ -81,22 +77,16 @@ class UrllibService:
         download_id = t.next_http_request_id()
 
         def run():
-            callback(t.DownloadStatus(download_id=download_id, download_options=options))
             data = self._fetch(options.request)
             with open(options.local_path, "wb") as file:
                 file.write(data.data)
-            size = len(data.data)
-            data.data = b""
+            size, data.data = len(data.data), b""
             callback(t.DownloadStatus(download_id=download_id, state=t.DownloadState.Finished,
                                       total_bytes=size, received_bytes=size,
                                       download_options=options,
                                       http_result=t.Expected(value=data)))
         self._start(run)
         return download_id
-
-    def join(self):
-        for thread in self.threads:
-            thread.join()
 
 
 class Recorder:
@@ -133,9 +123,3 @@ class Recorder:
 
     def find(self, name):
         return next((pack or True for event, pack in self.events if event == name), None)
-
-
-def run_python(code, timeout=60):
-    """Runs `code` in a fresh interpreter with this module on its path."""
-    return subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
-                          timeout=timeout)

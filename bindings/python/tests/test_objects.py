@@ -16,18 +16,13 @@ def test_singletons_records_and_small_services(tmp_path):
     assert t.OfflineService.get_instance("elsewhere", options) is service
     del service
     error = t.OfflineDataError(code=t.OfflineDataErrorCode.NotFound, message="gone")
-    pack = t.OfflineDataPack(status=t.OfflineDataPackStatus.Errored, error=error, bytes=7)
-    assert pack == t.OfflineDataPack(status=6, error=error, bytes=7)
-    assert issubclass(t.Error, RuntimeError)
     assert repr(error) == "OfflineDataError(code=<OfflineDataErrorCode.NotFound: 1>, message='gone')"
     assert len(t.TokenGenerator.get_sku_token(t.SKUIdentifier.Code04)) == 43
     builder = t.UrlBuilder()
     assert builder.build() == t.Expected(error="Host is not set")
     builder.host("example.com")
-    builder.port(8080)
-    builder.add_path_segment("a")
     builder.add_query_parameter("q", "")
-    assert builder.build().value.get_string() == "https://example.com:8080/a?q"
+    assert builder.build().value.get_string() == "https://example.com/?q"
     network = t.ReachabilityFactory.reachability("127.0.0.1")
     heard = []
     network.add_listener(heard.append)
@@ -48,8 +43,7 @@ def test_singletons_records_and_small_services(tmp_path):
     (lambda: t.ValueConverter.to_json(2**64), OverflowError, ""),
     (lambda: t.ValueConverter.to_json(-2**63 - 1), OverflowError, ""),
     (lambda: t.ValueConverter.to_json({1: 2}), TypeError, ""),
-    (lambda: t.ValueConverter.to_json(b"x"), TypeError, ""),
-    (lambda: t.ValueConverter.to_json({"a": object()}), TypeError, ""),
+    (lambda: t.ValueConverter.to_json({"a": b"x"}), TypeError, ""),
 ])
 def test_errors_reach_python_as_exceptions(call, error, message):
     with pytest.raises(error, match=message):
@@ -70,24 +64,23 @@ def test_value_mapping(value, json):
         error="Parse error at offset 0: The document is empty.")
 
 
-@pytest.mark.parametrize("make, extract", [
-    (lambda: t.Geometry.point(C(latitude=1, longitude=2)), "extract_locations"),
-    (lambda: t.Geometry.line([C(latitude=1, longitude=2)] * 2), "extract_locations_array"),
-    (lambda: t.Geometry.polygon([[C(latitude=1, longitude=2)] * 4]), "extract_locations_2d_array"),
-    (lambda: t.Geometry.multi_point([C(latitude=3, longitude=4)]), "extract_locations_array"),
-    (lambda: t.Geometry.multi_line([[C(latitude=3, longitude=4)] * 2]),
-     "extract_locations_2d_array"),
-    (lambda: t.Geometry.multi_polygon([[[C(latitude=5, longitude=6)] * 4]]),
-     "extract_locations_3d_array"),
-    (lambda: t.Geometry.geometry_collection([t.Geometry.point(C())]), "extract_geometries_array"),
+P = C(latitude=1, longitude=2)
+
+
+@pytest.mark.parametrize("kind, locations, extract", [
+    ("point", P, "extract_locations"), ("line", [P] * 2, "extract_locations_array"),
+    ("polygon", [[P] * 4], "extract_locations_2d_array"),
+    ("multi_point", [P], "extract_locations_array"),
+    ("multi_line", [[P] * 2], "extract_locations_2d_array"),
+    ("multi_polygon", [[[P] * 4]], "extract_locations_3d_array"),
+    ("geometry_collection", [t.Geometry.point(C())], "extract_geometries_array"),
 ])
-def test_geometry_round_trip(make, extract):
-    geometry = make()
+def test_geometry_round_trip(kind, locations, extract):
+    geometry = getattr(t.Geometry, kind)(locations)
     parsed = t.parse_geojson(geometry.to_geojson()).value
     assert parsed == geometry
     assert getattr(geometry, extract)() == getattr(parsed, extract)()
-    assert t.Geometry.point(C(latitude=1, longitude=2)).to_geojson() == \
-        '{"type":"Point","coordinates":[2.0,1.0]}'
+    assert t.Geometry.point(P).to_geojson() == '{"type":"Point","coordinates":[2.0,1.0]}'
 
 
 @pytest.mark.parametrize("text, identifier", [

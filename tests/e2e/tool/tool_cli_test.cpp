@@ -1,12 +1,8 @@
-// What a user sees when the tool cannot work: one clear line on stderr and the documented exit
-// status, never a crash, the access token or a storage made for nothing; the demo end to end; and
-// what `publish` writes.
+// What a user sees: on stdout the listings, and when the tool cannot work, one clear line on
+// stderr and the documented exit status; never a crash, the access token, a terminal escape or a
+// storage made for nothing. And the demo end to end.
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <sstream>
-#include <terrane/util/md5.hpp>
+#include <httplib.h>
 
 #include "tool_test_support.hpp"
 
@@ -23,27 +19,48 @@ std::string replaceAll(std::string text, const std::map<std::string, std::string
     return text;
 }
 
-TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
-    ScratchDirectory scratch;
+using ToolCommandLine = ToolTest;
+
+TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
     const std::string token = "secret-token-4711";
-    writeFile(scratch.path() / "plain-file", "x");
-    writeFile(scratch.path() / "empty-token", "\n  \n");
-    writeFile(scratch.path() / "token", token + "\n");
-    writeSource(scratch.path() / "source");
-    writeFile(scratch.path() / "source" / "many.geojson",
-              R"({"type":"FeatureCollection","features":[]})");
-    const std::string url = "http://127.0.0.1:" + std::to_string(unusedPort());
-    const auto globals = [&](const std::string& storage) {
-        return "--storage {dir}/" + storage + " --base-url " + url + " --user alice";
+    const std::string dir = scratch_.string();
+    writeFile(scratch_ / "plain-file", "x");
+    writeFile(scratch_ / "empty-token", "\n  \n");
+    writeFile(scratch_ / "token", token + "\n");
+    writeSource();
+    publish();
+    serve({"--port", "0"});
+    // The catalogue has nothing for "nobody", and garbage for "garbage".
+    writeFile(www() / "offline-data" / "v1" / "garbage" / "regions", "<html>");
+    writeFile(source() / "many.geojson", R"({"type":"FeatureCollection","features":[]})");
+    // A catalogue server that refuses every access token.
+    httplib::Server refusing;
+    refusing.Get(".*", [](const httplib::Request&, httplib::Response& response) {
+        response.status = 401;
+        response.set_content(R"({"message":"Invalid access token"})", "application/json");
+    });
+    const int lockedPort = refusing.bind_to_any_port("127.0.0.1");
+    std::thread serving([&] { refusing.listen_after_bind(); });
+    // Nothing listens on a privileged port of loopback.
+    const std::string url = "http://127.0.0.1:1";
+    const auto globals = [&](const std::string& storage, const std::string& at,
+                             const std::string& user = "alice") {
+        return "--storage " + dir + "/" + storage + " --base-url " + at + " --user " + user;
     };
     // {fresh} is a storage that nothing may create: listings, status and refused token files
     // need none.
     const std::map<std::string, std::string> names{
-        {"{s}", globals("s")},
-        {"{fresh}", globals("fresh")},
-        {"{file}", globals("plain-file/s")},
-        {"{publish}", "publish {dir}/source {dir}/www --user alice"},
+        {"{s}", globals("s", url)},
+        {"{fresh}", globals("fresh", url)},
+        {"{file}", globals("plain-file/s", url)},
+        {"{locked}", globals("s", "http://127.0.0.1:" + std::to_string(lockedPort))},
+        {"{served}", globals("s", baseUrl_)},
+        {"{nobody}", globals("s", baseUrl_, "nobody")},
+        {"{garbage}", globals("s", baseUrl_, "garbage")},
+        {"{publish}", "publish " + dir + "/source " + dir + "/out --user alice"},
         {"{url}", url},
+        {"{catalogue}", "the catalogue at " + baseUrl_},
+        {"{dir}", dir},
     };
     const auto region = [](const std::string& members) {
         return "{\"regions\": {\"r\": {\"revision\": 1, " + members + "}}}";
@@ -80,7 +97,26 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
         {"{fresh} --token-file {dir}/empty-token regions", 5,
          "token file '{dir}/empty-token' holds no token"},
         {"{fresh} --token-file {dir}/token regions", 4, "cannot reach the catalogue at {url}: "},
+        {"{locked} regions", 3, "refused access for user 'alice': Invalid access token"},
+        {"{locked} download harbour", 3, "refused access for user 'alice': Invalid access token"},
         {"{s} download harbour", 4, "cannot reach the catalogue at {url}: "},
+        {"{served} regions", 0, "harbour  revision 2  \"Harbour City\"  updated 2024-03-01 10:00"},
+        {"{served} regions", 0, "    maps         256.0 KiB  data version 2024.03\n"},
+        {"{served} regions", 0, "plain  revision 5  \"plain\""},
+        {"{served} --json regions", 0, R"("last_updated": "2024-03-01T10:00:00.000Z")"},
+        {"{served} --json regions", 0,
+         R"("url": "terrane://offline-data/alice/packs/harbour/2/maps.pack")"},
+        // Server text is shown, never obeyed by the terminal.
+        {"{served} regions", 0, "Plain\\x1b[2J\\r\\nforged line"},
+        {"{served} download plain --domain navigation", 1,
+         "region 'plain' revision 5 has no navigation pack"},
+        {"{served} download nowhere", 1,
+         "the catalogue has no region 'nowhere' (it offers: harbour, plain)"},
+        {"{served} download harbour --revision 9", 1,
+         "the catalogue offers revision 2 of region 'harbour', not revision 9"},
+        {"{nobody} regions", 1, "{catalogue} has nothing for user 'nobody': "},
+        {"{nobody} download harbour", 1, "{catalogue} has nothing for user 'nobody': "},
+        {"{garbage} download harbour", 1, "{catalogue} gave an unusable answer: "},
         {"{fresh} status", 0, "No packs stored in {dir}/fresh"},
         {"{s} delete harbour --revision 3", 1,
          "nothing to delete: no stored pack of region 'harbour' revision 3"},
@@ -98,62 +134,38 @@ TEST(ToolCommandLine, EveryMistakeGetsItsStatusAndOneClearLine) {
     };
     for (const auto& row : rows) {
         if (!row.regions.empty()) {
-            writeFile(scratch.path() / "source" / "regions.json", row.regions);
+            writeFile(source() / "regions.json", row.regions);
         }
-        std::vector<std::string> arguments;
-        std::istringstream words(
-            replaceAll(replaceAll(row.command, names), {{"{dir}", scratch.path().string()}}));
-        for (std::string word; words >> word;) {
-            arguments.push_back(word);
-        }
-        const RunResult result = runTool(arguments, {"TERRANE_ACCESS_TOKEN=" + token});
-        const std::string says =
-            replaceAll(row.says, {{"{dir}", scratch.path().string()}, {"{url}", url}});
-        EXPECT_EQ(result.status, row.status) << row.command << "\n" << result.err;
+        const RunResult result =
+            run(words(replaceAll(row.command, names)), {"TERRANE_ACCESS_TOKEN=" + token});
+        const std::string says = replaceAll(row.says, names);
+        SCOPED_TRACE(row.command + "\n" + result.out + result.err);
+        EXPECT_EQ(result.status, row.status);
         if (row.status == 0) {
-            EXPECT_NE(result.out.find(says), std::string::npos) << result.out;
+            EXPECT_NE(result.out.find(says), std::string::npos);
         } else if (!says.empty()) {
-            EXPECT_TRUE(result.err.starts_with("terrane-offline: ")) << result.err;
-            EXPECT_NE(result.err.find(says), std::string::npos) << result.err;
-            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line: " << result.err;
+            EXPECT_TRUE(result.err.starts_with("terrane-offline: "));
+            EXPECT_NE(result.err.find(says), std::string::npos);
+            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line";
         }
-        for (const char* never : {token.c_str(), "terminate called", "what():", "Segmentation"}) {
+        for (const char* never :
+             {token.c_str(), "\x1b", "terminate called", "what():", "Segmentation"}) {
             EXPECT_EQ((result.out + result.err).find(never), std::string::npos) << never;
         }
     }
-    const RunResult homeless = runTool({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
+    refusing.stop();
+    serving.join();
+    // What `publish` serves: the files as they are, and a Feature outline as its geometry.
+    EXPECT_EQ(readFile(servedPack(2, "maps")), readFile(source() / "harbour-maps.bin"));
+    const auto published = parseJson(readFile(www() / "offline-data/v1/alice/regions"));
+    EXPECT_STREQ(published["harbour"]["configuration"]["geography"]["type"].GetString(), "Point");
+    EXPECT_TRUE(published["plain"]["configuration"]["geography"].IsNull());
+    const RunResult homeless = run({"--user", "a", "status"}, {"HOME=", "XDG_DATA_HOME="});
     EXPECT_EQ(homeless.status, 5);
     EXPECT_NE(homeless.err.find("no storage directory: neither XDG_DATA_HOME nor HOME is set"),
               std::string::npos);
-    EXPECT_FALSE(fs::exists(scratch.path() / "fresh"));
-    EXPECT_FALSE(fs::exists(scratch.path() / "www" / "offline-data" / "v1" / "alice" / "regions"));
-}
-
-TEST(ToolPublish, WritesTheCatalogueWithChecksumsSizesAndAddresses) {
-    ScratchDirectory scratch;
-    writeSource(scratch.path() / "source");
-    publish(scratch.path() / "source", scratch.path() / "www", "alice");
-
-    const fs::path user = scratch.path() / "www" / "offline-data" / "v1" / "alice";
-    const auto catalogue = parseJson(readFile(user / "regions"));
-    const auto& harbour = catalogue["harbour"];
-    EXPECT_STREQ(harbour["name"].GetString(), "Harbour City");
-    EXPECT_STREQ(harbour["last_updated"].GetString(), "2024-03-01T10:00:00Z");
-    EXPECT_STREQ(harbour["configuration"]["geography"]["type"].GetString(), "Point")
-        << "a Feature is reduced to its geometry";
-    const auto& maps = harbour["packs"][0];
-    EXPECT_STREQ(maps["domain"].GetString(), "maps");
-    EXPECT_STREQ(maps["url"].GetString(), "terrane://offline-data/alice/packs/harbour/2/maps.pack");
-    EXPECT_EQ(maps["format"].GetInt(), 1);
-    EXPECT_EQ(maps["size"].GetUint64(), SourcePacks{}.harbourMaps);
-    EXPECT_STREQ(maps["data_version"].GetString(), "2024.03");
-    const fs::path served = user / "packs" / "harbour" / "2" / "maps.pack";
-    EXPECT_EQ(maps["md5_checksum"].GetString(),
-              common::util::md5File(served.string()).value_or(""));
-    EXPECT_EQ(readFile(served), readFile(scratch.path() / "source" / "harbour-maps.bin"));
-    EXPECT_STREQ(catalogue["plain"]["name"].GetString(), "plain")
-        << "the id stands in for a missing name";
-    EXPECT_TRUE(catalogue["plain"]["configuration"]["geography"].IsNull());
+    EXPECT_FALSE(fs::exists(scratch_ / "fresh"));
+    EXPECT_FALSE(fs::exists(scratch_ / "out" / "offline-data" / "v1" / "alice" / "regions"));
 }
 
 }  // namespace

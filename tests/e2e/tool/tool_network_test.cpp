@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tool_test_support.hpp"
@@ -14,15 +15,13 @@
 namespace terrane::tool::test {
 namespace {
 
-using namespace std::chrono_literals;
-
 bool shell(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 // Each test runs the tool in a fresh network namespace with only loopback up, and keeps a
 // NetworkManager of the machine out of its answers.
-class ToolNetworkTest : public ::testing::Test {
+class ToolNetworkTest : public ToolTest {
   protected:
     void SetUp() override {
         original_ = ::open("/proc/thread-self/ns/net", O_RDONLY);
@@ -44,7 +43,7 @@ class ToolNetworkTest : public ::testing::Test {
     int original_ = -1;
 };
 
-TEST_F(ToolNetworkTest, OneAnswerPrintsTheStatusAndExitsByIt) {
+TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUntilCtrlC) {
     const struct {
         std::vector<std::string> arguments;
         std::string out;
@@ -55,36 +54,30 @@ TEST_F(ToolNetworkTest, OneAnswerPrintsTheStatusAndExitsByIt) {
         {{"network", "192.0.2.1"}, "192.0.2.1: not reachable\n", 1},
     };
     for (const auto& row : rows) {
-        const RunResult result = runTool(row.arguments, environment_);
-        EXPECT_EQ(result.out, row.out) << row.arguments.back();
-        EXPECT_EQ(result.status, row.status) << row.arguments.back();
-        EXPECT_EQ(result.err, row.status == 0 ? ""
-                                              : "terrane-offline: " + row.arguments.back() +
-                                                    " cannot be reached\n");
+        const RunResult result = run(row.arguments, environment_);
+        const std::string err = "terrane-offline: " + row.arguments.back() + " cannot be reached\n";
+        EXPECT_EQ(std::tuple(result.status, result.out, result.err),
+                  std::tuple(row.status, row.out, row.status == 0 ? "" : err));
     }
-}
 
-TEST_F(ToolNetworkTest, WatchPrintsALinePerChangeUntilCtrlC) {
     if (!shell("ip link add x0 type dummy") &&
         !shell("ip link add x0 type veth peer name x1 && ip link set x1 up")) {
         GTEST_SKIP() << "neither dummy nor veth links can be made here";
     }
-    ScratchDirectory work;
-    ChildProcess tool({kTool, "network", "--watch"}, work.path(), environment_);
+    const auto watch = start({"network", "--watch"}, environment_);
     std::string expected = "network: not reachable\n";
-    EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
-
+    EXPECT_TRUE(eventually([&] { return watch->out() == expected; }, 10s)) << watch->out();
     for (const auto& [change, line] : {
              std::pair{"ip link set x0 up && ip route add default dev x0", "network: WiFi\n"},
              std::pair{"ip route del default", "network: not reachable\n"},
          }) {
         ASSERT_TRUE(shell(change)) << change;
         expected += line;
-        EXPECT_TRUE(eventually([&] { return tool.out() == expected; }, 10s)) << tool.out();
+        EXPECT_TRUE(eventually([&] { return watch->out() == expected; }, 10s)) << watch->out();
     }
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.wait(10s), 0);
-    EXPECT_EQ(tool.out(), expected);
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->wait(10s), 0);
+    EXPECT_EQ(watch->out(), expected);
 }
 
 }  // namespace

@@ -1,30 +1,17 @@
 #include "tool_test_support.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <httplib.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 
 namespace terrane::tool::test {
-
-using namespace std::chrono_literals;
-
-ScratchDirectory::ScratchDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
                            const std::vector<std::string>& environment) {
@@ -34,6 +21,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::
     outPath_ = work / (stem + ".out");
     errPath_ = work / (stem + ".err");
     std::vector<std::string> copies = arguments;
+    copies.insert(copies.begin(), kTool);
     std::vector<char*> argv;
     for (std::string& argument : copies) {
         argv.push_back(argument.data());
@@ -57,10 +45,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const fs::
 }
 
 ChildProcess::~ChildProcess() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
+    signal(SIGKILL);
+    wait(10s);
 }
 
 void ChildProcess::signal(int number) {
@@ -82,45 +68,25 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
     return status_;
 }
 
-std::string ChildProcess::out() const {
-    return readFile(outPath_);
-}
-std::string ChildProcess::err() const {
-    return readFile(errPath_);
-}
-
-std::uint16_t ChildProcess::announcedPort() const {
+std::string ChildProcess::announcedUrl() const {
     const std::string prefix = "http://127.0.0.1:";
     if (!eventually([&] { return out().find(prefix) != std::string::npos; }, 10s)) {
         throw std::runtime_error("no server address announced: " + err());
     }
-    const std::string text = out();
-    return static_cast<std::uint16_t>(std::stoi(text.substr(text.find(prefix) + prefix.size())));
+    const std::string text = out().substr(out().find(prefix));
+    return prefix + std::to_string(std::stoi(text.substr(prefix.size())));
 }
 
-RunResult runTool(const std::vector<std::string>& arguments,
-                  const std::vector<std::string>& environment, std::chrono::seconds limit) {
-    ScratchDirectory work;
-    std::vector<std::string> command{kTool};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ChildProcess child(command, work.path(), environment);
-    auto status = child.wait(limit);
-    if (!status) {
-        ADD_FAILURE() << "terrane-offline did not finish within " << limit.count() << " s";
-        child.signal(SIGKILL);
-        status = child.wait(10s);
-    }
-    return RunResult{status.value_or(-1), child.out(), child.err()};
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
-std::string patternBytes(std::size_t size, std::uint32_t seed) {
+std::string patternBytes(std::size_t size, unsigned seed) {
+    std::minstd_rand random(seed);
     std::string bytes(size, '\0');
-    std::uint32_t state = seed * 2654435761u + 1;
     for (char& byte : bytes) {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        byte = static_cast<char>(state & 0xff);
+        byte = static_cast<char>(random());
     }
     return bytes;
 }
@@ -137,125 +103,18 @@ std::string readFile(const fs::path& path) {
     return contents.str();
 }
 
-void writeSource(const fs::path& directory, const SourcePacks& sizes) {
-    writeFile(directory / "harbour-maps.bin", patternBytes(sizes.harbourMaps, 1));
-    writeFile(directory / "harbour-navigation.bin", patternBytes(sizes.harbourNavigation, 2));
-    writeFile(directory / "plain-maps.bin", patternBytes(sizes.plainMaps, 3));
-    writeFile(
-        directory / "harbour.geojson",
-        R"({"type":"Feature","properties":{},"geometry":{"type":"Point","coordinates":[10.5,59.9]}})");
-    writeFile(directory / "regions.json", R"({"regions": {
-    "harbour": {"name": "Harbour City", "description": "Test region", "revision": 2,
-      "last_updated": "2024-03-01T10:00:00Z", "geography": "harbour.geojson", "packs": {
-        "maps": {"file": "harbour-maps.bin", "data_version": "2024.03"},
-        "navigation": "harbour-navigation.bin"}},
-    "plain": {"revision": 5, "description": "Plain\u001b[2J\r\nforged line",
-      "packs": {"maps": "plain-maps.bin"}}}})");
-}
-
-void publish(const fs::path& source, const fs::path& out, const std::string& user) {
-    const RunResult result = runTool({"publish", source.string(), out.string(), "--user", user});
-    ASSERT_EQ(result.status, 0) << result.err;
-}
-
 std::vector<AccessEntry> readAccessLog(const fs::path& log) {
     std::vector<AccessEntry> entries;
     std::istringstream in(readFile(log));
     AccessEntry entry;
+    std::string rest;
     // Header fields come as name=value, "-" for none.
-    std::string range;
-    std::string ifRange;
-    std::string ifNoneMatch;
-    while (in >> entry.method >> entry.path >> entry.status >> entry.bytes >> range >> ifRange >>
-           ifNoneMatch) {
-        entry.range = range.ends_with("=-") ? "" : range.substr(range.find('=') + 1);
-        entry.ifNoneMatch =
-            ifNoneMatch.ends_with("=-") ? "" : ifNoneMatch.substr(ifNoneMatch.find('=') + 1);
+    while (in >> entry.method >> entry.path >> entry.status >> entry.bytes >> entry.range &&
+           std::getline(in, rest)) {
+        entry.range = entry.range.ends_with("=-") ? "" : entry.range.substr(6);
         entries.push_back(entry);
     }
     return entries;
-}
-
-namespace {
-
-std::string nginxConfiguration(const ServerSettings& settings, std::uint16_t port) {
-    const std::string work = settings.work.string();
-    const std::string root = settings.root.string();
-    const std::string cache =
-        "add_header Cache-Control \"max-age=" + std::to_string(settings.maxAge) + "\";";
-    std::string temporary;
-    for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
-        temporary += "  " + std::string(kind) + "_temp_path " + work + "/" + kind + ";\n";
-    }
-    return "daemon off;\nmaster_process off;\nworker_processes 1;\npid " + work +
-           "/nginx.pid;\nerror_log " + work +
-           "/error.log warn;\nevents { worker_connections 256; }\nhttp {\n" +
-           "  log_format tool escape=none '$request_method $uri $status $body_bytes_sent "
-           "range=$http_range if-range=$http_if_range if-none-match=$http_if_none_match';\n" +
-           "  access_log " + work + "/access.log tool;\n" + temporary +
-           "  default_type application/octet-stream;\n  server {\n    listen 127.0.0.1:" +
-           std::to_string(port) + ";\n    root " + root + ";\n    location / { " + cache +
-           " }\n    location /slow/ { alias " + root + "/; limit_rate " +
-           std::to_string(settings.slowRate) + "; " + cache +
-           " }\n    location /offline-data/v1/locked/ { default_type application/json; return "
-           "401 '{\"message\":\"Invalid access token\"}'; }\n  }\n}\n";
-}
-
-}  // namespace
-
-std::unique_ptr<CatalogueServer> startServe(const ServerSettings& settings) {
-    auto server = std::make_unique<CatalogueServer>();
-    server->accessLog = settings.work / "access.log";
-    for (const std::uint64_t rate : {std::uint64_t{0}, settings.slowRate}) {
-        server->processes.push_back(std::make_unique<ChildProcess>(
-            std::vector<std::string>{kTool, "serve", settings.root.string(), "--port", "0",
-                                     "--max-age", std::to_string(settings.maxAge), "--rate",
-                                     std::to_string(rate), "--access-log",
-                                     server->accessLog.string()},
-            settings.work));
-        (rate == 0 ? server->baseUrl : server->slowBaseUrl) =
-            "http://127.0.0.1:" + std::to_string(server->processes.back()->announcedPort());
-    }
-    return server;
-}
-
-std::unique_ptr<CatalogueServer> startNginx(const ServerSettings& settings) {
-    if (::access("/usr/sbin/nginx", X_OK) != 0) {
-        return nullptr;
-    }
-    auto server = std::make_unique<CatalogueServer>();
-    server->accessLog = settings.work / "access.log";
-    for (int attempt = 0; attempt < 5 && server->processes.empty(); ++attempt) {
-        const std::uint16_t port = unusedPort();
-        writeFile(settings.work / "nginx.conf", nginxConfiguration(settings, port));
-        auto nginx = std::make_unique<ChildProcess>(
-            std::vector<std::string>{"/usr/sbin/nginx", "-p", settings.work.string() + "/", "-c",
-                                     (settings.work / "nginx.conf").string(), "-e",
-                                     (settings.work / "error.log").string()},
-            settings.work);
-        httplib::Client probe("127.0.0.1", port);
-        if (eventually([&] { return probe.Get("/") || nginx->wait(0ms); }, 10s) && probe.Get("/")) {
-            server->processes.push_back(std::move(nginx));
-            server->baseUrl = "http://127.0.0.1:" + std::to_string(port);
-            server->slowBaseUrl = server->baseUrl + "/slow";
-        }
-    }
-    if (server->processes.empty()) {
-        throw std::runtime_error("nginx did not start: " + readFile(settings.work / "error.log"));
-    }
-    return server;
-}
-
-std::uint16_t unusedPort() {
-    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(probe);
-    return ntohs(address.sin_port);
 }
 
 rapidjson::Document parseJson(const std::string& text) {
@@ -266,11 +125,94 @@ rapidjson::Document parseJson(const std::string& text) {
     return document;
 }
 
-std::uint64_t largestFileBelow(const fs::path& directory) {
+ToolTest::ToolTest() {
+    std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    scratch_ = pattern;
+}
+
+ToolTest::~ToolTest() {
+    server_.reset();
+    std::error_code ignored;
+    fs::remove_all(scratch_, ignored);
+}
+
+fs::path ToolTest::servedPack(int revision, const std::string& domain) const {
+    return www() / "offline-data" / "v1" / "alice" / "packs" / "harbour" /
+           std::to_string(revision) / (domain + ".pack");
+}
+
+void ToolTest::writeSource(std::size_t mapsSize) {
+    writeFile(source() / "harbour-maps.bin", patternBytes(mapsSize, 1));
+    writeFile(source() / "harbour-navigation.bin", patternBytes(128 * 1024 + 7, 2));
+    writeFile(source() / "plain-maps.bin", patternBytes(64 * 1024, 3));
+    writeFile(
+        source() / "harbour.geojson",
+        R"({"type":"Feature","properties":{},"geometry":{"type":"Point","coordinates":[10.5,59.9]}})");
+    writeFile(source() / "regions.json", R"({"regions": {
+    "harbour": {"name": "Harbour City", "description": "Test region", "revision": 2,
+      "last_updated": "2024-03-01T10:00:00Z", "geography": "harbour.geojson", "packs": {
+        "maps": {"file": "harbour-maps.bin", "data_version": "2024.03"},
+        "navigation": "harbour-navigation.bin"}},
+    "plain": {"revision": 5, "description": "Plain\u001b[2J\r\nforged line",
+      "packs": {"maps": "plain-maps.bin"}}}})");
+}
+
+void ToolTest::publish() {
+    const RunResult result = run({"publish", source().string(), www().string(), "--user", "alice"});
+    ASSERT_EQ(result.status, 0) << result.err;
+}
+
+void ToolTest::serve(const std::vector<std::string>& options) {
+    std::vector<std::string> command{"serve", www().string(), "--access-log", accessLog().string()};
+    command.insert(command.end(), options.begin(), options.end());
+    server_ = start(command);
+    baseUrl_ = server_->announcedUrl();
+}
+
+std::vector<std::string> ToolTest::withGlobals(const std::vector<std::string>& words,
+                                               const std::string& user) const {
+    std::vector<std::string> arguments{"--storage", storage().string(), "--base-url",
+                                       baseUrl_,    "--user",           user};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    return arguments;
+}
+
+std::unique_ptr<ChildProcess> ToolTest::start(const std::vector<std::string>& arguments,
+                                              const std::vector<std::string>& environment) const {
+    return std::make_unique<ChildProcess>(arguments, scratch_ / "runs", environment);
+}
+
+RunResult ToolTest::run(const std::vector<std::string>& arguments,
+                        const std::vector<std::string>& environment,
+                        std::chrono::seconds limit) const {
+    const auto child = start(arguments, environment);
+    const auto status = child->wait(limit);
+    EXPECT_TRUE(status) << "terrane-offline did not finish within " << limit.count() << " s";
+    return RunResult{status.value_or(-1), child->out(), child->err()};
+}
+
+std::map<std::string, std::string> ToolTest::stored(const std::string& key) {
+    const RunResult result = tool({"--json", "status"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const auto listing = parseJson(result.out);
+    std::map<std::string, std::string> packs;
+    for (const auto& pack : listing.GetArray()) {
+        const auto& member = pack[key.c_str()];
+        const auto& value = member.IsObject() ? member["code"] : member;
+        packs[std::to_string(pack["revision"].GetUint()) + "/" + pack["domain"].GetString()] =
+            value.IsString() ? value.GetString() : "";
+    }
+    return packs;
+}
+
+std::uint64_t ToolTest::largestStoredFile() const {
     std::uint64_t largest = 0;
     std::error_code error;
-    for (auto entry = fs::recursive_directory_iterator(directory, error);
-         !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+    for (fs::recursive_directory_iterator entry(storage(), error), end; !error && entry != end;
+         entry.increment(error)) {
         std::error_code sizeError;
         if (entry->is_regular_file(sizeError)) {
             largest = std::max<std::uint64_t>(largest, entry->file_size(sizeError));
