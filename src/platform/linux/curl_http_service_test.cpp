@@ -1,0 +1,1010 @@
+// The Linux HTTP service against a test server on 127.0.0.1: what goes out, what comes back,
+// downloads that resume, and servers that misbehave (stall, never answer, send without end, lie
+// about lengths, flood the head, redirect where they must not) or a full disk.
+
+#include "platform/linux/curl_http_service.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "platform/linux/curl_engine.hpp"
+#include "platform/linux/curl_test_support.hpp"
+#include "platform/linux/download_transfer.hpp"
+#include "platform/linux/linux_user_agent.hpp"
+#include "platform/linux/resume_data.hpp"
+#include "terrane/http/http_service_factory.hpp"
+#include "terrane/http/request_id.hpp"
+#include "terrane/http/transfer_limits.hpp"
+#include "terrane/util/md5.hpp"
+#include "testing/http_test_server.hpp"
+#include "testing/loopback.hpp"
+#include "util/digest_cache.hpp"
+#include "util/file_descriptor.hpp"
+
+namespace terrane::common {
+namespace {
+
+namespace fs = std::filesystem;
+using test::ResponseInbox;
+using test::StatusInbox;
+using test::TestFile;
+using States = std::vector<DownloadState>;
+
+constexpr auto kPending = DownloadState::Pending;
+constexpr auto kDownloading = DownloadState::Downloading;
+constexpr auto kFinished = DownloadState::Finished;
+constexpr auto kFailed = DownloadState::Failed;
+
+// The states reported, each run of one state counted once.
+States phasesOf(const std::vector<DownloadStatus>& statuses) {
+    States states;
+    for (const auto& status : statuses) {
+        if (states.empty() || states.back() != status.state) {
+            states.push_back(status.state);
+        }
+    }
+    return states;
+}
+
+std::string bodyOf(const DownloadStatus& status) {
+    return {(*status.httpResult)->data.begin(), (*status.httpResult)->data.end()};
+}
+
+std::vector<std::string> valuesOf(const test::ReceivedRequest& request, const std::string& name) {
+    std::vector<std::string> values;
+    for (auto [at, end] = request.headers.equal_range(name); at != end; ++at) {
+        values.push_back(at->second);
+    }
+    std::sort(values.begin(), values.end());
+    return values;
+}
+
+void waitUntil(const std::function<bool()>& condition) {
+    while (!condition()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+// Short limits for the tests that wait for them; restored afterwards.
+class ScopedTransferLimits {
+  public:
+    explicit ScopedTransferLimits(TransferLimits limits) : saved_(getTransferLimits()) {
+        setTransferLimits(limits);
+    }
+    ~ScopedTransferLimits() { setTransferLimits(saved_); }
+    ScopedTransferLimits(const ScopedTransferLimits&) = delete;
+    ScopedTransferLimits& operator=(const ScopedTransferLimits&) = delete;
+
+  private:
+    TransferLimits saved_;
+};
+
+// A socket on 127.0.0.1 that listens with a full queue and never accepts: the kernel drops every
+// further connection attempt, so that connecting to it hangs.
+class UnacceptingListener {
+  public:
+    UnacceptingListener() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = test::loopbackAddress(0);
+        socklen_t length = sizeof address;
+        ::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::listen(listener_.get(), 0);
+        ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length);
+        url_ = test::loopbackUrl(ntohs(address.sin_port), "/pack");
+        for (auto& filler : fillers_) {
+            filler = base::io::FileDescriptor(
+                ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            ::connect(filler.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        }
+    }
+    const std::string& url() const { return url_; }
+
+  private:
+    base::io::FileDescriptor listener_;
+    base::io::FileDescriptor fillers_[3];
+    std::string url_;
+};
+
+// The service, a test server, and a destination in a scratch directory of its own
+// ("out/pack.bin"). The server holds "/echo", "/hold" (answered on release()) and "/r<n>": n
+// redirects, then "redirected". A target that starts with "/" is a path there, anything else a
+// URL.
+class CurlHttpServiceTest : public ::testing::Test {
+  protected:
+    CurlHttpServiceTest() {
+        fs::create_directories(scratch_.path() / "out");
+        server_.serve("/echo", TestFile{.content = "echo", .headers = {{"X-Mixed-Case", "Value"}}});
+        server_.serve("/hold", TestFile{.content = "held", .holdHead = true});
+        server_.serve("/r0", TestFile{.content = "redirected"});
+        for (int n = 1; n <= 11; ++n) {
+            server_.serve("/r" + std::to_string(n),
+                          TestFile{.status = 302, .headers = {{"Location", redirect(n - 1)}}});
+        }
+    }
+    static std::string redirect(int n) { return "/r" + std::to_string(n); }
+
+    std::string urlOf(const std::string& target) const {
+        return target.starts_with("/") ? server_.url(target) : target;
+    }
+
+    std::uint64_t start(const std::string& target, StatusInbox& inbox, bool resume = false,
+                        std::uint64_t timeout = 0, optional<std::uint64_t> maxBytes = nullopt) {
+        HttpRequest request(urlOf(target));
+        request.timeout = timeout;
+        DownloadOptions options(request, destination_, resume);
+        options.maxBytes = maxBytes;
+        return service_->download(std::move(options), inbox.callback());
+    }
+
+    DownloadStatus download(const std::string& target, bool resume = false,
+                            optional<std::uint64_t> maxBytes = nullopt) {
+        StatusInbox inbox;
+        start(target, inbox, resume, 0, maxBytes);
+        return test::waitForFinal(inbox);
+    }
+
+    HttpResponse fetch(HttpRequest request) {
+        ResponseInbox inbox;
+        service_->request(std::move(request), inbox.callback());
+        return inbox.waitFor(1);
+    }
+
+    bool cancel(std::uint64_t id) { return test::cancel(*service_, id); }
+
+    std::string part() const { return partialFilePathFor(destination_); }
+    std::string rd() const { return resumeDataPathFor(destination_); }
+
+    // The digest taken while the bytes were written, which md5File answers with.
+    optional<std::string> cachedDigest() const {
+        struct stat status {};
+        if (::stat(destination_.c_str(), &status) != 0) {
+            return nullopt;
+        }
+        return util::DigestCache::instance().find(util::FileIdentity::of(status));
+    }
+
+    // The resume data on disk covers exactly the partial file.
+    void expectResumeDataFor(std::uint64_t bytes) const {
+        EXPECT_EQ(decodeResumeData(test::readWholeFile(rd()))->bytes, bytes);
+        EXPECT_EQ(fs::file_size(part()), bytes);
+    }
+
+    // Every file below the scratch directory, by relative path.
+    std::set<std::string> files() const {
+        std::set<std::string> names;
+        for (const auto& [name, content] : test::treeContents(scratch_.path())) {
+            names.insert(name);
+        }
+        return names;
+    }
+
+    test::HttpTestServer server_;
+    test::ScratchDirectory scratch_;
+    std::string destination_ = (scratch_.path() / "out" / "pack.bin").string();
+    std::shared_ptr<CurlHttpService> service_ = std::make_shared<CurlHttpService>();
+};
+
+TEST_F(CurlHttpServiceTest, AnswersOfAnyStatusArriveDecodedWithLowerCasedHeaders) {
+    EXPECT_FALSE(service_->supportsKeepCompression());
+    const std::string gzip = test::gzipEncode("decoded body");
+    server_.serve("/gzip", TestFile{.content = gzip, .headers = {{"Content-Encoding", "gzip"}}});
+    server_.serve("/401", TestFile{.content = "denied", .status = 401});
+    const struct {
+        std::string path;
+        int code;
+        std::string body;
+    } rows[] = {
+        {"/echo", 200, "echo"},
+        {"/401", 401, "denied"},
+        {redirect(10), 200, "redirected"},  // ten redirects are followed
+        {"/gzip", 200, "decoded body"},
+    };
+    std::uint64_t previous = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        HttpRequest request(server_.url(row.path));
+        request.keepCompression = true;  // ignored
+        ResponseInbox inbox;
+        const auto id = service_->request(HttpRequest(request), inbox.callback());
+        EXPECT_TRUE(previous == 0 || id == previous + 1);  // requests and downloads count on
+        previous = id;
+        const auto response = inbox.waitFor(1);
+        EXPECT_NE(inbox.threads().front(), std::this_thread::get_id());
+        EXPECT_EQ(response.request.url, request.url);
+        ASSERT_TRUE(response.result.has_value());
+        EXPECT_EQ(response.result->code, row.code);
+        EXPECT_EQ(test::bodyText(response), row.body);
+        for (const auto& [name, value] : response.result->headers) {
+            EXPECT_TRUE(std::none_of(name.begin(), name.end(), ::isupper)) << name;
+        }
+        EXPECT_FALSE(response.result->headers.contains("location"));
+    }
+    EXPECT_EQ(fetch(HttpRequest(server_.url("/echo"))).result->headers.at("x-mixed-case"), "Value");
+    StatusInbox statuses;
+    EXPECT_EQ(service_->download(DownloadOptions(HttpRequest(server_.url("/echo")), "/no-dir/x"),
+                                 statuses.callback()),
+              previous + 2);
+    test::waitForFinal(statuses);
+}
+
+TEST_F(CurlHttpServiceTest, MethodBodyAndHeadersGoOutAsAsked) {
+    UAComponents app;
+    app.appNameComponent = "Atlas";
+    app.appVersionComponent = "2.1";
+    const std::string generated = linuxUserAgent(app);
+    // Large enough that libcurl would ask the server to confirm it with Expect, unless told to.
+    const std::string body(2 * 1024 * 1024, 'b');
+    using Values = std::vector<std::string>;
+    const struct {
+        HttpMethod method;
+        HttpHeaders headers;
+        std::string sent;
+        // Only the exact key "User-Agent" suppresses the generated one, and not when empty.
+        Values agents;
+    } rows[] = {
+        {HttpMethod::Post,
+         {{"content-type", "application/json"}, {"x-token", "secret"}, {"x-other", "a, b"}},
+         "POST",
+         {generated}},
+        {HttpMethod::Post,
+         {{"content-type", "text/plain"}, {"expect", "100-continue"}},
+         "POST",
+         {generated}},
+        {HttpMethod::Head, {{"User-Agent", "mine/1"}}, "HEAD", {"mine/1"}},
+        {HttpMethod::Get, {{"User-Agent", ""}}, "GET", {generated}},
+        {HttpMethod::Get, {{"user-agent", "mine/2"}}, "GET", {generated, "mine/2"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.sent);
+        HttpRequest request(server_.url("/echo"), row.headers, app);
+        request.method = row.method;
+        request.body.assign(body.begin(), body.end());  // sent by POST only
+        const auto response = fetch(request);
+        EXPECT_EQ(response.result->code, 200);
+        EXPECT_EQ(test::bodyText(response), row.method == HttpMethod::Head ? "" : "echo");
+        const auto received = server_.requestsFor("/echo").back();
+        EXPECT_EQ(received.method, row.sent);
+        EXPECT_TRUE(received.body == (row.method == HttpMethod::Post ? body : ""));
+        // A server that ignores Expect must not cost a round of waiting.
+        EXPECT_EQ(received.header("expect"),
+                  row.headers.contains("expect") ? optional<std::string>("100-continue") : nullopt);
+        EXPECT_EQ(valuesOf(received, "user-agent"), row.agents);
+        for (const auto& [name, value] : row.headers) {
+            if (name != "User-Agent" && name != "user-agent") {
+                EXPECT_EQ(received.header(name), value);
+            }
+        }
+    }
+}
+
+TEST_F(CurlHttpServiceTest, FailuresCarryTheirKindAndCurlsText) {
+    server_.serve("/drop", TestFile{.content = test::testContent(64 * 1024),
+                                    .dropAfter = 16 * 1024,
+                                    .faultyResponses = 1 << 30});
+    const std::string port = std::to_string(server_.port());
+    const struct {
+        std::string url;
+        std::uint64_t timeout;
+        HttpRequestErrorType type;
+        const char* messagePart;
+    } rows[] = {
+        {test::loopbackUrl(test::freeLoopbackPort(), "/"), 0, HttpRequestErrorType::ConnectionError,
+         "127.0.0.1"},
+        {"https://127.0.0.1:" + port + "/echo", 0, HttpRequestErrorType::SSLError, ""},
+        {server_.url("/drop"), 0, HttpRequestErrorType::ConnectionError, ""},
+        {server_.url("/hold"), 1, HttpRequestErrorType::RequestTimedOut, ""},
+        {server_.url(redirect(11)), 0, HttpRequestErrorType::OtherError, "redirect"},
+        // Only http and https are fetched.
+        {"file:///etc/hostname", 0, HttpRequestErrorType::OtherError, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.url);
+        HttpRequest request(row.url);
+        request.timeout = row.timeout;
+        const auto response = fetch(request);
+        ASSERT_FALSE(response.result.has_value());
+        EXPECT_EQ(response.result.error().type, row.type);
+        EXPECT_NE(response.result.error().message.find(row.messagePart), std::string::npos)
+            << response.result.error().message;
+    }
+}
+
+TEST_F(CurlHttpServiceTest, ACancelFromACallbackIsAnsweredBeforeItReturns) {
+    ResponseInbox held;
+    const auto heldId = service_->request(HttpRequest(server_.url("/hold")), held.callback());
+    waitUntil([&] { return server_.heldNow() == 1; });
+    ResponseInbox outer;
+    ResponseInbox started;
+    bool answeredInside = false;
+    bool answer = false;
+    service_->request(HttpRequest(server_.url("/echo")), [&](HttpResponse&& response) {
+        service_->cancelRequest(heldId, [&](bool result) {
+            // The answer comes first, then the request's own callback.
+            EXPECT_TRUE(held.items().empty());
+            answeredInside = true;
+            answer = result;
+        });
+        // Read on the engine thread right after the call: the answer must be in already.
+        const bool inside = answeredInside;
+        // A request started from a callback runs too.
+        service_->request(HttpRequest(server_.url("/missing")), started.callback());
+        outer.callback()(std::move(response));
+        EXPECT_TRUE(inside);
+    });
+    outer.waitFor(1);
+    EXPECT_TRUE(answer);
+    EXPECT_EQ(held.waitFor(1).result.error().type, HttpRequestErrorType::RequestCancelled);
+    EXPECT_EQ(started.waitFor(1).result->code, 404);
+
+    // A finished request, like an unknown one, names nothing any more; the answer comes from the
+    // engine thread.
+    for (const auto id : {heldId, nextHttpRequestId() + 1000}) {
+        test::AnswerInbox answers;
+        service_->cancelRequest(id, answers.callback());
+        EXPECT_FALSE(answers.waitFor(1));
+        EXPECT_NE(answers.threads().front(), std::this_thread::get_id());
+    }
+    server_.release();
+}
+
+TEST_F(CurlHttpServiceTest, ConnectionsPerHostAreCappedForTransfersStartedAfterwards) {
+    const struct {
+        optional<std::uint8_t> cap;
+        int requests;
+        int expected;
+    } rows[] = {{nullopt, 10, 8}, {2, 5, 2}};
+    for (const auto& row : rows) {
+        test::HttpTestServer server;
+        server.serve("/hold", TestFile{.content = "held", .holdHead = true});
+        const auto service = std::make_shared<CurlHttpService>();
+        if (row.cap) {
+            service->setMaxRequestsPerHost(*row.cap);
+        }
+        ResponseInbox inbox;
+        for (int index = 0; index < row.requests; ++index) {
+            service->request(HttpRequest(server.url("/hold")), inbox.callback());
+        }
+        waitUntil([&] { return server.heldNow() == row.expected; });
+        // Room for connections beyond the cap to show up, if the cap did not hold.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_EQ(server.heldAtMost(), row.expected);
+        // Released batch by batch, the waiting ones go through in turn.
+        while (inbox.items().size() < static_cast<std::size_t>(row.requests)) {
+            server.release();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        for (const auto& response : inbox.items()) {
+            EXPECT_EQ(test::bodyText(response), "held");
+        }
+    }
+}
+
+// Engine threads of this process, told apart by their name: a count of all threads would also
+// see the ones a sanitizer's runtime starts on its own.
+std::size_t engineThreads() {
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
+        count += test::readWholeFile(entry.path() / "comm") ==
+                 std::string(CurlEngine::threadName) + "\n";
+    }
+    return count;
+}
+
+TEST(CurlHttpServiceLifetimeTest, TheDefaultCurlServicesEngineLivesExactlyAsLongAsTheService) {
+    HttpServiceFactory::setUserDefined(nullptr);
+    const std::size_t before = engineThreads();
+    std::weak_ptr<HttpServiceInterface> old;
+    {
+        const auto service = HttpServiceFactory::getInstance();
+        ASSERT_TRUE(service && *service);
+        EXPECT_NE(dynamic_cast<CurlHttpService*>(service->get()), nullptr);
+        EXPECT_EQ(*HttpServiceFactory::getInstance(), *service);
+        old = *service;
+        EXPECT_EQ(engineThreads(), before + 1);
+    }
+    EXPECT_TRUE(old.expired());
+    EXPECT_EQ(engineThreads(), before);
+    // A later caller gets a new service with a new engine, and it works.
+    auto again = HttpServiceFactory::getInstance();
+    EXPECT_EQ(engineThreads(), before + 1);
+    EXPECT_FALSE(test::cancel(**again, 0));
+}
+
+TEST_F(CurlHttpServiceTest, AFreshDownloadReportsPendingDownloadingThenFinished) {
+    const std::string content = test::testContent(3 * 1024 * 1024);
+    server_.serve("/pack",
+                  TestFile{.content = content, .headers = {{"Cache-Control", "max-age=3600"}}});
+    StatusInbox inbox;
+    const auto id = start("/pack", inbox);
+    const auto final = test::waitForFinal(inbox);
+    EXPECT_FALSE(cancel(id));  // finished
+    service_.reset();
+
+    EXPECT_EQ(phasesOf(inbox.items()), (States{kPending, kDownloading, kFinished}));
+    EXPECT_EQ(inbox.items()[1].receivedBytes, 0u);
+    EXPECT_EQ(final.downloadId, id);
+    EXPECT_EQ(final.error, nullopt);
+    EXPECT_EQ(final.receivedBytes, content.size());
+    EXPECT_EQ(final.totalBytes, final.receivedBytes);
+    EXPECT_EQ(final.downloadOptions.localPath, destination_);
+    EXPECT_EQ(final.downloadOptions.request.url, server_.url("/pack"));
+    const auto& head = **final.httpResult;
+    EXPECT_EQ(std::tuple(head.code, head.headers.at("etag"), head.headers.at("cache-control")),
+              std::tuple(200, "\"v1\"", "max-age=3600"));
+    EXPECT_TRUE(head.data.empty());
+    for (const auto thread : inbox.threads()) {
+        EXPECT_NE(thread, std::this_thread::get_id());
+    }
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));
+    EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
+}
+
+TEST_F(CurlHttpServiceTest, AnAnswerReplacesTheDestinationOnlyWhenItIsTheFile) {
+    const std::string large = test::testContent(1024 * 1024);
+    const std::string packed = test::gzipEncode("decoded pack");
+    server_.serve("/pack", TestFile{.content = "new"});
+    server_.serve("/packed",
+                  TestFile{.content = packed, .headers = {{"Content-Encoding", "gzip"}}});
+    server_.serve("/404", TestFile{.content = "missing", .status = 404});
+    server_.serve("/broken", TestFile{.content = large, .status = 500});
+    const struct {
+        std::string path;
+        int code;
+        std::string destination;  // "previous" stays for an error status
+        std::string body;         // kept for an error status, at most kMaxErrorBody bytes
+    } rows[] = {
+        {"/pack", 200, "new", ""},
+        {"/packed", 200, "decoded pack", ""},
+        {redirect(3), 200, "redirected", ""},
+        {"/404", 404, "previous", "missing"},
+        {"/broken", 500, "previous", large.substr(0, DownloadTransfer::kMaxErrorBody)},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        test::writeWholeFile(destination_, "previous");
+        const auto final = download(row.path);
+        EXPECT_EQ(final.state, kFinished);
+        EXPECT_EQ(final.error, nullopt);
+        ASSERT_TRUE(final.httpResult && final.httpResult->has_value());
+        EXPECT_EQ((*final.httpResult)->code, row.code);
+        EXPECT_EQ(bodyOf(final), row.body);
+        // What was kept, the file or the error body, is all there was.
+        const auto kept = row.code == 200 ? row.destination.size() : row.body.size();
+        EXPECT_EQ(final.totalBytes, kept);
+        EXPECT_EQ(final.receivedBytes, kept);
+        EXPECT_EQ(test::readWholeFile(destination_), row.destination);
+        EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
+    }
+}
+
+TEST_F(CurlHttpServiceTest, AnUnwritableDestinationIsAFileSystemError) {
+    server_.serve("/pack", TestFile{.content = "whole", .etag = ""});
+    test::writeWholeFile(scratch_.path() / "plain", "x");
+    fs::create_directories(scratch_.path() / "occupied" / "inside");
+    const auto missing = (scratch_.path() / "missing" / "pack.zip").string();
+    const auto plain = (scratch_.path() / "plain" / "pack.zip").string();
+    const struct {
+        std::string destination;
+        std::string message;
+        States states;  // the server is asked only when Downloading comes
+    } rows[] = {
+        {missing, missing + " is not writable.", {kPending, kFailed}},
+        {plain, plain + " is not writable.", {kPending, kFailed}},
+        // The rename at the end fails; without validators nothing is kept to resume.
+        {(scratch_.path() / "occupied").string(),
+         "Is a directory",
+         {kPending, kDownloading, kFailed}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.destination);
+        destination_ = row.destination;
+        const auto before = server_.requestsFor("/pack").size();
+        StatusInbox inbox;
+        start("/pack", inbox);
+        const auto final = test::waitForFinal(inbox);
+        EXPECT_EQ(final.error, (DownloadError{DownloadErrorCode::FileSystemError, row.message}));
+        EXPECT_EQ(phasesOf(inbox.items()), row.states);
+        EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.states.size() - 2);
+        EXPECT_FALSE(fs::exists(part()));
+    }
+}
+
+TEST_F(CurlHttpServiceTest, CancellingAfterTheHeadStoresResumeDataAndResumeAppends) {
+    const std::string content = test::testContent(512 * 1024, 3);
+    const std::string date = "Tue, 01 Oct 2024 10:00:00 GMT";
+    server_.serve("/pack",
+                  TestFile{.content = content, .lastModified = date, .stallAfter = 200 * 1024});
+    StatusInbox first;
+    const auto id = start("/pack", first);
+    test::waitForBytes(first, 200 * 1024);
+    // Written as soon as the head of a resumable answer arrived.
+    ASSERT_TRUE(fs::exists(rd()));
+    EXPECT_TRUE(cancel(id));
+    server_.release();
+    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())),
+              (ResumeData{server_.url("/pack"), part(), 200 * 1024, "\"v1\"", date}));
+    EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
+    EXPECT_EQ(fs::file_size(part()), 200u * 1024);
+
+    StatusInbox second;
+    start("/pack", second, true);
+    const auto final = test::waitForFinal(second);
+    service_.reset();
+    // A resumed download reports Downloading once the server has answered, from where it was.
+    const auto resumed = second.items()[1];
+    EXPECT_EQ(std::tuple(resumed.state, resumed.receivedBytes, resumed.totalBytes),
+              std::tuple(kDownloading, 200u * 1024, optional<std::uint64_t>(content.size())));
+    EXPECT_EQ(final.state, kFinished);
+    EXPECT_EQ(final.receivedBytes, content.size());
+    EXPECT_EQ((*final.httpResult)->code, 206);
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));  // the bytes from before included
+    EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
+    // The first download's callback heard nothing after the cancellation.
+    EXPECT_NE(first.items().back().state, kFinished);
+    const auto request = server_.requestsFor("/pack").back();
+    EXPECT_EQ(request.header("range"), "bytes=204800-");
+    EXPECT_EQ(request.header("if-range"), "\"v1\"");
+}
+
+TEST_F(CurlHttpServiceTest, StoredResumeDataIsUsedOnlyForTheSameFile) {
+    const std::string content = test::testContent(64 * 1024, 9);
+    const std::string older = test::testContent(64 * 1024, 8);
+    const struct {
+        const char* name;
+        const char* etag;  // of the file on the server
+        int status;
+        // The stored data, by path, bytes and partial file; no data when the path is empty.
+        const char* storedPath;
+        std::uint64_t storedBytes;
+        std::string partial;
+        std::vector<optional<std::string>> ranges;  // of the requests sent
+        int code;
+        std::int64_t firstReported;  // bytes of the first Downloading report; -1 for any
+        bool resumeDataKept;
+    } rows[] = {
+        {"the same file",
+         "\"v1\"",
+         200,
+         "/pack",
+         40000,
+         content.substr(0, 40000),
+         {"bytes=40000-"},
+         206,
+         40000,
+         false},
+        // As after a kill: the data was stored when the head came, the partial file grew later.
+        {"bytes written after the data was stored",
+         "\"v1\"",
+         200,
+         "/pack",
+         0,
+         content.substr(0, 40000),
+         {"bytes=40000-"},
+         206,
+         40000,
+         false},
+        {"a changed file",
+         "\"v2\"",
+         200,
+         "/pack",
+         1000,
+         older.substr(0, 1000),
+         {"bytes=1000-"},
+         200,
+         0,
+         false},
+        {"a shorter file under the same tag",
+         "\"v1\"",
+         200,
+         "/pack",
+         older.size() + 10,
+         older + "0123456789",
+         {"bytes=65546-", nullopt},
+         200,
+         0,
+         false},
+        {"data of another URL", "", 200, "/other", 7, "partial", {nullopt}, 200, 0, true},
+        {"no data", "\"v1\"", 200, "", 0, "", {nullopt}, 200, 0, false},
+        // The partial file is untouched, so the data is put back for a later attempt.
+        {"a refusal", "\"v1\"", 503, "/pack", 7, "partial", {"bytes=7-"}, 503, -1, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string prefix = "/" + std::to_string(&row - rows);
+        const std::string path = prefix + "/pack";
+        server_.serve(path, TestFile{.content = content, .status = row.status, .etag = row.etag});
+        const ResumeData stored{server_.url(prefix + row.storedPath), part(), row.storedBytes,
+                                "\"v1\"", ""};
+        if (*row.storedPath != '\0') {
+            test::writeWholeFile(part(), row.partial);
+            ASSERT_TRUE(storeResumeData(destination_, stored));
+        }
+        StatusInbox inbox;
+        start(path, inbox, true);
+        const auto final = test::waitForFinal(inbox);
+        EXPECT_EQ((*final.httpResult)->code, row.code);
+        if (row.firstReported >= 0) {
+            EXPECT_EQ(inbox.items()[1].state, kDownloading);
+            EXPECT_EQ(inbox.items()[1].receivedBytes,
+                      static_cast<std::uint64_t>(row.firstReported));
+        }
+        std::vector<optional<std::string>> ranges;
+        for (const auto& request : server_.requestsFor(path)) {
+            ranges.push_back(request.header("range"));
+            EXPECT_EQ(request.header("if-range"),
+                      request.header("range") ? optional<std::string>("\"v1\"") : nullopt);
+        }
+        EXPECT_EQ(ranges, row.ranges);
+        if (row.code == 503) {
+            EXPECT_EQ(test::readWholeFile(part()), row.partial);
+        } else {
+            EXPECT_EQ(test::readWholeFile(destination_), content);
+            EXPECT_EQ(cachedDigest(), util::md5String(content));
+        }
+        if (row.resumeDataKept) {
+            EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())), stored);
+        } else {
+            EXPECT_FALSE(fs::exists(rd()));
+        }
+        fs::remove(destination_);
+        fs::remove(part());
+        fs::remove(rd());
+    }
+}
+
+TEST_F(CurlHttpServiceTest, CancellingBeforeAnyBytesStoresNothingAndAnswersFalse) {
+    StatusInbox inbox;
+    const auto id = start("/hold", inbox);
+    waitUntil([&] { return server_.heldNow() == 1; });
+    EXPECT_FALSE(cancel(id));
+    EXPECT_FALSE(cancel(nextHttpRequestId() + 100));
+    service_.reset();
+    EXPECT_EQ(phasesOf(inbox.items()), (States{kPending, kDownloading}));
+    EXPECT_EQ(files(), std::set<std::string>{});
+}
+
+TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReports) {
+    server_.serve("/pack",
+                  TestFile{.content = test::testContent(128 * 1024), .stallAfter = 64 * 1024});
+    StatusInbox inbox;
+    test::AnswerInbox answers;
+    std::atomic<std::uint64_t> id{0};
+    bool cancelled = false;  // engine thread only
+    auto record = inbox.callback();
+    CurlHttpService* service = service_.get();
+    id = service->download(DownloadOptions(HttpRequest(server_.url("/pack")), destination_),
+                           [&](DownloadStatus&& status) {
+                               const bool progressed = status.receivedBytes > 0;
+                               record(std::move(status));
+                               if (progressed && !cancelled) {
+                                   cancelled = true;
+                                   service->cancelRequest(id, answers.callback());
+                                   // Answered before the call returned.
+                                   EXPECT_EQ(answers.items().size(), 1u);
+                               }
+                           });
+    EXPECT_TRUE(answers.waitFor(1));
+    server_.release();
+    service_.reset();
+    const auto last = inbox.items().back();
+    EXPECT_FALSE(isFinal(last.state));
+    EXPECT_GT(last.receivedBytes, 0u);
+    expectResumeDataFor(fs::file_size(part()));
+}
+
+TEST_F(CurlHttpServiceTest, TimeoutsKeepWhatArrivedWhileTheEngineServesOthers) {
+    server_.serve("/stall", TestFile{.content = test::testContent(64 * 1024),
+                                     .stallAfter = 16 * 1024,
+                                     .faultyResponses = 1 << 30});
+    StatusInbox noHead;
+    start("/hold", noHead, false, 2);
+    EXPECT_EQ(fetch(HttpRequest(server_.url("/echo"))).result->code, 200);
+    EXPECT_TRUE(noHead.items().empty() || !isFinal(noHead.items().back().state));
+    const auto final = test::waitForFinal(noHead);
+    const auto timedOut = DownloadError{DownloadErrorCode::NetworkError, "Request timed out."};
+    EXPECT_EQ(final.error, timedOut);
+    EXPECT_EQ(*final.httpResult,
+              HttpResult(unexpected(
+                  HttpRequestError{HttpRequestErrorType::RequestTimedOut, "Request timed out."})));
+    EXPECT_EQ(files(), std::set<std::string>{});
+
+    StatusInbox stalled;
+    start("/stall", stalled, false, 1);
+    const auto cut = test::waitForFinal(stalled);
+    server_.release();
+    EXPECT_EQ(cut.error, timedOut);
+    EXPECT_EQ(cut.receivedBytes, 16u * 1024);
+    expectResumeDataFor(16 * 1024);
+}
+
+TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndKeepsResumeData) {
+    server_.serve("/pack",
+                  TestFile{.content = test::testContent(64 * 1024), .stallAfter = 32 * 1024});
+    std::atomic<int> calls{0};
+    for (int index = 0; index < 3; ++index) {
+        service_->request(HttpRequest(server_.url("/hold")), [&](HttpResponse&&) { ++calls; });
+    }
+    StatusInbox inbox;
+    start("/pack", inbox);
+    test::waitForBytes(inbox, 32 * 1024);
+    waitUntil([&] { return server_.heldNow() == 3; });
+    const auto reports = inbox.items().size();
+    service_.reset();  // joins the engine thread
+    server_.release();
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(inbox.items().size(), reports);
+    expectResumeDataFor(32 * 1024);
+}
+
+TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehind) {
+    const UnacceptingListener unaccepting;
+    TestFile manyLines{.content = "huge"};
+    for (int line = 0; line < 5000; ++line) {
+        manyLines.headers.emplace_back("X-Padding-" + std::to_string(line), std::string(100, 'p'));
+    }
+    const auto always = 1 << 30;
+    const auto timedOut = HttpRequestErrorType::RequestTimedOut;
+    const auto connection = HttpRequestErrorType::ConnectionError;
+    const auto other = HttpRequestErrorType::OtherError;
+    const auto network = DownloadErrorCode::NetworkError;
+    const auto tooLarge = DownloadErrorCode::SizeExceeded;
+    const std::string kilobytes64 = test::testContent(64 * 1024);
+    struct Row {
+        const char* name;
+        std::string target;  // a path served the file, or a URL
+        TestFile file;
+        HttpRequestErrorType requestError;
+        std::string requestMessagePart;
+        DownloadErrorCode downloadError;
+        std::string downloadMessagePart;
+        // The partial file and its resume data stay for a later resume.
+        bool keepsPartial;
+    };
+    const Row rows[] = {
+        {"head and 16 KiB, then silence", "/stall",
+         TestFile{.content = kilobytes64, .stallAfter = 16 * 1024, .faultyResponses = always},
+         timedOut, "too slow", network, "Request timed out.", true},
+        {"connection accepted, never answered",
+         "/hold",
+         {},
+         timedOut,
+         "too slow",
+         network,
+         "Request timed out.",
+         false},
+        {"connection never accepted",
+         unaccepting.url(),
+         {},
+         timedOut,
+         "Failed to connect",
+         network,
+         "Request timed out.",
+         false},
+        {"a body without a length beyond the cap", "/endless",
+         TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true}, other,
+         "Response body too large.", tooLarge, "limit of 1048576 bytes", false},
+        {"a length beyond the cap", "/beyond",
+         TestFile{.content = "x", .announcedLength = std::size_t{1} << 30}, connection, "",
+         tooLarge, "limit of 1048576 bytes", false},
+        {"a length longer than the body", "/longer",
+         TestFile{.content = test::testContent(32 * 1024),
+                  .headers = {{"Content-Encoding", "identity"}},
+                  .announcedLength = 64 * 1024},
+         connection, "bytes remaining", network, "bytes remaining", true},
+        // Decoded bytes have no place in the server's ranges: nothing is kept to resume.
+        {"a compressed body cut off", "/gzip",
+         TestFile{.content = test::gzipEncode(kilobytes64),
+                  .headers = {{"Content-Encoding", "gzip"}},
+                  .dropAfter = 16 * 1024,
+                  .faultyResponses = always},
+         connection, "", network, "", false},
+        {"a 4 MiB header", "/huge",
+         TestFile{.headers = {{"X-Padding", std::string(4 * 1024 * 1024, 'p')}}}, other,
+         "Response header too large.", network, "Response header too large.", false},
+        {"5000 header lines", "/lines", manyLines, other, "Response header too large.", network,
+         "Response header too large.", false},
+        {"a redirect to file:", "/to-file",
+         TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}}, other, "file",
+         network, "file", false},
+        {"a redirect loop", "/loop", TestFile{.status = 302, .headers = {{"Location", "/loop"}}},
+         other, "redirects", network, "redirects", false},
+    };
+    // The first rows stall, so a short window finds them quickly; the others must not depend on
+    // the speed of a loaded (or sanitized) machine sending a huge head.
+    constexpr std::ptrdiff_t kStallingRows = 3;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const bool isPath = row.target.starts_with("/");
+        if (isPath && row.target != "/hold") {
+            server_.serve(row.target, row.file);
+        }
+        const ScopedTransferLimits limits(TransferLimits{
+            .connectTimeout = std::chrono::seconds(1),
+            .lowSpeedBytesPerSecond = 1,
+            .lowSpeedTime = std::chrono::seconds(&row - rows < kStallingRows ? 1 : 60),
+            .maxResponseBytes = 1024 * 1024,
+        });
+        // Both at once: a stall takes a few seconds to be recognised.
+        ResponseInbox responses;
+        service_->request(HttpRequest(urlOf(row.target)), responses.callback());
+        const auto final = download(row.target, false, 1024 * 1024);
+        const auto response = responses.waitFor(1);
+        ASSERT_FALSE(response.result.has_value());
+        EXPECT_EQ(response.result.error().type, row.requestError);
+        EXPECT_NE(response.result.error().message.find(row.requestMessagePart), std::string::npos)
+            << response.result.error().message;
+        ASSERT_EQ(final.state, kFailed);
+        EXPECT_EQ(final.error->code, row.downloadError);
+        EXPECT_NE(final.error->message.find(row.downloadMessagePart), std::string::npos)
+            << final.error->message;
+        if (row.keepsPartial) {
+            EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
+            expectResumeDataFor(fs::file_size(part()));
+        } else {
+            EXPECT_EQ(files(), std::set<std::string>{});
+        }
+        fs::remove(part());
+        fs::remove(rd());
+    }
+}
+
+TEST_F(CurlHttpServiceTest, TheSizeCapCountsWhatIsAnnouncedAndWhatIsAlreadyHeld) {
+    const std::string content = test::testContent(100 * 1024);
+    server_.serve("/pack", TestFile{.content = content});
+    const struct {
+        const char* name;
+        std::uint64_t cap;
+        std::size_t heldBytes;  // a partial file with resume data from an earlier attempt
+        std::size_t requests;
+    } rows[] = {
+        {"exactly the cap", content.size(), 0, 1},
+        {"one byte beyond the cap", content.size() - 1, 0, 1},
+        {"a resumed range whose total is beyond the cap", content.size() - 1, 50 * 1024, 1},
+        {"more held already than the cap", 80 * 1024, 90 * 1024, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        if (row.heldBytes > 0) {
+            test::writeWholeFile(part(), content.substr(0, row.heldBytes));
+            ASSERT_TRUE(storeResumeData(destination_, ResumeData{server_.url("/pack"), part(),
+                                                                 row.heldBytes, "\"v1\"", ""}));
+        }
+        const auto before = server_.requestsFor("/pack").size();
+        const auto final = download("/pack", true, row.cap);
+        EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.requests);
+        if (row.cap == content.size()) {
+            EXPECT_EQ(final.state, kFinished);
+            EXPECT_EQ(test::readWholeFile(destination_), content);
+            fs::remove(destination_);
+        } else {
+            EXPECT_EQ(final.error, (DownloadError{DownloadErrorCode::SizeExceeded,
+                                                  "Download exceeds the limit of " +
+                                                      std::to_string(row.cap) + " bytes."}));
+        }
+        EXPECT_EQ(files(), std::set<std::string>{});
+    }
+}
+
+TEST_F(CurlHttpServiceTest, DownloadsAskForTheIdentityEncodingAndRequestsForAnyUnlessTold) {
+    const struct {
+        const char* name;
+        bool isDownload;
+        HttpHeaders headers;
+        // The one Accept-Encoding value the server must see; libcurl's own list when empty.
+        std::string expected;
+    } rows[] = {
+        {"a plain request", false, {}, ""},
+        {"a plain request naming its own", false, {{"Accept-Encoding", "identity"}}, "identity"},
+        {"a download", true, {}, "identity"},
+        {"a download whose caller asks for gzip", true, {{"accept-encoding", "gzip"}}, "identity"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        HttpRequest request(server_.url("/echo"), row.headers);
+        if (row.isDownload) {
+            StatusInbox inbox;
+            service_->download(DownloadOptions(request, destination_), inbox.callback());
+            test::waitForFinal(inbox);
+        } else {
+            fetch(request);
+        }
+        const auto values = valuesOf(server_.requestsFor("/echo").back(), "accept-encoding");
+        ASSERT_EQ(values.size(), 1u);
+        if (row.expected.empty()) {
+            for (const char* encoding : {"gzip", "deflate", "br"}) {
+                EXPECT_NE(values[0].find(encoding), std::string::npos) << values[0];
+            }
+        } else {
+            EXPECT_EQ(values[0], row.expected);
+        }
+    }
+}
+
+TEST_F(CurlHttpServiceTest, ADroppedDownloadReportsSparselyKeepsNoTokenAndResumesWithANewOne) {
+    const std::string content = test::testContent(256 * 1024, 21);
+    server_.serve("/pack", TestFile{.content = content, .stallAfter = 128 * 1024});
+    const auto urlWith = [&](const std::string& token) {
+        return server_.url("/pack?region=harbour&access_token=" + token);
+    };
+    const auto expectNoToken = [&](const std::string& token) {
+        for (const auto& [name, bytes] : test::treeContents(scratch_.path())) {
+            EXPECT_EQ(bytes.find(token), std::string::npos) << name;
+        }
+    };
+    StatusInbox inbox;
+    start(urlWith("first-secret"), inbox);
+    test::waitForBytes(inbox, 128 * 1024);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    server_.release();  // the answer breaks off
+    EXPECT_EQ(test::waitForFinal(inbox).error->code, DownloadErrorCode::NetworkError);
+    // Pending and the first Downloading come together; progress after that is coalesced.
+    const auto times = inbox.times();
+    for (std::size_t index = 2; index + 1 < times.size(); ++index) {
+        EXPECT_GE(times[index] - times[index - 1],
+                  DownloadTransfer::kProgressInterval - std::chrono::milliseconds(1))
+            << "report " << index;
+    }
+    expectResumeDataFor(128 * 1024);
+    expectNoToken("first-secret");
+    for (const auto& path : {part(), rd()}) {
+        EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write)
+            << path;
+    }
+    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd()))->url,
+              server_.url("/pack?region=harbour"));
+
+    const auto final = download(urlWith("second-secret"), true);
+    ASSERT_EQ(final.state, kFinished);
+    EXPECT_EQ((**final.httpResult).code, 206);
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=131072-");
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    expectNoToken("second-secret");
+}
+
+TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes) {
+    // A small file system of its own, in a mount namespace of this thread (and of the engine
+    // thread, which it starts afterwards): the rest of the machine never sees it.
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "no mount namespace here: " << std::strerror(errno);
+    }
+    const fs::path disk = scratch_.path() / "out";
+    if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=128k,mode=0700") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    }
+    // The engine thread must start in the new namespace.
+    service_ = std::make_shared<CurlHttpService>();
+    const std::string content = test::testContent(1024 * 1024, 22);
+    server_.serve("/pack", TestFile{.content = content});
+
+    EXPECT_EQ(download("/pack").error,
+              (DownloadError{DownloadErrorCode::FileSystemError, "No space left on device"}));
+    const auto kept = fs::file_size(part());
+    EXPECT_GT(kept, 0u);
+    ASSERT_TRUE(loadResumeData(DownloadOptions(HttpRequest(server_.url("/pack")), destination_)));
+
+    ASSERT_EQ(::mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT, "size=4m,mode=0700"), 0)
+        << std::strerror(errno);
+    EXPECT_EQ(download("/pack", true).state, kFinished);
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"),
+              "bytes=" + std::to_string(kept) + "-");
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    service_.reset();
+    ::umount2(disk.c_str(), MNT_DETACH);
+}
+
+}  // namespace
+}  // namespace terrane::common
