@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <ranges>
 #include <set>
 #include <thread>
 
@@ -76,20 +77,6 @@ void waitUntil(const std::function<bool()>& condition) {
     }
 }
 
-// Short limits for the tests that wait for them; restored afterwards.
-class ScopedTransferLimits {
-  public:
-    explicit ScopedTransferLimits(TransferLimits limits) : saved_(getTransferLimits()) {
-        setTransferLimits(limits);
-    }
-    ~ScopedTransferLimits() { setTransferLimits(saved_); }
-    ScopedTransferLimits(const ScopedTransferLimits&) = delete;
-    ScopedTransferLimits& operator=(const ScopedTransferLimits&) = delete;
-
-  private:
-    TransferLimits saved_;
-};
-
 // A socket on 127.0.0.1 that listens with a full queue and never accepts: the kernel drops every
 // further connection attempt, so that connecting to it hangs.
 class UnacceptingListener {
@@ -131,6 +118,7 @@ class CurlHttpServiceTest : public ::testing::Test {
                           TestFile{.status = 302, .headers = {{"Location", redirect(n - 1)}}});
         }
     }
+    ~CurlHttpServiceTest() override { setTransferLimits(TransferLimits{}); }
     static std::string redirect(int n) { return "/r" + std::to_string(n); }
 
     std::string urlOf(const std::string& target) const {
@@ -186,6 +174,38 @@ class CurlHttpServiceTest : public ::testing::Test {
             names.insert(name);
         }
         return names;
+    }
+
+    // A download of the path that resumes whatever is stored, in one line: how it ended, the
+    // bytes of its first Downloading report, the range of each request, and the files left.
+    std::pair<std::string, DownloadStatus> describe(const std::string& path,
+                                                    optional<std::uint64_t> maxBytes) {
+        const auto before = server_.requestsFor(path).size();
+        StatusInbox inbox;
+        start(path, inbox, true, 0, maxBytes);
+        const auto final = test::waitForFinal(inbox);
+        const char* codes[] = {"FileSystemError", "NetworkError", "SizeExceeded"};
+        std::string text = final.error ? std::string("Failed ") +
+                                             codes[static_cast<int>(final.error->code)] + ": " +
+                                             final.error->message
+                                       : "Finished " + std::to_string((*final.httpResult)->code) +
+                                             " " + std::to_string(final.receivedBytes) + "/" +
+                                             std::to_string(final.totalBytes.value_or(0));
+        for (const auto& status : inbox.items()) {
+            if (status.state == kDownloading) {
+                text += " from " + std::to_string(status.receivedBytes);
+                break;
+            }
+        }
+        text += " [";
+        for (const auto& request : server_.requestsFor(path) | std::views::drop(before)) {
+            text += request.header("range").value_or("-") + ";";
+        }
+        text += "]";
+        for (const auto& name : files()) {
+            text += " " + name;
+        }
+        return {text, final};
     }
 
     test::HttpTestServer server_;
@@ -430,41 +450,128 @@ TEST_F(CurlHttpServiceTest, AFreshDownloadReportsPendingDownloadingThenFinished)
     EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
 }
 
-TEST_F(CurlHttpServiceTest, AnAnswerReplacesTheDestinationOnlyWhenItIsTheFile) {
-    const std::string large = test::testContent(1024 * 1024);
-    const std::string packed = test::gzipEncode("decoded pack");
-    server_.serve("/pack", TestFile{.content = "new"});
-    server_.serve("/packed",
-                  TestFile{.content = packed, .headers = {{"Content-Encoding", "gzip"}}});
-    server_.serve("/404", TestFile{.content = "missing", .status = 404});
-    server_.serve("/broken", TestFile{.content = large, .status = 500});
-    const struct {
-        std::string path;
-        int code;
-        std::string destination;  // "previous" stays for an error status
-        std::string body;         // kept for an error status, at most kMaxErrorBody bytes
-    } rows[] = {
-        {"/pack", 200, "new", ""},
-        {"/packed", 200, "decoded pack", ""},
-        {redirect(3), 200, "redirected", ""},
-        {"/404", 404, "previous", "missing"},
-        {"/broken", 500, "previous", large.substr(0, DownloadTransfer::kMaxErrorBody)},
+TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResumeOnlyTheSame) {
+    const std::string content = test::testContent(64 * 1024, 9);
+    const std::string older = test::testContent(64 * 1024, 8);
+    const std::string cap = "Failed SizeExceeded: Download exceeds the limit of 65535 bytes.";
+    const std::string all = " out/pack.bin out/pack.bin.part out/pack.bin.rd";
+    struct Row {
+        const char* name;
+        TestFile file;  // served at /<row>/pack
+        // A partial file from before, with resume data (tag "v1") for this path below /<row>,
+        // of heldBytes or else all of its bytes.
+        std::string held{};
+        std::string heldFor = "/pack";
+        optional<std::uint64_t> heldBytes{};
+        optional<std::uint64_t> cap{};
+        std::string expected{};
+        std::string destination{};  // the served content when empty; "previous" stays on error
+    };
+    const Row rows[] = {
+        {.name = "a file",
+         .file = {.content = content},
+         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin"},
+        {.name = "a file exactly as large as the cap",
+         .file = {.content = content},
+         .cap = 65536,
+         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin"},
+        // Decoded, so neither resumable nor measured by the server's length.
+        {.name = "a compressed file",
+         .file = {.content = test::gzipEncode(content), .headers = {{"Content-Encoding", "gzip"}}},
+         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin",
+         .destination = content},
+        {.name = "a redirected file",
+         .file = {.status = 302, .headers = {{"Location", redirect(3)}}},
+         .expected = "Finished 200 10/10 from 0 [-;] out/pack.bin",
+         .destination = "redirected"},
+        {.name = "an error status",
+         .file = {.content = "missing", .status = 404},
+         .expected = "Finished 404 7/7 from 0 [-;] out/pack.bin",
+         .destination = "previous"},
+        {.name = "a large error body",
+         .file = {.content = content + content, .status = 500},
+         .expected = "Finished 500 65536/65536 from 0 [-;] out/pack.bin",
+         .destination = "previous"},
+        {.name = "a file one byte beyond the cap",
+         .file = {.content = content},
+         .cap = 65535,
+         .expected = cap + " from 0 [-;] out/pack.bin",
+         .destination = "previous"},
+        {.name = "a resumed range whose total is beyond the cap",
+         .file = {.content = content},
+         .held = content.substr(0, 1000),
+         .cap = 65535,
+         .expected = cap + " [bytes=1000-;] out/pack.bin",
+         .destination = "previous"},
+        {.name = "more held already than the cap",
+         .file = {.content = content},
+         .held = content,
+         .cap = 65535,
+         .expected = cap + " [] out/pack.bin",
+         .destination = "previous"},
+        {.name = "the same file",
+         .file = {.content = content},
+         .held = content.substr(0, 40000),
+         .expected = "Finished 206 65536/65536 from 40000 [bytes=40000-;] out/pack.bin"},
+        // As after a kill: the data was stored when the head came, the partial file grew later.
+        {.name = "bytes written after the data was stored",
+         .file = {.content = content},
+         .held = content.substr(0, 40000),
+         .heldBytes = 0,
+         .expected = "Finished 206 65536/65536 from 40000 [bytes=40000-;] out/pack.bin"},
+        {.name = "a changed file",
+         .file = {.content = content, .etag = "\"v2\""},
+         .held = older.substr(0, 1000),
+         .expected = "Finished 200 65536/65536 from 0 [bytes=1000-;] out/pack.bin"},
+        {.name = "a shorter file under the same tag",
+         .file = {.content = content},
+         .held = older + "0123456789",
+         .expected = "Finished 200 65536/65536 from 0 [bytes=65546-;-;] out/pack.bin"},
+        {.name = "data of another URL",
+         .file = {.content = content, .etag = ""},
+         .held = "partial",
+         .heldFor = "/other",
+         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin out/pack.bin.rd"},
+        // The partial file is untouched, so the data is put back for a later attempt.
+        {.name = "a refusal",
+         .file = {.content = "busy", .status = 503},
+         .held = "partial",
+         .expected = "Finished 503 4/4 [bytes=7-;]" + all,
+         .destination = "previous"},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.path);
+        SCOPED_TRACE(row.name);
+        const std::string prefix = "/" + std::to_string(&row - rows);
+        server_.serve(prefix + "/pack", row.file);
         test::writeWholeFile(destination_, "previous");
-        const auto final = download(row.path);
-        EXPECT_EQ(final.state, kFinished);
-        EXPECT_EQ(final.error, nullopt);
-        ASSERT_TRUE(final.httpResult && final.httpResult->has_value());
-        EXPECT_EQ((*final.httpResult)->code, row.code);
-        EXPECT_EQ(bodyOf(final), row.body);
-        // What was kept, the file or the error body, is all there was.
-        const auto kept = row.code == 200 ? row.destination.size() : row.body.size();
-        EXPECT_EQ(final.totalBytes, kept);
-        EXPECT_EQ(final.receivedBytes, kept);
-        EXPECT_EQ(test::readWholeFile(destination_), row.destination);
-        EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
+        const ResumeData stored{server_.url(prefix + row.heldFor), part(),
+                                row.heldBytes.value_or(row.held.size()), "\"v1\"", ""};
+        if (!row.held.empty()) {
+            test::writeWholeFile(part(), row.held);
+            ASSERT_TRUE(storeResumeData(destination_, stored));
+        }
+        const auto [description, final] = describe(prefix + "/pack", row.cap);
+        EXPECT_EQ(description, row.expected);
+        if (final.httpResult && *final.httpResult && (**final.httpResult).code >= 300) {
+            EXPECT_EQ(bodyOf(final), row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
+        }
+        const auto& destination = row.destination.empty() ? row.file.content : row.destination;
+        EXPECT_EQ(test::readWholeFile(destination_), destination);
+        if (destination != "previous") {
+            EXPECT_EQ(cachedDigest(), util::md5String(destination));
+        }
+        for (const auto& request : server_.requestsFor(prefix + "/pack")) {
+            EXPECT_EQ(request.header("if-range"),
+                      request.header("range") ? optional<std::string>("\"v1\"") : nullopt);
+        }
+        if (fs::exists(rd())) {
+            EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())), stored);
+        }
+        if (fs::exists(part())) {
+            EXPECT_EQ(test::readWholeFile(part()), row.held);
+        }
+        fs::remove(part());
+        fs::remove(rd());
     }
 }
 
@@ -536,112 +643,6 @@ TEST_F(CurlHttpServiceTest, CancellingAfterTheHeadStoresResumeDataAndResumeAppen
     const auto request = server_.requestsFor("/pack").back();
     EXPECT_EQ(request.header("range"), "bytes=204800-");
     EXPECT_EQ(request.header("if-range"), "\"v1\"");
-}
-
-TEST_F(CurlHttpServiceTest, StoredResumeDataIsUsedOnlyForTheSameFile) {
-    const std::string content = test::testContent(64 * 1024, 9);
-    const std::string older = test::testContent(64 * 1024, 8);
-    const struct {
-        const char* name;
-        const char* etag;  // of the file on the server
-        int status;
-        // The stored data, by path, bytes and partial file; no data when the path is empty.
-        const char* storedPath;
-        std::uint64_t storedBytes;
-        std::string partial;
-        std::vector<optional<std::string>> ranges;  // of the requests sent
-        int code;
-        std::int64_t firstReported;  // bytes of the first Downloading report; -1 for any
-        bool resumeDataKept;
-    } rows[] = {
-        {"the same file",
-         "\"v1\"",
-         200,
-         "/pack",
-         40000,
-         content.substr(0, 40000),
-         {"bytes=40000-"},
-         206,
-         40000,
-         false},
-        // As after a kill: the data was stored when the head came, the partial file grew later.
-        {"bytes written after the data was stored",
-         "\"v1\"",
-         200,
-         "/pack",
-         0,
-         content.substr(0, 40000),
-         {"bytes=40000-"},
-         206,
-         40000,
-         false},
-        {"a changed file",
-         "\"v2\"",
-         200,
-         "/pack",
-         1000,
-         older.substr(0, 1000),
-         {"bytes=1000-"},
-         200,
-         0,
-         false},
-        {"a shorter file under the same tag",
-         "\"v1\"",
-         200,
-         "/pack",
-         older.size() + 10,
-         older + "0123456789",
-         {"bytes=65546-", nullopt},
-         200,
-         0,
-         false},
-        {"data of another URL", "", 200, "/other", 7, "partial", {nullopt}, 200, 0, true},
-        {"no data", "\"v1\"", 200, "", 0, "", {nullopt}, 200, 0, false},
-        // The partial file is untouched, so the data is put back for a later attempt.
-        {"a refusal", "\"v1\"", 503, "/pack", 7, "partial", {"bytes=7-"}, 503, -1, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const std::string prefix = "/" + std::to_string(&row - rows);
-        const std::string path = prefix + "/pack";
-        server_.serve(path, TestFile{.content = content, .status = row.status, .etag = row.etag});
-        const ResumeData stored{server_.url(prefix + row.storedPath), part(), row.storedBytes,
-                                "\"v1\"", ""};
-        if (*row.storedPath != '\0') {
-            test::writeWholeFile(part(), row.partial);
-            ASSERT_TRUE(storeResumeData(destination_, stored));
-        }
-        StatusInbox inbox;
-        start(path, inbox, true);
-        const auto final = test::waitForFinal(inbox);
-        EXPECT_EQ((*final.httpResult)->code, row.code);
-        if (row.firstReported >= 0) {
-            EXPECT_EQ(inbox.items()[1].state, kDownloading);
-            EXPECT_EQ(inbox.items()[1].receivedBytes,
-                      static_cast<std::uint64_t>(row.firstReported));
-        }
-        std::vector<optional<std::string>> ranges;
-        for (const auto& request : server_.requestsFor(path)) {
-            ranges.push_back(request.header("range"));
-            EXPECT_EQ(request.header("if-range"),
-                      request.header("range") ? optional<std::string>("\"v1\"") : nullopt);
-        }
-        EXPECT_EQ(ranges, row.ranges);
-        if (row.code == 503) {
-            EXPECT_EQ(test::readWholeFile(part()), row.partial);
-        } else {
-            EXPECT_EQ(test::readWholeFile(destination_), content);
-            EXPECT_EQ(cachedDigest(), util::md5String(content));
-        }
-        if (row.resumeDataKept) {
-            EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())), stored);
-        } else {
-            EXPECT_FALSE(fs::exists(rd()));
-        }
-        fs::remove(destination_);
-        fs::remove(part());
-        fs::remove(rd());
-    }
 }
 
 TEST_F(CurlHttpServiceTest, CancellingBeforeAnyBytesStoresNothingAndAnswersFalse) {
@@ -831,7 +832,7 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         if (row.file) {
             server_.serve(row.target, *row.file);
         }
-        const ScopedTransferLimits limits(TransferLimits{
+        setTransferLimits(TransferLimits{
             .connectTimeout = std::chrono::seconds(1),
             .lowSpeedBytesPerSecond = 1,
             .lowSpeedTime = std::chrono::seconds(&row - rows < kStallingRows ? 1 : 60),
@@ -858,43 +859,6 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         }
         fs::remove(part());
         fs::remove(rd());
-    }
-}
-
-TEST_F(CurlHttpServiceTest, TheSizeCapCountsWhatIsAnnouncedAndWhatIsAlreadyHeld) {
-    const std::string content = test::testContent(100 * 1024);
-    server_.serve("/pack", TestFile{.content = content});
-    const struct {
-        const char* name;
-        std::uint64_t cap;
-        std::size_t heldBytes;  // a partial file with resume data from an earlier attempt
-        std::size_t requests;
-    } rows[] = {
-        {"exactly the cap", content.size(), 0, 1},
-        {"one byte beyond the cap", content.size() - 1, 0, 1},
-        {"a resumed range whose total is beyond the cap", content.size() - 1, 50 * 1024, 1},
-        {"more held already than the cap", 80 * 1024, 90 * 1024, 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        if (row.heldBytes > 0) {
-            test::writeWholeFile(part(), content.substr(0, row.heldBytes));
-            ASSERT_TRUE(storeResumeData(destination_, ResumeData{server_.url("/pack"), part(),
-                                                                 row.heldBytes, "\"v1\"", ""}));
-        }
-        const auto before = server_.requestsFor("/pack").size();
-        const auto final = download("/pack", true, row.cap);
-        EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.requests);
-        if (row.cap == content.size()) {
-            EXPECT_EQ(final.state, kFinished);
-            EXPECT_EQ(test::readWholeFile(destination_), content);
-            fs::remove(destination_);
-        } else {
-            EXPECT_EQ(final.error, (DownloadError{DownloadErrorCode::SizeExceeded,
-                                                  "Download exceeds the limit of " +
-                                                      std::to_string(row.cap) + " bytes."}));
-        }
-        EXPECT_EQ(files(), std::set<std::string>{});
     }
 }
 
