@@ -454,90 +454,77 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
     const std::string content = test::testContent(64 * 1024, 9);
     const std::string older = test::testContent(64 * 1024, 8);
     const std::string cap = "Failed SizeExceeded: Download exceeds the limit of 65535 bytes.";
-    const std::string all = " out/pack.bin out/pack.bin.part out/pack.bin.rd";
+    const std::string gzip = test::gzipEncode(content);
+    const std::string dst = "out/pack.bin";
     struct Row {
         const char* name;
         TestFile file;  // served at /<row>/pack
         // A partial file from before, with resume data (tag "v1") for this path below /<row>,
         // of heldBytes or else all of its bytes.
-        std::string held{};
+        std::string held;
+        optional<std::uint64_t> cap;
+        std::string expected;
+        // What the destination holds afterwards when not the file, or "previous" after an error.
+        std::string destination{};
         std::string heldFor = "/pack";
         optional<std::uint64_t> heldBytes{};
-        optional<std::uint64_t> cap{};
-        std::string expected{};
-        std::string destination{};  // the served content when empty; "previous" stays on error
     };
+    const TestFile file{.content = content};
     const Row rows[] = {
-        {.name = "a file",
-         .file = {.content = content},
-         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin"},
-        {.name = "a file exactly as large as the cap",
-         .file = {.content = content},
-         .cap = 65536,
-         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin"},
+        {"a file as large as the cap", file, "", 65536,
+         "Finished 200 65536/65536 from 0 [-;] " + dst},
         // Decoded, so neither resumable nor measured by the server's length.
-        {.name = "a compressed file",
-         .file = {.content = test::gzipEncode(content), .headers = {{"Content-Encoding", "gzip"}}},
-         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin",
-         .destination = content},
-        {.name = "a redirected file",
-         .file = {.status = 302, .headers = {{"Location", redirect(3)}}},
-         .expected = "Finished 200 10/10 from 0 [-;] out/pack.bin",
-         .destination = "redirected"},
-        {.name = "an error status",
-         .file = {.content = "missing", .status = 404},
-         .expected = "Finished 404 7/7 from 0 [-;] out/pack.bin",
-         .destination = "previous"},
-        {.name = "a large error body",
-         .file = {.content = content + content, .status = 500},
-         .expected = "Finished 500 65536/65536 from 0 [-;] out/pack.bin",
-         .destination = "previous"},
-        {.name = "a file one byte beyond the cap",
-         .file = {.content = content},
-         .cap = 65535,
-         .expected = cap + " from 0 [-;] out/pack.bin",
-         .destination = "previous"},
-        {.name = "a resumed range whose total is beyond the cap",
-         .file = {.content = content},
-         .held = content.substr(0, 1000),
-         .cap = 65535,
-         .expected = cap + " [bytes=1000-;] out/pack.bin",
-         .destination = "previous"},
-        {.name = "more held already than the cap",
-         .file = {.content = content},
-         .held = content,
-         .cap = 65535,
-         .expected = cap + " [] out/pack.bin",
-         .destination = "previous"},
-        {.name = "the same file",
-         .file = {.content = content},
-         .held = content.substr(0, 40000),
-         .expected = "Finished 206 65536/65536 from 40000 [bytes=40000-;] out/pack.bin"},
+        {"a compressed file",
+         {.content = gzip, .headers = {{"Content-Encoding", "gzip"}}},
+         "",
+         nullopt,
+         "Finished 200 65536/65536 from 0 [-;] " + dst,
+         content},
+        {"a redirected file",
+         {.status = 302, .headers = {{"Location", redirect(3)}}},
+         "",
+         nullopt,
+         "Finished 200 10/10 from 0 [-;] " + dst,
+         "redirected"},
+        {"an error status",
+         {.content = "missing", .status = 404},
+         "",
+         nullopt,
+         "Finished 404 7/7 from 0 [-;] " + dst},
+        {"a large error body",
+         {.content = content + content, .status = 500},
+         "",
+         nullopt,
+         "Finished 500 65536/65536 from 0 [-;] " + dst},
+        {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;] " + dst},
+        {"a resumed range whose total is beyond the cap", file, content.substr(0, 1000), 65535,
+         cap + " [bytes=1000-;] " + dst},
+        {"more held already than the cap", file, content, 65535, cap + " [] " + dst},
+        {"the same file", file, content.substr(0, 40000), nullopt,
+         "Finished 206 65536/65536 from 40000 [bytes=40000-;] " + dst},
         // As after a kill: the data was stored when the head came, the partial file grew later.
-        {.name = "bytes written after the data was stored",
-         .file = {.content = content},
-         .held = content.substr(0, 40000),
-         .heldBytes = 0,
-         .expected = "Finished 206 65536/65536 from 40000 [bytes=40000-;] out/pack.bin"},
-        {.name = "a changed file",
-         .file = {.content = content, .etag = "\"v2\""},
-         .held = older.substr(0, 1000),
-         .expected = "Finished 200 65536/65536 from 0 [bytes=1000-;] out/pack.bin"},
-        {.name = "a shorter file under the same tag",
-         .file = {.content = content},
-         .held = older + "0123456789",
-         .expected = "Finished 200 65536/65536 from 0 [bytes=65546-;-;] out/pack.bin"},
-        {.name = "data of another URL",
-         .file = {.content = content, .etag = ""},
-         .held = "partial",
-         .heldFor = "/other",
-         .expected = "Finished 200 65536/65536 from 0 [-;] out/pack.bin out/pack.bin.rd"},
+        {"bytes written after the data was stored", file, content.substr(0, 40000), nullopt,
+         "Finished 206 65536/65536 from 40000 [bytes=40000-;] " + dst, "", "/pack", 0},
+        {"a changed file",
+         {.content = content, .etag = "\"v2\""},
+         older.substr(0, 1000),
+         nullopt,
+         "Finished 200 65536/65536 from 0 [bytes=1000-;] " + dst},
+        {"a shorter file under the same tag", file, older + "0123456789", nullopt,
+         "Finished 200 65536/65536 from 0 [bytes=65546-;-;] " + dst},
+        {"data of another URL",
+         {.content = content, .etag = ""},
+         "partial",
+         nullopt,
+         "Finished 200 65536/65536 from 0 [-;] " + dst + " out/pack.bin.rd",
+         "",
+         "/other"},
         // The partial file is untouched, so the data is put back for a later attempt.
-        {.name = "a refusal",
-         .file = {.content = "busy", .status = 503},
-         .held = "partial",
-         .expected = "Finished 503 4/4 [bytes=7-;]" + all,
-         .destination = "previous"},
+        {"a refusal",
+         {.content = "busy", .status = 503},
+         "partial",
+         nullopt,
+         "Finished 503 4/4 [bytes=7-;] " + dst + " out/pack.bin.part out/pack.bin.rd"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -555,7 +542,9 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         if (final.httpResult && *final.httpResult && (**final.httpResult).code >= 300) {
             EXPECT_EQ(bodyOf(final), row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
         }
-        const auto& destination = row.destination.empty() ? row.file.content : row.destination;
+        const auto& destination = !row.destination.empty()                  ? row.destination
+                                  : row.expected.starts_with("Finished 20") ? row.file.content
+                                                                            : "previous";
         EXPECT_EQ(test::readWholeFile(destination_), destination);
         if (destination != "previous") {
             EXPECT_EQ(cachedDigest(), util::md5String(destination));
