@@ -103,11 +103,6 @@ int HttpTestServer::heldNow() const {
     return held_;
 }
 
-int HttpTestServer::heldAtMost() const {
-    std::lock_guard lock(mutex_);
-    return heldAtMost_;
-}
-
 std::vector<ReceivedRequest> HttpTestServer::requestsFor(std::string_view path) const {
     std::lock_guard lock(mutex_);
     std::vector<ReceivedRequest> matching;
@@ -120,7 +115,7 @@ void HttpTestServer::waitForRelease(bool counted) {
     std::unique_lock lock(mutex_);
     const int generation = releases_;
     if (counted) {
-        heldAtMost_ = std::max(heldAtMost_, ++held_);
+        ++held_;
     }
     released_.wait(lock, [&] { return stopping_ || releases_ != generation; });
     if (counted) {

@@ -83,7 +83,6 @@ class HttpTestServer {
     // cpp-httplib is a build requirement, so every build has the server.
     static bool isAvailable() { return true; }
 
-    std::uint16_t port() const { return port_; }
     // "http://127.0.0.1:<port>" followed by the path.
     std::string url(std::string_view path) const;
 
@@ -93,7 +92,6 @@ class HttpTestServer {
     // Lets every stalled or held answer go on.
     void release();
     int heldNow() const;
-    int heldAtMost() const;
 
     // Every request received so far for the path, in order of arrival.
     std::vector<ReceivedRequest> requestsFor(std::string_view path) const;
@@ -105,7 +103,7 @@ class HttpTestServer {
     };
 
     void serveFile(const httplib::Request& request, httplib::Response& response);
-    // Waits until release() or the server's end; `counted` counts it as held.
+    // Waits until release() or the server's end; `counted` counts it in heldNow().
     void waitForRelease(bool counted);
 
     std::unique_ptr<httplib::Server> server_;
@@ -117,7 +115,6 @@ class HttpTestServer {
     bool stopping_ = false;
     int releases_ = 0;
     int held_ = 0;
-    int heldAtMost_ = 0;
     std::map<std::string, FileState, std::less<>> files_;
     std::vector<ReceivedRequest> requests_;
 };

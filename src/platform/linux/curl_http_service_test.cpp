@@ -374,7 +374,7 @@ TEST_F(CurlHttpServiceTest, ConnectionsPerHostAreCappedForTransfersStartedAfterw
         waitUntil([&] { return server.heldNow() == row.expected; });
         // Room for connections beyond the cap to show up, if the cap did not hold.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        EXPECT_EQ(server.heldAtMost(), row.expected);
+        EXPECT_EQ(server.heldNow(), row.expected);
         // Released batch by batch, the waiting ones go through in turn.
         while (inbox.items().size() < static_cast<std::size_t>(row.requests)) {
             server.release();
