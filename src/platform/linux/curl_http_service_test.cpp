@@ -265,27 +265,20 @@ TEST_F(CurlHttpServiceTest, MethodBodyAndHeadersGoOutAsAsked) {
     // Large enough that libcurl would ask the server to confirm it with Expect, unless told to.
     const std::string body(2 * 1024 * 1024, 'b');
     using Values = std::vector<std::string>;
+    const auto [kGet, kHead, kPost] =
+        std::tuple(HttpMethod::Get, HttpMethod::Head, HttpMethod::Post);
     const struct {
         HttpMethod method;
-        HttpHeaders headers;
         std::string sent;
         // Only the exact key "User-Agent" suppresses the generated one, and not when empty.
         Values agents;
+        HttpHeaders headers;
     } rows[] = {
-        {HttpMethod::Post,
-         {{"content-type", "application/json"}, {"x-token", "secret"}, {"x-other", "a, b"}},
-         "POST",
-         {generated}},
-        {HttpMethod::Post,
-         {{"content-type", "text/plain"}, {"expect", "100-continue"}},
-         "POST",
-         {generated}},
-        {HttpMethod::Head,
-         {{"User-Agent", "mine/1"}, {"accept-encoding", "identity"}},
-         "HEAD",
-         {"mine/1"}},
-        {HttpMethod::Get, {{"User-Agent", ""}}, "GET", {generated}},
-        {HttpMethod::Get, {{"user-agent", "mine/2"}}, "GET", {generated, "mine/2"}},
+        {kPost, "POST", {generated}, {{"content-type", "a/b"}, {"x-other", "a, b"}}},
+        {kPost, "POST", {generated}, {{"content-type", "a/b"}, {"expect", "100-continue"}}},
+        {kHead, "HEAD", {"mine/1"}, {{"User-Agent", "mine/1"}, {"accept-encoding", "identity"}}},
+        {kGet, "GET", {generated}, {{"User-Agent", ""}}},
+        {kGet, "GET", {generated, "mine/2"}, {{"user-agent", "mine/2"}}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.sent);
@@ -749,22 +742,10 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         {"head and 16 KiB, then silence", "/stall",
          TestFile{.content = kilobytes64, .stallAfter = 16 * 1024, .faultyResponses = always},
          timedOut, "too slow", network, "Request timed out.", true},
-        {"connection accepted, never answered",
-         "/hold",
-         {},
-         timedOut,
-         "too slow",
-         network,
-         "Request timed out.",
-         false},
-        {"connection never accepted",
-         unaccepting.url(),
-         {},
-         timedOut,
-         "Failed to connect",
-         network,
-         "Request timed out.",
-         false},
+        {"connection accepted, never answered", "/hold", nullopt, timedOut, "too slow", network,
+         "Request timed out.", false},
+        {"connection never accepted", unaccepting.url(), nullopt, timedOut, "Failed to connect",
+         network, "Request timed out.", false},
         {"a body without a length beyond the cap", "/endless",
          TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true}, other,
          "Response body too large.", tooLarge, "limit of 1048576 bytes", false},
@@ -791,22 +772,10 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         {"a redirect to file:", "/to-file",
          TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}}, other, "file",
          network, "file", false},
-        {"nothing listening",
-         test::loopbackUrl(test::freeLoopbackPort(), "/"),
-         {},
-         connection,
-         "127.0.0.1",
-         network,
-         "127.0.0.1",
-         false},
-        {"a plain server asked for TLS",
-         "https" + server_.url("/echo").substr(4),
-         {},
-         HttpRequestErrorType::SSLError,
-         "",
-         network,
-         "",
-         false},
+        {"nothing listening", test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt, connection,
+         "127.0.0.1", network, "127.0.0.1", false},
+        {"a plain server asked for TLS", "https" + server_.url("/echo").substr(4), nullopt,
+         HttpRequestErrorType::SSLError, "", network, "", false},
         {"eleven redirects", redirect(11), {}, other, "redirects", network, "redirects", false},
         // Only http and https are fetched.
         {"a file: URL", "file:///etc/hostname", {}, other, "", network, "", false},
