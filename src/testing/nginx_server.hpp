@@ -59,7 +59,6 @@ class NginxServer {
     NginxServer(const NginxServer&) = delete;
     NginxServer& operator=(const NginxServer&) = delete;
 
-    std::uint16_t port() const { return port_; }
     std::string url(const std::string& path) const { return loopbackUrl(port_, path); }
 
     // Kills nginx at once: every connection breaks off without a proper end.
@@ -96,35 +95,20 @@ class NginxServer {
         }
     }
 
-    static bool accepts(std::uint16_t port) {
-        const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-        const sockaddr_in address = loopbackAddress(port);
-        const bool connected =
-            ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        ::close(probe);
-        return connected;
-    }
-
     void writeConfiguration() const {
         const std::string work = work_.string();
         std::ofstream out(work_ / "nginx.conf", std::ios::trunc);
-        out << "daemon off;\n"
-            << "master_process off;\n"
-            << "worker_processes 1;\n"
+        out << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
             << "pid " << work << "/nginx.pid;\n"
             << "error_log " << work << "/error.log warn;\n"
             << "events { worker_connections 1024; }\n"
             << "http {\n"
-            << "  access_log off;\n"
-            << "  client_body_temp_path " << work << "/client_body;\n"
-            << "  proxy_temp_path " << work << "/proxy;\n"
-            << "  fastcgi_temp_path " << work << "/fastcgi;\n"
-            << "  uwsgi_temp_path " << work << "/uwsgi;\n"
-            << "  scgi_temp_path " << work << "/scgi;\n"
-            << "  default_type application/octet-stream;\n"
-            << "  sendfile on;\n"
-            << "  tcp_nopush on;\n"
-            << "  keepalive_requests 100000;\n"
+            << "  access_log off;\n";
+        for (const char* temporary : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+            out << "  " << temporary << "_temp_path " << work << "/" << temporary << ";\n";
+        }
+        out << "  default_type application/octet-stream;\n"
+            << "  sendfile on;\n  tcp_nopush on;\n  keepalive_requests 100000;\n"
             << (compression_ == Compression::GzipEverything
                     ? "  gzip on;\n  gzip_types *;\n  gzip_min_length 1;\n  gzip_proxied any;\n"
                     : "")
@@ -166,7 +150,12 @@ class NginxServer {
                 pid_ = -1;
                 return false;
             }
-            if (accepts(port_)) {
+            const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+            const sockaddr_in address = loopbackAddress(port_);
+            const bool accepts =
+                ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+            ::close(probe);
+            if (accepts) {
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));

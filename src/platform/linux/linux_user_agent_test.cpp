@@ -19,6 +19,7 @@ TEST(LinuxUserAgentTest, KernelReleasesBecomeThreeNumbers) {
         {"6.8-rc3", "6.8.0"},
         {"4.-weird", "4.0.0"},
         {"7", "7.0.0"},
+        {"1234567890.2", "123456789.0.0"},  // at most nine digits a number
         {"", nullopt},
         {"linux-6.1", nullopt},
     };

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/curl_test_support.hpp"
 #include "terrane/reachability/reachability_factory.hpp"
 #include "testing/namespaces.hpp"
 #include "util/file_descriptor.hpp"
@@ -25,30 +26,17 @@ bool shell(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// What a service's listeners heard, for waiting on with a bound.
-class Heard {
-  public:
-    void add(NetworkStatus status) {
-        const std::lock_guard lock(mutex_);
-        statuses_.push_back(status);
-        changed_.notify_all();
-    }
-    // Waits until the latest call reported `status`.
-    bool waitForLatest(NetworkStatus status) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10),
-                                 [&] { return !statuses_.empty() && statuses_.back() == status; });
-    }
-    std::size_t count() {
-        const std::lock_guard lock(mutex_);
-        return statuses_.size();
-    }
+using Heard = test::Inbox<NetworkStatus>;
 
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<NetworkStatus> statuses_;
-};
+// Whether the latest call reports `status`, waiting for it until the guard runs out.
+bool latestIs(Heard& heard, NetworkStatus status) {
+    try {
+        heard.waitUntil([status](const auto& all) { return !all.empty() && all.back() == status; });
+        return true;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
 
 class NetlinkReachabilityTest : public ::testing::Test {
   protected:
@@ -85,7 +73,8 @@ class NetlinkReachabilityTest : public ::testing::Test {
     static std::shared_ptr<ReachabilityInterface> startService(const optional<std::string>& host,
                                                                Heard& heard) {
         auto service = ReachabilityFactory::reachability(host);
-        service->addListener([&heard](NetworkStatus status) { heard.add(status); });
+        service->addListener(
+            [call = heard.callback()](NetworkStatus status) mutable { call(std::move(status)); });
         service->start();
         return service;
     }
@@ -100,8 +89,8 @@ class NetlinkReachabilityTest : public ::testing::Test {
 TEST_F(NetlinkReachabilityTest, EveryChangeOfTheDefaultRouteReachesTheListeners) {
     Heard heard;
     auto service = startService(nullopt, heard);
-    ASSERT_EQ(heard.count(), 1u) << "start() calls the listener once";
-    EXPECT_TRUE(heard.waitForLatest(NetworkStatus::NotReachable)) << "only loopback";
+    ASSERT_EQ(heard.items().size(), 1u) << "start() calls the listener once";
+    EXPECT_TRUE(latestIs(heard, NetworkStatus::NotReachable)) << "only loopback";
 
     const struct {
         std::string change;
@@ -117,7 +106,7 @@ TEST_F(NetlinkReachabilityTest, EveryChangeOfTheDefaultRouteReachesTheListeners)
     };
     for (const auto& step : steps) {
         ASSERT_TRUE(shell(step.change)) << step.change;
-        EXPECT_TRUE(heard.waitForLatest(step.status))
+        EXPECT_TRUE(latestIs(heard, step.status))
             << step.change << ": expected " << toString(step.status);
         EXPECT_EQ(service->currentNetworkStatus(), step.status) << step.change;
         EXPECT_EQ(service->isReachable(), step.status != NetworkStatus::NotReachable);
@@ -129,14 +118,14 @@ TEST_F(NetlinkReachabilityTest, OneChangeReachesTheServicesOfTwoHosts) {
     Heard second;
     auto a = startService(std::string("192.0.2.1"), first);
     auto b = startService(std::string("2001:db8::1"), second);
-    EXPECT_TRUE(first.waitForLatest(NetworkStatus::NotReachable));
-    EXPECT_TRUE(second.waitForLatest(NetworkStatus::NotReachable));
+    EXPECT_TRUE(latestIs(first, NetworkStatus::NotReachable));
+    EXPECT_TRUE(latestIs(second, NetworkStatus::NotReachable));
 
     ASSERT_TRUE(
         shell("ip link set x0 up && ip route add default dev x0 && "
               "ip -6 route add default dev x0"));
-    EXPECT_TRUE(first.waitForLatest(NetworkStatus::ReachableViaWiFi));
-    EXPECT_TRUE(second.waitForLatest(NetworkStatus::ReachableViaWiFi));
+    EXPECT_TRUE(latestIs(first, NetworkStatus::ReachableViaWiFi));
+    EXPECT_TRUE(latestIs(second, NetworkStatus::ReachableViaWiFi));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -10,9 +12,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
+
+#include "util/file_descriptor.hpp"
 
 extern char** environ;
 
@@ -35,8 +40,16 @@ class PrivateBus {
             pid_ = -1;
             return;
         }
-        // Bounded wait for the daemon's socket to appear.
-        for (int i = 0; i < 500 && !fs::exists(directory_ / "bus"); ++i) {
+        // Bounded wait for the daemon to listen: its socket file appears a moment before.
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, (directory_ / "bus").c_str());
+        const auto listening = [&address] {
+            const base::io::FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address),
+                             sizeof address) == 0;
+        };
+        for (int i = 0; i < 500 && !listening(); ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }

@@ -50,7 +50,7 @@ TEST(ResumeDataTest, OnlyWhatThisLibraryEncodedDecodes) {
 
 TEST(ResumeDataTest, OnlyValidDataForTheSameUrlAndDestinationLoads) {
     ScratchDirectory scratch;
-    const std::string localPath = scratch.file("pack.zip");
+    const std::string localPath = (scratch.path() / "pack.zip").string();
     DownloadOptions options(HttpRequest("https://example.test/pack.zip"), localPath, true);
     EXPECT_EQ(loadResumeData(options), nullopt);  // none stored
     ASSERT_TRUE(storeResumeData(localPath, sample(localPath)));
@@ -65,7 +65,8 @@ TEST(ResumeDataTest, OnlyValidDataForTheSameUrlAndDestinationLoads) {
     EXPECT_TRUE(std::filesystem::exists(resumeDataPathFor(localPath)));
 
     // Its partial file belongs to another destination.
-    DownloadOptions moved(HttpRequest("https://example.test/pack.zip"), scratch.file("x.zip"));
+    DownloadOptions moved(HttpRequest("https://example.test/pack.zip"),
+                          (scratch.path() / "x.zip").string());
     std::filesystem::copy_file(resumeDataPathFor(localPath), resumeDataPathFor(moved.localPath));
     EXPECT_EQ(loadResumeData(moved), nullopt);
 

@@ -1,0 +1,898 @@
+// The Linux HTTP service against a test server on 127.0.0.1: what goes out, what comes back,
+// downloads that resume, and servers that misbehave (stall, never answer, send without end, lie
+// about lengths, flood the head, redirect where they must not) or a full disk.
+
+#include "platform/linux/curl_http_service.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <ranges>
+#include <set>
+#include <thread>
+
+#include "platform/linux/curl_engine.hpp"
+#include "platform/linux/curl_test_support.hpp"
+#include "platform/linux/download_transfer.hpp"
+#include "platform/linux/linux_user_agent.hpp"
+#include "platform/linux/resume_data.hpp"
+#include "terrane/http/http_service_factory.hpp"
+#include "terrane/http/request_id.hpp"
+#include "terrane/http/transfer_limits.hpp"
+#include "terrane/util/md5.hpp"
+#include "testing/http_test_server.hpp"
+#include "testing/loopback.hpp"
+#include "util/digest_cache.hpp"
+#include "util/file_descriptor.hpp"
+
+namespace terrane::common {
+namespace {
+
+namespace fs = std::filesystem;
+using test::ResponseInbox;
+using test::StatusInbox;
+using test::TestFile;
+using States = std::vector<DownloadState>;
+
+constexpr auto kPending = DownloadState::Pending;
+constexpr auto kDownloading = DownloadState::Downloading;
+constexpr auto kFinished = DownloadState::Finished;
+constexpr auto kFailed = DownloadState::Failed;
+
+// The states reported, each run of one state counted once.
+States phasesOf(const std::vector<DownloadStatus>& statuses) {
+    States states;
+    for (const auto& status : statuses) {
+        if (states.empty() || states.back() != status.state) {
+            states.push_back(status.state);
+        }
+    }
+    return states;
+}
+
+std::string bodyOf(const DownloadStatus& status) {
+    return {(*status.httpResult)->data.begin(), (*status.httpResult)->data.end()};
+}
+
+std::vector<std::string> valuesOf(const test::ReceivedRequest& request, const std::string& name) {
+    std::vector<std::string> values;
+    for (auto [at, end] = request.headers.equal_range(name); at != end; ++at) {
+        values.push_back(at->second);
+    }
+    std::sort(values.begin(), values.end());
+    return values;
+}
+
+void waitUntil(const std::function<bool()>& condition) {
+    while (!condition()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+// A socket on 127.0.0.1 that listens with a full queue and never accepts: the kernel drops every
+// further connection attempt, so that connecting to it hangs.
+class UnacceptingListener {
+  public:
+    UnacceptingListener() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = test::loopbackAddress(0);
+        socklen_t length = sizeof address;
+        ::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::listen(listener_.get(), 0);
+        ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length);
+        url_ = test::loopbackUrl(ntohs(address.sin_port), "/pack");
+        for (auto& filler : fillers_) {
+            filler = base::io::FileDescriptor(
+                ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            ::connect(filler.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        }
+    }
+    const std::string& url() const { return url_; }
+
+  private:
+    base::io::FileDescriptor listener_;
+    base::io::FileDescriptor fillers_[3];
+    std::string url_;
+};
+
+// The service, a test server, and a destination in a scratch directory of its own
+// ("out/pack.bin"). The server holds "/echo", "/hold" (answered on release()) and "/r<n>": n
+// redirects, then "redirected". A target that starts with "/" is a path there, anything else a
+// URL.
+class CurlHttpServiceTest : public ::testing::Test {
+  protected:
+    CurlHttpServiceTest() {
+        fs::create_directories(scratch_.path() / "out");
+        server_.serve("/echo", TestFile{.content = "echo", .headers = {{"X-Mixed-Case", "Value"}}});
+        server_.serve("/hold", TestFile{.content = "held", .holdHead = true});
+        server_.serve("/r0", TestFile{.content = "redirected"});
+        for (int n = 1; n <= 11; ++n) {
+            server_.serve("/r" + std::to_string(n),
+                          TestFile{.status = 302, .headers = {{"Location", redirect(n - 1)}}});
+        }
+    }
+    ~CurlHttpServiceTest() override { setTransferLimits(TransferLimits{}); }
+    static std::string redirect(int n) { return "/r" + std::to_string(n); }
+
+    std::string urlOf(const std::string& target) const {
+        return target.starts_with("/") ? server_.url(target) : target;
+    }
+
+    std::uint64_t start(const std::string& target, StatusInbox& inbox, bool resume = false,
+                        std::uint64_t timeout = 0, optional<std::uint64_t> maxBytes = nullopt) {
+        HttpRequest request(urlOf(target));
+        request.timeout = timeout;
+        DownloadOptions options(request, destination_, resume);
+        options.maxBytes = maxBytes;
+        return service_->download(std::move(options), inbox.callback());
+    }
+
+    DownloadStatus download(const std::string& target, bool resume = false,
+                            optional<std::uint64_t> maxBytes = nullopt) {
+        StatusInbox inbox;
+        start(target, inbox, resume, 0, maxBytes);
+        return test::waitForFinal(inbox);
+    }
+
+    HttpResponse fetch(HttpRequest request) {
+        ResponseInbox inbox;
+        service_->request(std::move(request), inbox.callback());
+        return inbox.waitFor(1);
+    }
+
+    bool cancel(std::uint64_t id) { return test::cancel(*service_, id); }
+
+    std::string part() const { return partialFilePathFor(destination_); }
+    std::string rd() const { return resumeDataPathFor(destination_); }
+
+    // The digest taken while the bytes were written, which md5File answers with.
+    optional<std::string> cachedDigest() const {
+        struct stat status {};
+        if (::stat(destination_.c_str(), &status) != 0) {
+            return nullopt;
+        }
+        return util::DigestCache::instance().find(util::FileIdentity::of(status));
+    }
+
+    // The resume data on disk covers exactly the partial file.
+    void expectResumeDataFor(std::uint64_t bytes) const {
+        EXPECT_EQ(decodeResumeData(test::readWholeFile(rd()))->bytes, bytes);
+        EXPECT_EQ(fs::file_size(part()), bytes);
+    }
+
+    // Every file below the scratch directory, by relative path.
+    std::set<std::string> files() const {
+        std::set<std::string> names;
+        for (const auto& [name, content] : test::treeContents(scratch_.path())) {
+            names.insert(name);
+        }
+        return names;
+    }
+
+    // A download of the path that resumes whatever is stored, in one line: how it ended, the
+    // bytes of its first Downloading report, the range of each request, and the files left.
+    std::pair<std::string, DownloadStatus> describe(const std::string& path,
+                                                    optional<std::uint64_t> maxBytes) {
+        const auto before = server_.requestsFor(path).size();
+        StatusInbox inbox;
+        start(path, inbox, true, 0, maxBytes);
+        const auto final = test::waitForFinal(inbox);
+        const char* codes[] = {"FileSystemError", "NetworkError", "SizeExceeded"};
+        std::string text = final.error ? std::string("Failed ") +
+                                             codes[static_cast<int>(final.error->code)] + ": " +
+                                             final.error->message
+                                       : "Finished " + std::to_string((*final.httpResult)->code) +
+                                             " " + std::to_string(final.receivedBytes) + "/" +
+                                             std::to_string(final.totalBytes.value_or(0));
+        for (const auto& status : inbox.items()) {
+            if (status.state == kDownloading) {
+                text += " from " + std::to_string(status.receivedBytes);
+                break;
+            }
+        }
+        text += " [";
+        for (const auto& request : server_.requestsFor(path) | std::views::drop(before)) {
+            text += request.header("range").value_or("-") + ";";
+        }
+        text += "]";
+        for (const auto& name : files()) {
+            text += " " + name;
+        }
+        return {text, final};
+    }
+
+    test::HttpTestServer server_;
+    test::ScratchDirectory scratch_;
+    std::string destination_ = (scratch_.path() / "out" / "pack.bin").string();
+    std::shared_ptr<CurlHttpService> service_ = std::make_shared<CurlHttpService>();
+};
+
+TEST_F(CurlHttpServiceTest, AnswersOfAnyStatusArriveDecodedWithLowerCasedHeaders) {
+    EXPECT_FALSE(service_->supportsKeepCompression());
+    const std::string gzip = test::gzipEncode("decoded body");
+    server_.serve("/gzip", TestFile{.content = gzip, .headers = {{"Content-Encoding", "gzip"}}});
+    server_.serve("/401", TestFile{.content = "denied", .status = 401});
+    const struct {
+        std::string path;
+        int code;
+        std::string body;
+    } rows[] = {
+        {"/echo", 200, "echo"},
+        {"/401", 401, "denied"},
+        {redirect(10), 200, "redirected"},  // ten redirects are followed
+        {"/gzip", 200, "decoded body"},
+    };
+    std::uint64_t previous = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        HttpRequest request(server_.url(row.path));
+        request.keepCompression = true;  // ignored
+        ResponseInbox inbox;
+        const auto id = service_->request(HttpRequest(request), inbox.callback());
+        EXPECT_TRUE(previous == 0 || id == previous + 1);  // requests and downloads count on
+        previous = id;
+        const auto response = inbox.waitFor(1);
+        EXPECT_NE(inbox.threads().front(), std::this_thread::get_id());
+        EXPECT_EQ(response.request.url, request.url);
+        ASSERT_TRUE(response.result.has_value());
+        EXPECT_EQ(response.result->code, row.code);
+        EXPECT_EQ(test::bodyText(response), row.body);
+        for (const auto& [name, value] : response.result->headers) {
+            EXPECT_TRUE(std::none_of(name.begin(), name.end(), ::isupper)) << name;
+        }
+        EXPECT_FALSE(response.result->headers.contains("location"));
+    }
+    EXPECT_EQ(fetch(HttpRequest(server_.url("/echo"))).result->headers.at("x-mixed-case"), "Value");
+    StatusInbox statuses;
+    EXPECT_EQ(service_->download(DownloadOptions(HttpRequest(server_.url("/echo")), "/no-dir/x"),
+                                 statuses.callback()),
+              previous + 2);
+    test::waitForFinal(statuses);
+}
+
+TEST_F(CurlHttpServiceTest, MethodBodyAndHeadersGoOutAsAsked) {
+    UAComponents app;
+    app.appNameComponent = "Atlas";
+    app.appVersionComponent = "2.1";
+    const std::string generated = linuxUserAgent(app);
+    // Large enough that libcurl would ask the server to confirm it with Expect, unless told to.
+    const std::string body(2 * 1024 * 1024, 'b');
+    using Values = std::vector<std::string>;
+    const auto [kGet, kHead, kPost] =
+        std::tuple(HttpMethod::Get, HttpMethod::Head, HttpMethod::Post);
+    const struct {
+        HttpMethod method;
+        std::string sent;
+        // Only the exact key "User-Agent" suppresses the generated one, and not when empty.
+        Values agents;
+        HttpHeaders headers;
+    } rows[] = {
+        {kPost, "POST", {generated}, {{"content-type", "a/b"}, {"x-other", "a, b"}}},
+        {kPost, "POST", {generated}, {{"content-type", "a/b"}, {"expect", "100-continue"}}},
+        {kHead, "HEAD", {"mine/1"}, {{"User-Agent", "mine/1"}, {"accept-encoding", "identity"}}},
+        {kGet, "GET", {generated}, {{"User-Agent", ""}}},
+        {kGet, "GET", {generated, "mine/2"}, {{"user-agent", "mine/2"}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.sent);
+        HttpRequest request(server_.url("/echo"), row.headers, app);
+        request.method = row.method;
+        request.body.assign(body.begin(), body.end());  // sent by POST only
+        const auto response = fetch(request);
+        EXPECT_EQ(response.result->code, 200);
+        EXPECT_EQ(test::bodyText(response), row.method == HttpMethod::Head ? "" : "echo");
+        const auto received = server_.requestsFor("/echo").back();
+        EXPECT_EQ(received.method, row.sent);
+        EXPECT_TRUE(received.body == (row.method == HttpMethod::Post ? body : ""));
+        // A server that ignores Expect must not cost a round of waiting.
+        if (!row.headers.contains("expect")) {
+            EXPECT_EQ(received.header("expect"), nullopt);
+        }
+        // Unless told otherwise, libcurl offers every encoding it can decode.
+        ASSERT_EQ(valuesOf(received, "accept-encoding").size(), 1u);
+        if (!row.headers.contains("accept-encoding")) {
+            EXPECT_NE(received.header("accept-encoding")->find("br"), std::string::npos);
+        }
+        EXPECT_EQ(valuesOf(received, "user-agent"), row.agents);
+        for (const auto& [name, value] : row.headers) {
+            if (name != "User-Agent" && name != "user-agent") {
+                EXPECT_EQ(received.header(name), value);
+            }
+        }
+    }
+}
+
+TEST_F(CurlHttpServiceTest, ACancelFromACallbackIsAnsweredBeforeItReturns) {
+    ResponseInbox held;
+    const auto heldId = service_->request(HttpRequest(server_.url("/hold")), held.callback());
+    waitUntil([&] { return server_.heldNow() == 1; });
+    ResponseInbox outer;
+    ResponseInbox started;
+    bool answeredInside = false;
+    bool answer = false;
+    service_->request(HttpRequest(server_.url("/echo")), [&](HttpResponse&& response) {
+        service_->cancelRequest(heldId, [&](bool result) {
+            // The answer comes first, then the request's own callback.
+            EXPECT_TRUE(held.items().empty());
+            answeredInside = true;
+            answer = result;
+        });
+        // Read on the engine thread right after the call: the answer must be in already.
+        const bool inside = answeredInside;
+        // A request started from a callback runs too.
+        service_->request(HttpRequest(server_.url("/missing")), started.callback());
+        outer.callback()(std::move(response));
+        EXPECT_TRUE(inside);
+    });
+    outer.waitFor(1);
+    EXPECT_TRUE(answer);
+    EXPECT_EQ(held.waitFor(1).result.error().type, HttpRequestErrorType::RequestCancelled);
+    EXPECT_EQ(started.waitFor(1).result->code, 404);
+
+    // A finished request, like an unknown one, names nothing any more; the answer comes from the
+    // engine thread.
+    for (const auto id : {heldId, nextHttpRequestId() + 1000}) {
+        test::AnswerInbox answers;
+        service_->cancelRequest(id, answers.callback());
+        EXPECT_FALSE(answers.waitFor(1));
+        EXPECT_NE(answers.threads().front(), std::this_thread::get_id());
+    }
+    server_.release();
+}
+
+TEST_F(CurlHttpServiceTest, ConnectionsPerHostAreCappedForTransfersStartedAfterwards) {
+    const struct {
+        optional<std::uint8_t> cap;
+        int requests;
+        int expected;
+    } rows[] = {{nullopt, 10, 8}, {2, 5, 2}};
+    for (const auto& row : rows) {
+        test::HttpTestServer server;
+        server.serve("/hold", TestFile{.content = "held", .holdHead = true});
+        const auto service = std::make_shared<CurlHttpService>();
+        if (row.cap) {
+            service->setMaxRequestsPerHost(*row.cap);
+        }
+        ResponseInbox inbox;
+        for (int index = 0; index < row.requests; ++index) {
+            service->request(HttpRequest(server.url("/hold")), inbox.callback());
+        }
+        waitUntil([&] { return server.heldNow() == row.expected; });
+        // Room for connections beyond the cap to show up, if the cap did not hold.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_EQ(server.heldNow(), row.expected);
+        // Released batch by batch, the waiting ones go through in turn.
+        while (inbox.items().size() < static_cast<std::size_t>(row.requests)) {
+            server.release();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        for (const auto& response : inbox.items()) {
+            EXPECT_EQ(test::bodyText(response), "held");
+        }
+    }
+}
+
+// Engine threads of this process, told apart by their name: a count of all threads would also
+// see the ones a sanitizer's runtime starts on its own.
+std::size_t engineThreads() {
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
+        count += test::readWholeFile(entry.path() / "comm") ==
+                 std::string(CurlEngine::threadName) + "\n";
+    }
+    return count;
+}
+
+TEST(CurlHttpServiceLifetimeTest, TheDefaultCurlServicesEngineLivesExactlyAsLongAsTheService) {
+    HttpServiceFactory::setUserDefined(nullptr);
+    const std::size_t before = engineThreads();
+    std::weak_ptr<HttpServiceInterface> old;
+    {
+        const auto service = HttpServiceFactory::getInstance();
+        ASSERT_TRUE(service && *service);
+        EXPECT_NE(dynamic_cast<CurlHttpService*>(service->get()), nullptr);
+        EXPECT_EQ(*HttpServiceFactory::getInstance(), *service);
+        old = *service;
+        EXPECT_EQ(engineThreads(), before + 1);
+    }
+    EXPECT_TRUE(old.expired());
+    EXPECT_EQ(engineThreads(), before);
+    // A later caller gets a new service with a new engine, and it works.
+    auto again = HttpServiceFactory::getInstance();
+    EXPECT_EQ(engineThreads(), before + 1);
+    EXPECT_FALSE(test::cancel(**again, 0));
+}
+
+TEST_F(CurlHttpServiceTest, AFreshDownloadReportsPendingDownloadingThenFinished) {
+    const std::string content = test::testContent(3 * 1024 * 1024);
+    server_.serve("/pack",
+                  TestFile{.content = content, .headers = {{"Cache-Control", "max-age=3600"}}});
+    StatusInbox inbox;
+    const HttpRequest request(server_.url("/pack"), {{"accept-encoding", "gzip"}});
+    const auto id = service_->download(DownloadOptions(request, destination_), inbox.callback());
+    const auto final = test::waitForFinal(inbox);
+    EXPECT_FALSE(cancel(id));  // finished
+    // Ranges, lengths and tags must describe the file itself, whatever the caller asked for.
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("accept-encoding"), "identity");
+    service_.reset();
+
+    EXPECT_EQ(phasesOf(inbox.items()), (States{kPending, kDownloading, kFinished}));
+    EXPECT_EQ(inbox.items()[1].receivedBytes, 0u);
+    EXPECT_EQ(final.downloadId, id);
+    EXPECT_EQ(final.error, nullopt);
+    EXPECT_EQ(final.receivedBytes, content.size());
+    EXPECT_EQ(final.totalBytes, final.receivedBytes);
+    EXPECT_EQ(final.downloadOptions.localPath, destination_);
+    EXPECT_EQ(final.downloadOptions.request.url, server_.url("/pack"));
+    const auto& head = **final.httpResult;
+    EXPECT_EQ(std::tuple(head.code, head.headers.at("etag"), head.headers.at("cache-control")),
+              std::tuple(200, "\"v1\"", "max-age=3600"));
+    EXPECT_TRUE(head.data.empty());
+    for (const auto thread : inbox.threads()) {
+        EXPECT_NE(thread, std::this_thread::get_id());
+    }
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));
+    EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
+}
+
+TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResumeOnlyTheSame) {
+    const std::string content = test::testContent(64 * 1024, 9);
+    const std::string older = test::testContent(64 * 1024, 8);
+    const std::string cap = "Failed SizeExceeded: Download exceeds the limit of 65535 bytes.";
+    const std::string gzip = test::gzipEncode(content);
+    const std::string dst = "out/pack.bin";
+    struct Row {
+        const char* name;
+        TestFile file;  // served at /<row>/pack
+        // A partial file from before, with resume data (tag "v1") for this path below /<row>,
+        // of heldBytes or else all of its bytes.
+        std::string held;
+        optional<std::uint64_t> cap;
+        std::string expected;
+        // What the destination holds afterwards when not the file, or "previous" after an error.
+        std::string destination{};
+        std::string heldFor = "/pack";
+        optional<std::uint64_t> heldBytes{};
+    };
+    const TestFile file{.content = content};
+    const Row rows[] = {
+        {"a file as large as the cap", file, "", 65536,
+         "Finished 200 65536/65536 from 0 [-;] " + dst},
+        // Decoded, so neither resumable nor measured by the server's length.
+        {"a compressed file",
+         {.content = gzip, .headers = {{"Content-Encoding", "gzip"}}},
+         "",
+         nullopt,
+         "Finished 200 65536/65536 from 0 [-;] " + dst,
+         content},
+        {"a redirected file",
+         {.status = 302, .headers = {{"Location", redirect(3)}}},
+         "",
+         nullopt,
+         "Finished 200 10/10 from 0 [-;] " + dst,
+         "redirected"},
+        {"an error status",
+         {.content = "missing", .status = 404},
+         "",
+         nullopt,
+         "Finished 404 7/7 from 0 [-;] " + dst},
+        {"a large error body",
+         {.content = content + content, .status = 500},
+         "",
+         nullopt,
+         "Finished 500 65536/65536 from 0 [-;] " + dst},
+        {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;] " + dst},
+        {"a resumed range whose total is beyond the cap", file, content.substr(0, 1000), 65535,
+         cap + " [bytes=1000-;] " + dst},
+        {"more held already than the cap", file, content, 65535, cap + " [] " + dst},
+        {"the same file", file, content.substr(0, 40000), nullopt,
+         "Finished 206 65536/65536 from 40000 [bytes=40000-;] " + dst},
+        // As after a kill: the data was stored when the head came, the partial file grew later.
+        {"bytes written after the data was stored", file, content.substr(0, 40000), nullopt,
+         "Finished 206 65536/65536 from 40000 [bytes=40000-;] " + dst, "", "/pack", 0},
+        {"a changed file",
+         {.content = content, .etag = "\"v2\""},
+         older.substr(0, 1000),
+         nullopt,
+         "Finished 200 65536/65536 from 0 [bytes=1000-;] " + dst},
+        {"a shorter file under the same tag", file, older + "0123456789", nullopt,
+         "Finished 200 65536/65536 from 0 [bytes=65546-;-;] " + dst},
+        {"data of another URL",
+         {.content = content, .etag = ""},
+         "partial",
+         nullopt,
+         "Finished 200 65536/65536 from 0 [-;] " + dst + " out/pack.bin.rd",
+         "",
+         "/other"},
+        // The partial file is untouched, so the data is put back for a later attempt.
+        {"a refusal",
+         {.content = "busy", .status = 503},
+         "partial",
+         nullopt,
+         "Finished 503 4/4 [bytes=7-;] " + dst + " out/pack.bin.part out/pack.bin.rd"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string prefix = "/" + std::to_string(&row - rows);
+        server_.serve(prefix + "/pack", row.file);
+        test::writeWholeFile(destination_, "previous");
+        const ResumeData stored{server_.url(prefix + row.heldFor), part(),
+                                row.heldBytes.value_or(row.held.size()), "\"v1\"", ""};
+        if (!row.held.empty()) {
+            test::writeWholeFile(part(), row.held);
+            ASSERT_TRUE(storeResumeData(destination_, stored));
+        }
+        const auto [description, final] = describe(prefix + "/pack", row.cap);
+        EXPECT_EQ(description, row.expected);
+        if (final.httpResult && *final.httpResult && (**final.httpResult).code >= 300) {
+            EXPECT_EQ(bodyOf(final), row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
+        }
+        const auto& destination = !row.destination.empty()                  ? row.destination
+                                  : row.expected.starts_with("Finished 20") ? row.file.content
+                                                                            : "previous";
+        EXPECT_EQ(test::readWholeFile(destination_), destination);
+        if (destination != "previous") {
+            EXPECT_EQ(cachedDigest(), util::md5String(destination));
+        }
+        for (const auto& request : server_.requestsFor(prefix + "/pack")) {
+            EXPECT_EQ(request.header("if-range"),
+                      request.header("range") ? optional<std::string>("\"v1\"") : nullopt);
+        }
+        if (fs::exists(rd())) {
+            EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())), stored);
+        }
+        if (fs::exists(part())) {
+            EXPECT_EQ(test::readWholeFile(part()), row.held);
+        }
+        fs::remove(part());
+        fs::remove(rd());
+    }
+}
+
+TEST_F(CurlHttpServiceTest, AnUnwritableDestinationIsAFileSystemError) {
+    server_.serve("/pack", TestFile{.content = "whole", .etag = ""});
+    test::writeWholeFile(scratch_.path() / "plain", "x");
+    fs::create_directories(scratch_.path() / "occupied" / "inside");
+    const auto missing = (scratch_.path() / "missing" / "pack.zip").string();
+    const auto plain = (scratch_.path() / "plain" / "pack.zip").string();
+    const struct {
+        std::string destination;
+        std::string message;
+        States states;  // the server is asked only when Downloading comes
+    } rows[] = {
+        {missing, missing + " is not writable.", {kPending, kFailed}},
+        {plain, plain + " is not writable.", {kPending, kFailed}},
+        // The rename at the end fails; without validators nothing is kept to resume.
+        {(scratch_.path() / "occupied").string(),
+         "Is a directory",
+         {kPending, kDownloading, kFailed}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.destination);
+        destination_ = row.destination;
+        const auto before = server_.requestsFor("/pack").size();
+        StatusInbox inbox;
+        start("/pack", inbox);
+        const auto final = test::waitForFinal(inbox);
+        EXPECT_EQ(final.error, (DownloadError{DownloadErrorCode::FileSystemError, row.message}));
+        EXPECT_EQ(phasesOf(inbox.items()), row.states);
+        EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.states.size() - 2);
+        EXPECT_FALSE(fs::exists(part()));
+    }
+}
+
+TEST_F(CurlHttpServiceTest, CancellingAfterTheHeadStoresResumeDataAndResumeAppends) {
+    const std::string content = test::testContent(512 * 1024, 3);
+    const std::string date = "Tue, 01 Oct 2024 10:00:00 GMT";
+    server_.serve("/pack",
+                  TestFile{.content = content, .lastModified = date, .stallAfter = 200 * 1024});
+    StatusInbox first;
+    const auto id = start("/pack", first);
+    test::waitForBytes(first, 200 * 1024);
+    // Written as soon as the head of a resumable answer arrived.
+    ASSERT_TRUE(fs::exists(rd()));
+    EXPECT_TRUE(cancel(id));
+    server_.release();
+    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())),
+              (ResumeData{server_.url("/pack"), part(), 200 * 1024, "\"v1\"", date}));
+    EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
+    EXPECT_EQ(fs::file_size(part()), 200u * 1024);
+
+    StatusInbox second;
+    start("/pack", second, true);
+    const auto final = test::waitForFinal(second);
+    service_.reset();
+    // A resumed download reports Downloading once the server has answered, from where it was.
+    const auto resumed = second.items()[1];
+    EXPECT_EQ(std::tuple(resumed.state, resumed.receivedBytes, resumed.totalBytes),
+              std::tuple(kDownloading, 200u * 1024, optional<std::uint64_t>(content.size())));
+    EXPECT_EQ(final.state, kFinished);
+    EXPECT_EQ(final.receivedBytes, content.size());
+    EXPECT_EQ((*final.httpResult)->code, 206);
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(cachedDigest(), util::md5String(content));  // the bytes from before included
+    EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
+    // The first download's callback heard nothing after the cancellation.
+    EXPECT_NE(first.items().back().state, kFinished);
+    const auto request = server_.requestsFor("/pack").back();
+    EXPECT_EQ(request.header("range"), "bytes=204800-");
+    EXPECT_EQ(request.header("if-range"), "\"v1\"");
+}
+
+TEST_F(CurlHttpServiceTest, CancellingBeforeAnyBytesStoresNothingAndAnswersFalse) {
+    StatusInbox inbox;
+    const auto id = start("/hold", inbox);
+    waitUntil([&] { return server_.heldNow() == 1; });
+    EXPECT_FALSE(cancel(id));
+    EXPECT_FALSE(cancel(nextHttpRequestId() + 100));
+    service_.reset();
+    EXPECT_EQ(phasesOf(inbox.items()), (States{kPending, kDownloading}));
+    EXPECT_EQ(files(), std::set<std::string>{});
+}
+
+TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReports) {
+    server_.serve("/pack",
+                  TestFile{.content = test::testContent(128 * 1024), .stallAfter = 64 * 1024});
+    StatusInbox inbox;
+    test::AnswerInbox answers;
+    std::atomic<std::uint64_t> id{0};
+    bool cancelled = false;  // engine thread only
+    auto record = inbox.callback();
+    CurlHttpService* service = service_.get();
+    id = service->download(DownloadOptions(HttpRequest(server_.url("/pack")), destination_),
+                           [&](DownloadStatus&& status) {
+                               const bool progressed = status.receivedBytes > 0;
+                               record(std::move(status));
+                               if (progressed && !cancelled) {
+                                   cancelled = true;
+                                   service->cancelRequest(id, answers.callback());
+                                   // Answered before the call returned.
+                                   EXPECT_EQ(answers.items().size(), 1u);
+                               }
+                           });
+    EXPECT_TRUE(answers.waitFor(1));
+    server_.release();
+    service_.reset();
+    const auto last = inbox.items().back();
+    EXPECT_FALSE(isFinal(last.state));
+    EXPECT_GT(last.receivedBytes, 0u);
+    expectResumeDataFor(fs::file_size(part()));
+}
+
+TEST_F(CurlHttpServiceTest, TimeoutsKeepWhatArrivedWhileTheEngineServesOthers) {
+    server_.serve("/stall", TestFile{.content = test::testContent(64 * 1024),
+                                     .stallAfter = 16 * 1024,
+                                     .faultyResponses = 1 << 30});
+    HttpRequest held(server_.url("/hold"));
+    held.timeout = 1;
+    EXPECT_EQ(fetch(held).result.error().type, HttpRequestErrorType::RequestTimedOut);
+    StatusInbox noHead;
+    start("/hold", noHead, false, 2);
+    EXPECT_EQ(fetch(HttpRequest(server_.url("/echo"))).result->code, 200);
+    EXPECT_TRUE(noHead.items().empty() || !isFinal(noHead.items().back().state));
+    const auto final = test::waitForFinal(noHead);
+    const auto timedOut = DownloadError{DownloadErrorCode::NetworkError, "Request timed out."};
+    EXPECT_EQ(final.error, timedOut);
+    EXPECT_EQ(*final.httpResult,
+              HttpResult(unexpected(
+                  HttpRequestError{HttpRequestErrorType::RequestTimedOut, "Request timed out."})));
+    EXPECT_EQ(files(), std::set<std::string>{});
+
+    StatusInbox stalled;
+    start("/stall", stalled, false, 1);
+    const auto cut = test::waitForFinal(stalled);
+    server_.release();
+    EXPECT_EQ(cut.error, timedOut);
+    EXPECT_EQ(cut.receivedBytes, 16u * 1024);
+    expectResumeDataFor(16 * 1024);
+}
+
+TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndKeepsResumeData) {
+    server_.serve("/pack",
+                  TestFile{.content = test::testContent(64 * 1024), .stallAfter = 32 * 1024});
+    std::atomic<int> calls{0};
+    for (int index = 0; index < 3; ++index) {
+        service_->request(HttpRequest(server_.url("/hold")), [&](HttpResponse&&) { ++calls; });
+    }
+    StatusInbox inbox;
+    start("/pack", inbox);
+    test::waitForBytes(inbox, 32 * 1024);
+    waitUntil([&] { return server_.heldNow() == 3; });
+    const auto reports = inbox.items().size();
+    service_.reset();  // joins the engine thread
+    server_.release();
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(inbox.items().size(), reports);
+    expectResumeDataFor(32 * 1024);
+}
+
+TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehind) {
+    const UnacceptingListener unaccepting;
+    TestFile manyLines{.content = "huge"};
+    for (int line = 0; line < 5000; ++line) {
+        manyLines.headers.emplace_back("X-Padding-" + std::to_string(line), std::string(100, 'p'));
+    }
+    const auto always = 1 << 30;
+    const auto timedOut = HttpRequestErrorType::RequestTimedOut;
+    const auto connection = HttpRequestErrorType::ConnectionError;
+    const auto other = HttpRequestErrorType::OtherError;
+    const auto network = DownloadErrorCode::NetworkError;
+    const auto tooLarge = DownloadErrorCode::SizeExceeded;
+    const std::string kilobytes64 = test::testContent(64 * 1024);
+    struct Row {
+        const char* name;
+        std::string target;  // a path (served the file, if any) or a URL
+        optional<TestFile> file;
+        HttpRequestErrorType requestError;
+        std::string requestMessagePart;
+        DownloadErrorCode downloadError;
+        std::string downloadMessagePart;
+        // The partial file and its resume data stay for a later resume.
+        bool keepsPartial;
+    };
+    const Row rows[] = {
+        {"head and 16 KiB, then silence", "/stall",
+         TestFile{.content = kilobytes64, .stallAfter = 16 * 1024, .faultyResponses = always},
+         timedOut, "too slow", network, "Request timed out.", true},
+        {"connection accepted, never answered", "/hold", nullopt, timedOut, "too slow", network,
+         "Request timed out.", false},
+        {"connection never accepted", unaccepting.url(), nullopt, timedOut, "Failed to connect",
+         network, "Request timed out.", false},
+        {"a body without a length beyond the cap", "/endless",
+         TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true}, other,
+         "Response body too large.", tooLarge, "limit of 1048576 bytes", false},
+        {"a length beyond the cap", "/beyond",
+         TestFile{.content = "x", .announcedLength = std::size_t{1} << 30}, connection, "",
+         tooLarge, "limit of 1048576 bytes", false},
+        {"a length longer than the body", "/longer",
+         TestFile{.content = test::testContent(32 * 1024),
+                  .headers = {{"Content-Encoding", "identity"}},
+                  .announcedLength = 64 * 1024},
+         connection, "bytes remaining", network, "bytes remaining", true},
+        // Decoded bytes have no place in the server's ranges: nothing is kept to resume.
+        {"a compressed body cut off", "/gzip",
+         TestFile{.content = test::gzipEncode(kilobytes64),
+                  .headers = {{"Content-Encoding", "gzip"}},
+                  .dropAfter = 16 * 1024,
+                  .faultyResponses = always},
+         connection, "", network, "", false},
+        {"a 4 MiB header", "/huge",
+         TestFile{.headers = {{"X-Padding", std::string(4 * 1024 * 1024, 'p')}}}, other,
+         "Response header too large.", network, "Response header too large.", false},
+        {"5000 header lines", "/lines", manyLines, other, "Response header too large.", network,
+         "Response header too large.", false},
+        {"a redirect to file:", "/to-file",
+         TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}}, other, "file",
+         network, "file", false},
+        {"nothing listening", test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt, connection,
+         "127.0.0.1", network, "127.0.0.1", false},
+        {"a plain server asked for TLS", "https" + server_.url("/echo").substr(4), nullopt,
+         HttpRequestErrorType::SSLError, "", network, "", false},
+        {"eleven redirects", redirect(11), {}, other, "redirects", network, "redirects", false},
+        // Only http and https are fetched.
+        {"a file: URL", "file:///etc/hostname", {}, other, "", network, "", false},
+        {"a redirect loop", "/loop", TestFile{.status = 302, .headers = {{"Location", "/loop"}}},
+         other, "redirects", network, "redirects", false},
+    };
+    // The first rows stall, so a short window finds them quickly; the others must not depend on
+    // the speed of a loaded (or sanitized) machine sending a huge head.
+    constexpr std::ptrdiff_t kStallingRows = 3;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        if (row.file) {
+            server_.serve(row.target, *row.file);
+        }
+        setTransferLimits(TransferLimits{
+            .connectTimeout = std::chrono::seconds(1),
+            .lowSpeedBytesPerSecond = 1,
+            .lowSpeedTime = std::chrono::seconds(&row - rows < kStallingRows ? 1 : 60),
+            .maxResponseBytes = 1024 * 1024,
+        });
+        // Both at once: a stall takes a few seconds to be recognised.
+        ResponseInbox responses;
+        service_->request(HttpRequest(urlOf(row.target)), responses.callback());
+        const auto final = download(row.target, false, 1024 * 1024);
+        const auto response = responses.waitFor(1);
+        ASSERT_FALSE(response.result.has_value());
+        EXPECT_EQ(response.result.error().type, row.requestError);
+        EXPECT_NE(response.result.error().message.find(row.requestMessagePart), std::string::npos)
+            << response.result.error().message;
+        ASSERT_EQ(final.state, kFailed);
+        EXPECT_EQ(final.error->code, row.downloadError);
+        EXPECT_NE(final.error->message.find(row.downloadMessagePart), std::string::npos)
+            << final.error->message;
+        if (row.keepsPartial) {
+            EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
+            expectResumeDataFor(fs::file_size(part()));
+        } else {
+            EXPECT_EQ(files(), std::set<std::string>{});
+        }
+        fs::remove(part());
+        fs::remove(rd());
+    }
+}
+
+TEST_F(CurlHttpServiceTest, ADroppedDownloadReportsSparselyKeepsNoTokenAndResumesWithANewOne) {
+    const std::string content = test::testContent(256 * 1024, 21);
+    server_.serve("/pack", TestFile{.content = content, .stallAfter = 128 * 1024});
+    const auto urlWith = [&](const std::string& token) {
+        return server_.url("/pack?region=harbour&access_token=" + token);
+    };
+    const auto expectNoToken = [&](const std::string& token) {
+        for (const auto& [name, bytes] : test::treeContents(scratch_.path())) {
+            EXPECT_EQ(bytes.find(token), std::string::npos) << name;
+        }
+    };
+    StatusInbox inbox;
+    start(urlWith("first-secret"), inbox);
+    test::waitForBytes(inbox, 128 * 1024);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    server_.release();  // the answer breaks off
+    EXPECT_EQ(test::waitForFinal(inbox).error->code, DownloadErrorCode::NetworkError);
+    // Pending and the first Downloading come together; progress after that is coalesced.
+    const auto times = inbox.times();
+    for (std::size_t index = 2; index + 1 < times.size(); ++index) {
+        EXPECT_GE(times[index] - times[index - 1],
+                  DownloadTransfer::kProgressInterval - std::chrono::milliseconds(1))
+            << "report " << index;
+    }
+    expectResumeDataFor(128 * 1024);
+    expectNoToken("first-secret");
+    for (const auto& path : {part(), rd()}) {
+        EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write)
+            << path;
+    }
+    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd()))->url,
+              server_.url("/pack?region=harbour"));
+
+    const auto final = download(urlWith("second-secret"), true);
+    ASSERT_EQ(final.state, kFinished);
+    EXPECT_EQ((**final.httpResult).code, 206);
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=131072-");
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    expectNoToken("second-secret");
+}
+
+TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes) {
+    // A small file system of its own, in a mount namespace of this thread (and of the engine
+    // thread, which it starts afterwards): the rest of the machine never sees it.
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "no mount namespace here: " << std::strerror(errno);
+    }
+    const fs::path disk = scratch_.path() / "out";
+    if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=128k,mode=0700") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    }
+    // The engine thread must start in the new namespace.
+    service_ = std::make_shared<CurlHttpService>();
+    const std::string content = test::testContent(1024 * 1024, 22);
+    server_.serve("/pack", TestFile{.content = content});
+
+    EXPECT_EQ(download("/pack").error,
+              (DownloadError{DownloadErrorCode::FileSystemError, "No space left on device"}));
+    const auto kept = fs::file_size(part());
+    EXPECT_GT(kept, 0u);
+    ASSERT_TRUE(loadResumeData(DownloadOptions(HttpRequest(server_.url("/pack")), destination_)));
+
+    ASSERT_EQ(::mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT, "size=4m,mode=0700"), 0)
+        << std::strerror(errno);
+    EXPECT_EQ(download("/pack", true).state, kFinished);
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"),
+              "bytes=" + std::to_string(kept) + "-");
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    service_.reset();
+    ::umount2(disk.c_str(), MNT_DETACH);
+}
+
+}  // namespace
+}  // namespace terrane::common
