@@ -100,8 +100,8 @@ void OfflineServiceWorker::finishExtendPackDownloadLease(PackKey key, HttpRespon
         if (!holder.isExpired()) {
             // A record that cannot be rewritten keeps the old lease on disk: the pack is renewed
             // again, or re-authorised, after the next start. Not worth a word.
-            (void)base::io::writeFileAtomically(packPaths(root, *context).headerFile,
-                                                serializePackHeaders(holder.headers));
+            (void)base::io::rewriteFile(packPaths(root, *context).headerFile,
+                                        serializePackHeaders(holder.headers));
         }
         return;
     }
@@ -154,8 +154,8 @@ void OfflineServiceWorker::finishPackReauth(PackKey key, HttpResponse response) 
         holder.headers.max_age = lease.max_age;
         if (!holder.isExpired()) {
             // The pack is usable again whether or not the renewed lease reaches the disk.
-            (void)base::io::writeFileAtomically(packPaths(root, *context).headerFile,
-                                                serializePackHeaders(holder.headers));
+            (void)base::io::rewriteFile(packPaths(root, *context).headerFile,
+                                        serializePackHeaders(holder.headers));
             holder.setAvailable();
             return notifyContext(*context);
         }

@@ -26,6 +26,7 @@ constexpr std::size_t readChunkSize = 64 * 1024;
 // Leaves room in NAME_MAX (255) for the dot and the ".tmp-XXXXXX" suffix.
 constexpr std::size_t maxTemporaryStemLength = 200;
 constexpr int temporaryNameAttempts = 100;
+constexpr std::size_t sectorSize = 512;
 
 unexpected<std::string> systemError(int error) {
     return unexpected(std::generic_category().message(error));
@@ -216,6 +217,24 @@ expected<void, std::string> writeFileAtomically(const std::filesystem::path& pat
         return systemError(error);
     }
     return {};
+}
+
+expected<void, std::string> rewriteFile(const std::filesystem::path& path,
+                                        std::string_view contents) {
+    if (!contents.empty() && contents.size() <= sectorSize) {
+        const int fd = openRetrying(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd >= 0) {
+            FileDescriptor descriptor(fd);
+            struct stat status {};
+            if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+                static_cast<std::size_t>(status.st_size) == contents.size() &&
+                ::pwrite(fd, contents.data(), contents.size(), 0) ==
+                    static_cast<ssize_t>(contents.size())) {
+                return {};
+            }
+        }
+    }
+    return writeFileAtomically(path, contents);
 }
 
 }  // namespace terrane::base::io

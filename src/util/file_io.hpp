@@ -34,6 +34,17 @@ terrane::common::expected<std::string, std::string> readFile(const std::filesyst
 terrane::common::expected<void, std::string> writeFileAtomically(const std::filesystem::path& path,
                                                                  std::string_view contents);
 
+// Writes `contents` over a small record of exactly the same length, in place, with one write and
+// no flush: a renewal changes a record's times, not its length, and for thousands of renewals a
+// new file, a rename and two flushes each cost far more than the exchange that renewed them.
+// Only records within the first 512 bytes are written so, since a disk writes a sector whole: a
+// power cut leaves the old record or the new one, never a mix (the new one may be lost, which
+// must cost the caller no more than doing the work again). Any other case (another length, a
+// longer record, no such file, not a regular file, a failed write) goes through
+// writeFileAtomically.
+terrane::common::expected<void, std::string> rewriteFile(const std::filesystem::path& path,
+                                                         std::string_view contents);
+
 // Removes, from `directory` alone (not below it), the temporaries that writeFileAtomically or any
 // writer using the same naming left when the process died between creating and renaming them.
 // Only for a caller that owns the directory exclusively: another writer's temporary in flight

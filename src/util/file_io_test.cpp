@@ -63,6 +63,43 @@ TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLef
     EXPECT_EQ(entries(), std::vector<std::string>{name});
 }
 
+// Within one sector, a record of the same length is written over in place; anything else is
+// replaced whole, and a link is replaced rather than followed.
+TEST_F(FileIoTest, RewritesASameLengthRecordInPlaceAndReplacesAnythingElse) {
+    put(directory_ / "linked", "0123");
+    fs::create_symlink(directory_ / "linked", directory_ / "link");
+    const std::string sector(512, 's');
+    struct Row {
+        std::string name;
+        common::optional<std::string> old;
+        std::string contents;
+        bool inPlace;
+    };
+    const std::vector<Row> rows{
+        {"same", "0123", "4567", true},
+        {"shorter", "012345", "4567", false},
+        {"longer", "01", "4567", false},
+        {"absent", common::nullopt, "4567", false},
+        {"sector", sector, std::string(512, 't'), true},
+        {"beyond", sector + "s", std::string(513, 't'), false},
+        {"link", common::nullopt, "4567", false},
+    };
+    for (const auto& row : rows) {
+        const fs::path path = directory_ / row.name;
+        if (row.old) {
+            put(path, *row.old);
+        }
+        struct stat before {};
+        const bool existed = ::lstat(path.c_str(), &before) == 0;
+        ASSERT_TRUE(rewriteFile(path, row.contents).has_value()) << row.name;
+        EXPECT_EQ(readFile(path), row.contents) << row.name;
+        struct stat after {};
+        ASSERT_EQ(::lstat(path.c_str(), &after), 0);
+        EXPECT_EQ(existed && before.st_ino == after.st_ino, row.inPlace) << row.name;
+    }
+    EXPECT_EQ(readFile(directory_ / "linked"), "0123");
+}
+
 // Over a directory the rename fails, after the temporary was written: it goes too.
 TEST_F(FileIoTest, AFailedWriteLeavesEverythingAsItWas) {
     fs::create_directory(directory_ / "maps");

@@ -77,6 +77,8 @@ void CurlEngine::run() {
         curl_multi_perform(multi_.get(), &running);
         collectFinished();
         tickTransfers();
+        // Before the wait, so that a request admitted now counts in its timeout.
+        admitWaiting();
         deliveries_.drain();
         // Commands posted meanwhile have woken the multi handle already: this returns at once.
         curl_multi_poll(multi_.get(), nullptr, 0, pollTimeoutMilliseconds(), nullptr);
@@ -109,7 +111,24 @@ void CurlEngine::startRequest(std::uint64_t id, HttpRequest&& request,
     if (!transfer->start(userAgent)) {
         return;
     }
+    if (idsByHandle_.size() >= kMaxAdmittedRequests || !waitingOrder_.empty()) {
+        waiting_.emplace(id, std::move(transfer));
+        waitingOrder_.push_back(id);
+        return;
+    }
     launch(id, std::move(transfer));
+}
+
+void CurlEngine::admitWaiting() {
+    while (!waitingOrder_.empty() && idsByHandle_.size() < kMaxAdmittedRequests) {
+        const std::uint64_t id = waitingOrder_.front();
+        waitingOrder_.pop_front();
+        if (auto found = waiting_.find(id); found != waiting_.end()) {
+            std::unique_ptr<CurlTransfer> transfer = std::move(found->second);
+            waiting_.erase(found);
+            launch(id, std::move(transfer));
+        }
+    }
 }
 
 void CurlEngine::startDownload(std::uint64_t id, DownloadOptions&& options,
@@ -153,6 +172,9 @@ void CurlEngine::cancel(std::uint64_t id, ResultCallback&& callback) {
         transfers_.erase(found);
         removeHandle(*transfer);
         answer = transfer->cancel();
+    } else if (const auto queued = waiting_.find(id); queued != waiting_.end()) {
+        answer = queued->second->cancel();
+        waiting_.erase(queued);
     }
     if (callback) {
         callback(answer);
@@ -224,6 +246,11 @@ void CurlEngine::shutdown() {
         transfer->abandon();
     }
     transfers_.clear();
+    for (auto& [id, transfer] : waiting_) {
+        transfer->abandon();
+    }
+    waiting_.clear();
+    waitingOrder_.clear();
     deliveries_.clear();
     std::vector<Command> dropped;
     {

@@ -2,7 +2,9 @@
 
 #include <curl/curl.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -34,6 +36,12 @@ class CurlEngine {
 
     // The cap on connections per host until setMaxHostConnections says otherwise.
     static constexpr long kDefaultMaxHostConnections = 8;
+    // How many plain requests run in the multi handle at once; later ones wait their turn in the
+    // engine, in order. libcurl walks its own list of waiting handles on every removal and the
+    // engine walks its transfers on every round, so ten thousand requests handed over at once
+    // (a lease check of every stored pack) would cost time quadratic in their number. Downloads
+    // are not held back: their inactivity limit runs from their start.
+    static constexpr std::size_t kMaxAdmittedRequests = 256;
 
     CurlEngine();
     // Not from the engine thread (a callback must not let go of the last service holder).
@@ -67,6 +75,8 @@ class CurlEngine {
     // Puts the transfer's handle to work; on failure the transfer is told and dropped.
     void launch(std::uint64_t id, std::unique_ptr<CurlTransfer> transfer);
     bool addHandle(std::uint64_t id, CurlTransfer& transfer);
+    // Launches waiting requests while fewer than kMaxAdmittedRequests handles run.
+    void admitWaiting();
     void removeHandle(CurlTransfer& transfer);
     void shutdown();
 
@@ -79,6 +89,10 @@ class CurlEngine {
     // Engine thread only.
     std::unordered_map<std::uint64_t, std::unique_ptr<CurlTransfer>> transfers_;
     std::unordered_map<CURL*, std::uint64_t> idsByHandle_;
+    // Started requests not yet in the multi handle, and their order (a cancelled one's id stays
+    // in the order until its turn comes and is skipped).
+    std::unordered_map<std::uint64_t, std::unique_ptr<CurlTransfer>> waiting_;
+    std::deque<std::uint64_t> waitingOrder_;
     DeliveryQueue deliveries_;
 
     // Last, so that everything above exists before the thread starts.

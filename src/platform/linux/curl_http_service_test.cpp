@@ -379,6 +379,29 @@ TEST_F(CurlHttpServiceTest, ConnectionsPerHostAreCappedForTransfersStartedAfterw
     }
 }
 
+// Requests beyond those the engine admits at once wait their turn: each still runs, and one
+// cancelled while it waits is answered as any other.
+TEST_F(CurlHttpServiceTest, RequestsBeyondTheAdmittedOnesWaitTheirTurnAndCanBeCancelled) {
+    const std::size_t count = CurlEngine::kMaxAdmittedRequests + 20;
+    ResponseInbox inbox;
+    std::uint64_t last = 0;
+    for (std::size_t index = 0; index < count; ++index) {
+        last = service_->request(HttpRequest(server_.url("/hold")), inbox.callback());
+    }
+    EXPECT_TRUE(cancel(last));
+    EXPECT_EQ(inbox.waitFor(1).result.error().type, HttpRequestErrorType::RequestCancelled);
+    while (inbox.items().size() < count) {
+        server_.release();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const auto items = inbox.items();
+    EXPECT_EQ(std::count_if(items.begin(), items.end(),
+                            [](const HttpResponse& response) {
+                                return response.result && test::bodyText(response) == "held";
+                            }),
+              static_cast<std::ptrdiff_t>(count - 1));
+}
+
 // Engine threads of this process, told apart by their name: a count of all threads would also
 // see the ones a sanitizer's runtime starts on its own.
 std::size_t engineThreads() {

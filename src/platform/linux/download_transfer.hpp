@@ -126,6 +126,8 @@ class DownloadTransfer final : public CurlTransfer {
     std::uint64_t offset_ = 0;
     // Bytes in the partial file.
     std::uint64_t written_ = 0;
+    // Where the bytes whose write-back has not been started yet begin.
+    std::uint64_t writebackFrom_ = 0;
     // Bytes received after those, gathered for one larger write.
     std::vector<char> unwritten_;
     // What resumes this download later; set once validators are known.
