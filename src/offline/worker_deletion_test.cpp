@@ -135,12 +135,7 @@ TEST_F(CancellationAndDeletionTest, APackNobodyCanBeReadingIsDeletedAtOnceWithEv
         cancelPackDownload();
     };
     const std::function<void()> errored = [&] { downloadInFlight().finish("not the pack"); };
-    const std::function<void()> interrupted = [&] {
-        downloadInFlight();
-        worker.reset();
-        start();
-    };
-    for (const auto& prepare : {incomplete, errored, interrupted}) {
+    for (const auto& prepare : {incomplete, errored}) {
         start();
         prepare();
         settle();

@@ -72,7 +72,6 @@ TEST_F(PackDownloadTest, APackUnderWayIsNotDownloadedAgain) {
     start();
     auto transfer = downloadInFlight();
     downloadPack();  // Pending
-    transfer.pending();
     transfer.progress(1);
     settle();
     downloadPack();  // Downloading
@@ -93,8 +92,9 @@ TEST_F(PackDownloadTest, EveryFailedTransferLeavesThePackErroredWithItsMessage) 
         {[](auto& d) { d.report(report(d, DownloadState::Failed)); },
          "Connection, message=Download failed"},
         {[](auto& d) {
-             d.headError(HttpRequestErrorType::SSLError, "certificate rejected");
-             d.finish("x");
+             const HttpRequestError rejected{HttpRequestErrorType::SSLError,
+                                             "certificate rejected"};
+             d.report(report(d, DownloadState::Finished, unexpected(rejected)));
          },
          "Connection, message=certificate rejected"},
         {[](auto& d) { d.report(report(d, DownloadState::Finished)); },

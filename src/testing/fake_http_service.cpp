@@ -132,11 +132,6 @@ FakeExchange::FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t i
     : state_(std::move(state)), id_(id), options_(std::move(options)) {
 }
 
-bool FakeExchange::isAnswered() const {
-    std::lock_guard lock(state_->mutex);
-    return !state_->exchanges.at(id_).onResponse;
-}
-
 void FakeExchange::respond(std::int64_t code, std::string_view body, HttpHeaders headers) const {
     std::lock_guard lock(state_->mutex);
     state_->answerLocked(
@@ -170,12 +165,8 @@ void FakeExchange::script(const std::function<void(DownloadStatus&)>& change) co
 }
 
 void FakeExchange::start() const {
-    pending();
-    progress(0);
-}
-
-void FakeExchange::pending() const {
     script([](DownloadStatus& status) { status.state = DownloadState::Pending; });
+    progress(0);
 }
 
 void FakeExchange::progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes) const {
@@ -184,12 +175,6 @@ void FakeExchange::progress(std::uint64_t receivedBytes, optional<std::uint64_t>
         status.receivedBytes = receivedBytes;
         status.totalBytes = totalBytes ? totalBytes : status.totalBytes;
     });
-}
-
-void FakeExchange::headError(HttpRequestErrorType type, std::string message) const {
-    std::lock_guard lock(state_->mutex);
-    state_->exchanges.at(id_).status.httpResult =
-        unexpected(HttpRequestError{type, std::move(message)});
 }
 
 void FakeExchange::finish(std::string_view content, optional<std::int64_t> code,

@@ -32,9 +32,7 @@ class FakeExchange {
     const std::string& url() const { return request().url; }
     const HttpHeaders& headers() const { return request().headers; }
 
-    // A request. Whether an answer (a response, an error or a cancellation) has been given.
-    bool isAnswered() const;
-    // Answers with an HTTP response; 4xx and 5xx statuses are responses too.
+    // A request. Answers with an HTTP response; 4xx and 5xx statuses are responses too.
     void respond(std::int64_t code, std::string_view body = {}, HttpHeaders headers = {}) const;
     // Answers with a transport failure.
     void fail(HttpRequestErrorType type, std::string message) const;
@@ -46,15 +44,12 @@ class FakeExchange {
     bool resume() const { return options_.resume; }
     // Pending, then Downloading with nothing received yet, as a download that starts afresh.
     void start() const;
-    void pending() const;
     // Downloading with this many bytes received (and the expected size, once known).
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
-    // The response head a later finish() reports.
-    void headError(HttpRequestErrorType type, std::string message) const;
     // Writes content to localPath (replacing any file there), then reports Finished with all
-    // bytes received, with the head of this code (or the scripted one, by default a 200). A file
-    // that cannot be written reports Failed with FileSystemError "<localPath> is not writable.",
-    // as a real service does.
+    // bytes received, with a head of this code (by default a 200, or the head of an earlier
+    // report). A file that cannot be written reports Failed with FileSystemError "<localPath> is
+    // not writable.", as a real service does.
     void finish(std::string_view content, optional<std::int64_t> code = nullopt,
                 HttpHeaders headers = {}) const;
     void fail(DownloadErrorCode code, std::string message) const;
