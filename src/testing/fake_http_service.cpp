@@ -279,22 +279,21 @@ void FakeHttpService::cancelRequest(std::uint64_t id, ResultCallback&& callback)
     }
 }
 
-FakeRequest FakeHttpService::nextRequest() {
+FakeExchange FakeHttpService::next(bool download) {
     std::unique_lock lock(state_->mutex);
-    auto& queue = state_->unclaimed[0];
-    state_->waitLocked(lock, "a request", [&] { return !queue.empty(); });
+    auto& queue = state_->unclaimed[download];
+    state_->waitLocked(lock, download ? "a download" : "a request", [&] { return !queue.empty(); });
     const auto id = queue.front();
     queue.pop_front();
-    return FakeRequest(state_, id, state_->exchanges.at(id).status.downloadOptions);
+    return FakeExchange(state_, id, state_->exchanges.at(id).status.downloadOptions);
+}
+
+FakeRequest FakeHttpService::nextRequest() {
+    return next(false);
 }
 
 FakeDownload FakeHttpService::nextDownload() {
-    std::unique_lock lock(state_->mutex);
-    auto& queue = state_->unclaimed[1];
-    state_->waitLocked(lock, "a download", [&] { return !queue.empty(); });
-    const auto id = queue.front();
-    queue.pop_front();
-    return FakeDownload(state_, id, state_->exchanges.at(id).status.downloadOptions);
+    return next(true);
 }
 
 FakeCancellation FakeHttpService::nextCancellation() {

@@ -146,6 +146,7 @@ class FakeHttpService final : public HttpServiceInterface {
     void clearAutomaticAnswers();
 
   private:
+    FakeExchange next(bool download);
     std::vector<FakeExchange> recorded(bool downloads) const;
 
     std::shared_ptr<FakeHttpState> state_;
