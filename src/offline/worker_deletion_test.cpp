@@ -68,15 +68,6 @@ TEST_F(CancellationAndDeletionTest, ACancelledDownloadKeepsItsFileAndSettlesOnce
     EXPECT_TRUE(downloadInFlight().resume());
 }
 
-TEST_F(CancellationAndDeletionTest, ACancelledDownloadOfAnExpiredPackLeavesItExpired) {
-    storeAvailable(fromNow(-1h), "");
-    start();
-    downloadInFlight();
-    cancelPackDownload();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(line("onExpired", downloadFile(), 0), "onIdle"));
-}
-
 TEST_F(CancellationAndDeletionTest, CancellingAPackThatIsNotDownloadingOnlySaysSo) {
     const std::string notDownloading =
         log("Skipped cancellation of maps pack download of revision 3 of offline region "

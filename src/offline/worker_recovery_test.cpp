@@ -30,9 +30,7 @@ std::string meta(const std::string& id, std::uint32_t revision, bool maps = true
 }
 std::string record(std::uint64_t bytes, bool complete, bool verified,
                    util::TimePoint expires = util::TimePoint::max()) {
-    auto headers = test::packHeaders(bytes, complete, verified);
-    headers.expires = expires;
-    return serializePackHeaders(headers);
+    return serializePackHeaders({expires, -1, "", bytes, complete, verified});
 }
 
 class RecoveryTest : public test::PackLifecycleTest {
@@ -314,7 +312,8 @@ TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenIt
         fs::remove_all(tree.root() / "region-a");
         tree.writeMetadata("3", region());
         if (row.record) {
-            tree.writeHeaders("region-a", "3", maps, test::packHeaders(0, true, false));
+            tree.writeHeaders("region-a", "3", maps,
+                              {util::TimePoint::max(), -1, "", 0, true, false});
         }
         tree.writeFile(fs::relative(packFile(), tree.root()), row.onDisk);
         start();
