@@ -269,7 +269,7 @@ void FakeHttpService::cancelRequest(std::uint64_t id, ResultCallback&& callback)
         auto& exchange = found->second;
         live = exchange.onResponse || exchange.onStatus;
         // A cancelled download never reports again, whatever the answer says.
-        exchange.cancelled = exchange.onStatus != nullptr;
+        exchange.cancelled = exchange.cancelled || exchange.onStatus != nullptr;
         stopped = std::move(exchange.onStatus);
     }
     state_->cancellations.push_back({id, std::make_shared<ResultCallback>(std::move(callback))});
