@@ -180,6 +180,10 @@ TEST_F(RecoveryTest, TheConfigurationRecordIsWrittenOnceAndTemporariesOfInterrup
             << files[i].first;
     }
     EXPECT_EQ(base::io::readFile(tree.root() / "configuration.json"), "written by someone else");
+    // A lock file that names no process (0 is none) marks no holder that died: nothing is swept.
+    build({{".lock", "0\n"}, {files[1].first, ""}});
+    start();
+    EXPECT_TRUE(fs::exists(tree.root() / files[1].first));
 }
 
 TEST_F(RecoveryTest, WhatCannotBeReadIsReportedAndTheRestRecovered) {
