@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,77 +17,59 @@
 
 namespace terrane::common::test {
 
-class FakeHttpState;
+struct FakeHttpState;
 
-// A request issued by the code under test, and the means to answer it. A handle: copies refer to
-// the same exchange and share its state with the service, and every member may be called from any
-// thread. An exchange answered twice is a test failure. Handles may outlive their service; answers
-// given then are dropped.
-class FakeRequest {
+// A request or a download issued by the code under test, and the means to answer it. A handle:
+// copies refer to the same exchange, every member may be called from any thread, and handles may
+// outlive their service (answers given then are dropped). Answering a request twice, or scripting
+// a download after its final state, is a test failure; scripting a download after it has been
+// cancelled is silently dropped (the cancellation may have crossed the answer).
+class FakeExchange {
   public:
     std::uint64_t id() const { return id_; }
-    const HttpRequest& request() const { return request_; }
-    HttpMethod method() const { return request_.method; }
-    const std::string& url() const { return request_.url; }
-    const HttpHeaders& headers() const { return request_.headers; }
+    const HttpRequest& request() const { return options_.request; }
+    HttpMethod method() const { return request().method; }
+    const std::string& url() const { return request().url; }
+    const HttpHeaders& headers() const { return request().headers; }
 
-    // Whether an answer (a response, an error or a cancellation) has been given.
-    bool isAnswered() const;
-
-    // Answers with an HTTP response; 4xx and 5xx statuses are responses too.
+    // A request. Answers with an HTTP response; 4xx and 5xx statuses are responses too.
     void respond(std::int64_t code, std::string_view body = {}, HttpHeaders headers = {}) const;
     // Answers with a transport failure.
     void fail(HttpRequestErrorType type, std::string message) const;
 
-  private:
-    friend class FakeHttpState;
-    FakeRequest(std::shared_ptr<FakeHttpState> state, std::uint64_t id, HttpRequest request);
-
-    std::shared_ptr<FakeHttpState> state_;
-    std::uint64_t id_;
-    HttpRequest request_;
-};
-
-// A download started by the code under test, and the means to script its progress. The fake keeps
-// one status record per download, as a real service does: every call below updates it and
-// delivers a copy. Members may be called from any thread. Nothing is delivered on its own, not even
-// the first Pending. Scripting a download after its final state is a test failure; after it has
-// been cancelled, scripting is silently dropped (the cancellation may have crossed the answer).
-class FakeDownload {
-  public:
-    std::uint64_t id() const { return id_; }
+    // A download. The fake keeps one status record per download, as a real service does: every
+    // call below updates it and delivers a copy. Nothing is delivered on its own.
     const DownloadOptions& options() const { return options_; }
-    const HttpRequest& request() const { return options_.request; }
-    const std::string& url() const { return options_.request.url; }
     const std::string& localPath() const { return options_.localPath; }
     bool resume() const { return options_.resume; }
-
-    // Pending, then Downloading with nothing received yet: what a real service reports when a
-    // download starts afresh.
+    // Pending, then Downloading with nothing received yet, as a download that starts afresh.
     void start() const;
-    void pending() const;
     // Downloading with this many bytes received (and the expected size, once known).
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
-    void headError(HttpRequestErrorType type, std::string message) const;
-    // Writes content to localPath (replacing any file there), then reports Finished with all bytes
-    // received; without a scripted head the response is a 200. A file that cannot be written
-    // reports Failed with FileSystemError "<localPath> is not writable.", as a real service does.
-    void finish(std::string_view content) const;
-    void finish(std::string_view content, std::int64_t code, HttpHeaders headers = {}) const;
+    // Writes content to localPath (replacing any file there), then reports Finished with all
+    // bytes received, with a head of this code (by default a 200, or the head of an earlier
+    // report). A file that cannot be written reports Failed with FileSystemError "<localPath> is
+    // not writable.", as a real service does.
+    void finish(std::string_view content, optional<std::int64_t> code = nullopt,
+                HttpHeaders headers = {}) const;
     void fail(DownloadErrorCode code, std::string message) const;
     // Delivers a status record exactly as given, for cases the helpers above do not cover.
     void report(DownloadStatus status) const;
 
   private:
-    friend class FakeHttpState;
-    FakeDownload(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options);
+    friend class FakeHttpService;
+    FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options);
+    // Applies change to the download's record and delivers a copy, unless it was cancelled.
+    void script(const std::function<void(DownloadStatus&)>& change) const;
 
     std::shared_ptr<FakeHttpState> state_;
     std::uint64_t id_;
-    DownloadOptions options_;
+    DownloadOptions options_;  // a plain request has only its request
 };
+using FakeRequest = FakeExchange;
+using FakeDownload = FakeExchange;
 
-// A cancelRequest call of the code under test. A handle like FakeRequest; any thread.
+// A cancelRequest call of the code under test. A handle like FakeExchange; any thread.
 class FakeCancellation {
   public:
     // The id the code under test asked to cancel.
@@ -96,7 +79,7 @@ class FakeCancellation {
     void answer(bool answer) const;
 
   private:
-    friend class FakeHttpState;
+    friend class FakeHttpService;
     FakeCancellation(std::shared_ptr<FakeHttpState> state, std::size_t index, std::uint64_t id);
 
     std::shared_ptr<FakeHttpState> state_;
@@ -117,14 +100,13 @@ class FakeCancellation {
 //     listing.respond(200, R"({"region": {}})");
 //
 // Cancellations are answered at once by default: false for an id that names nothing in flight,
-// true for a live exchange. A
-// cancelled download reports nothing more; a plain request cancelled with true then receives
-// RequestCancelled. In manual mode the test answers each FakeCancellation itself.
+// true for a live exchange. A cancelled download reports nothing more; a plain request cancelled
+// with true then receives RequestCancelled. In manual mode the test answers each cancellation.
 //
 // Waiting calls give up after a generous guard timeout and throw std::runtime_error, which fails
 // the test at that line instead of hanging it. Destroying the fake delivers the answers already
 // given, then joins the delivery thread; exchanges never answered end without a callback. The fake
-// must not be destroyed by one of its own callbacks (that aborts).
+// must not be destroyed by one of its own callbacks.
 class FakeHttpService final : public HttpServiceInterface {
   public:
     static constexpr std::chrono::milliseconds kDefaultGuardTimeout{30'000};
@@ -135,26 +117,24 @@ class FakeHttpService final : public HttpServiceInterface {
     FakeHttpService& operator=(const FakeHttpService&) = delete;
 
     // HttpServiceInterface: callable from any thread, including the fake's callbacks.
-    void setMaxRequestsPerHost(std::uint8_t max) override;
+    void setMaxRequestsPerHost(std::uint8_t) override {}
     std::uint64_t request(HttpRequest&& request, HttpResponseCallback&& callback) override;
     void cancelRequest(std::uint64_t id, ResultCallback&& callback) override;
-    bool supportsKeepCompression() override;
+    bool supportsKeepCompression() override { return false; }
     std::uint64_t download(DownloadOptions&& options, DownloadStatusCallback&& callback) override;
 
     // Waiting for the code under test. Each returns the oldest exchange not yet returned by an
-    // earlier call; requests and downloads answered automatically are skipped. Not from the
-    // delivery thread.
+    // earlier call; requests answered automatically are skipped. Not from the delivery thread.
     FakeRequest nextRequest();
     FakeDownload nextDownload();
     FakeCancellation nextCancellation();
     // Blocks until every answer given so far has been delivered and its callback has returned.
     void waitUntilDelivered();
 
-    // Everything recorded so far, in the order of the calls. The queries below may be called from
-    // any thread.
+    // Everything recorded so far, in the order of the calls. Any thread.
     std::vector<FakeRequest> requests() const;
     std::vector<FakeDownload> downloads() const;
-    std::vector<FakeCancellation> cancellations() const;
+    std::size_t cancellationCount() const;
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.
     void answerCancellationsManually(bool manual = true);
@@ -162,10 +142,13 @@ class FakeHttpService final : public HttpServiceInterface {
     // first matching rule wins.
     void respondToUrlsStartingWith(std::string prefix, std::int64_t code, std::string body,
                                    HttpHeaders headers = {});
-    // Removes every fault switch and canned answer; later exchanges wait for the test again.
+    // Removes every canned answer; later requests wait for the test again.
     void clearAutomaticAnswers();
 
   private:
+    FakeExchange next(bool download);
+    std::vector<FakeExchange> recorded(bool downloads) const;
+
     std::shared_ptr<FakeHttpState> state_;
     std::thread delivery_;
 };

@@ -29,9 +29,9 @@ class ManualWorker {
     ManualWorker(const std::string& path, const OfflineServiceOptions& options,
                  OfflineServiceObservers observers)
         : queue(std::make_shared<TaskQueue>()) {
-        worker = std::construct_at(reinterpret_cast<OfflineServiceWorker*>(&storage),
-                                   Proxy<OfflineServiceWorker>(object(), queue), path, options,
-                                   std::move(observers));
+        auto* object = reinterpret_cast<OfflineServiceWorker*>(&storage);
+        worker = std::construct_at(object, Proxy<OfflineServiceWorker>(object, queue), path,
+                                   options, std::move(observers));
     }
     ~ManualWorker() { std::destroy_at(worker); }
 
@@ -40,9 +40,6 @@ class ManualWorker {
 
     OfflineServiceWorker& operator*() const { return *worker; }
     OfflineServiceWorker* operator->() const { return worker; }
-
-    // A handle that posts to this worker's queue, as the callbacks of the worker's own do.
-    Proxy<OfflineServiceWorker> proxy() { return Proxy<OfflineServiceWorker>(object(), queue); }
 
     // Runs queued tasks in queue order, including those they queue in turn, until nothing is
     // left (idle checks too). Returns how many ran.
@@ -59,15 +56,13 @@ class ManualWorker {
         }
     }
 
-    // Runs the first queued task only, if there is one. Returns whether one ran.
+    // Runs the first queued task only; a marker keeps get() from waiting on an empty queue, and
+    // one left behind is passed over by the next run. Returns whether a task ran.
     bool runOne() {
-        // Keeps get() from waiting on an empty queue.
         putMarker();
         std::unique_ptr<Task> task = queue->get();
-        const bool marker = dynamic_cast<Marker*>(task.get()) != nullptr;
         (*task)();
-        // A marker left behind is passed over by the next run.
-        return !marker;
+        return dynamic_cast<Marker*>(task.get()) == nullptr;
     }
 
     // What the WorkerThread's destructor does first: from now on the worker is shutting down.
@@ -104,8 +99,6 @@ class ManualWorker {
         }
         return ran;
     }
-
-    OfflineServiceWorker* object() { return reinterpret_cast<OfflineServiceWorker*>(&storage); }
 
     std::shared_ptr<TaskQueue> queue;
     alignas(OfflineServiceWorker) std::byte storage[sizeof(OfflineServiceWorker)];

@@ -119,11 +119,8 @@ class PackLifecycleTest : public ::testing::Test {
     // A pack that an earlier run downloaded and verified, with this lease.
     void storeAvailable(util::TimePoint expires, std::string etag, std::int64_t maxAge = 86400) {
         tree.writeMetadata("3", region());
-        auto headers = packHeaders(content.size(), true, true);
-        headers.expires = expires;
-        headers.etag = std::move(etag);
-        headers.max_age = maxAge;
-        tree.writeHeaders("region-a", "3", maps, headers);
+        tree.writeHeaders("region-a", "3", maps,
+                          {expires, maxAge, std::move(etag), content.size(), true, true});
         tree.writeFile(std::filesystem::relative(packFile(), tree.root()), content);
     }
 
@@ -132,9 +129,7 @@ class PackLifecycleTest : public ::testing::Test {
     void storeUnverified(const std::string& downloaded,
                          util::TimePoint expires = util::TimePoint::max()) {
         tree.writeMetadata("3", region());
-        auto headers = packHeaders(0, true, false);
-        headers.expires = expires;
-        tree.writeHeaders("region-a", "3", maps, headers);
+        tree.writeHeaders("region-a", "3", maps, {expires, -1, "", 0, true, false});
         tree.writeFile(std::filesystem::relative(downloadFile(), tree.root()), downloaded);
     }
 

@@ -8,37 +8,34 @@
 #include <cerrno>
 #include <filesystem>
 #include <utility>
-#include <vector>
 
 namespace terrane::common::test {
 
-// Makes this thread, and the threads it starts from now on, subject to permission bits even
-// when it runs as root, by lowering CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH from its effective
-// capabilities (they stay permitted, and the destructor raises them again). Without root
-// privileges there is nothing to lower.
-class PermissionBitsApply {
+// Closes a directory (mode 000) for the lifetime of the object and makes this thread, and the
+// threads it starts meanwhile, subject to that even as root: CAP_DAC_OVERRIDE and
+// CAP_DAC_READ_SEARCH leave its effective capabilities (they stay permitted). The destructor
+// raises them again and opens the directory, so that it can be cleaned up.
+class ClosedDirectory {
   public:
-    PermissionBitsApply() {
-        if (::geteuid() != 0) {
-            return;
+    explicit ClosedDirectory(std::filesystem::path directory_) : directory(std::move(directory_)) {
+        std::filesystem::permissions(directory, std::filesystem::perms::none);
+        if (::geteuid() == 0 && ::syscall(SYS_capget, &header, saved) == 0) {
+            __user_cap_data_struct lowered[2] = {saved[0], saved[1]};
+            lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+            lowered_ = ::syscall(SYS_capset, &header, lowered) == 0;
         }
-        if (::syscall(SYS_capget, &header, saved) != 0) {
-            return;
-        }
-        __user_cap_data_struct lowered[2] = {saved[0], saved[1]};
-        lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-        changed = ::syscall(SYS_capset, &header, lowered) == 0;
     }
-    ~PermissionBitsApply() {
-        if (changed) {
+    ~ClosedDirectory() {
+        if (lowered_) {
             ::syscall(SYS_capset, &header, saved);
         }
+        std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
     }
-    PermissionBitsApply(const PermissionBitsApply&) = delete;
-    PermissionBitsApply& operator=(const PermissionBitsApply&) = delete;
+    ClosedDirectory(const ClosedDirectory&) = delete;
+    ClosedDirectory& operator=(const ClosedDirectory&) = delete;
 
-    // Whether a directory of mode 000 really is closed to this thread.
-    static bool refuses(const std::filesystem::path& directory) {
+    // Whether the directory really is closed to this thread.
+    bool refuses() const {
         DIR* opened = ::opendir(directory.c_str());
         if (opened == nullptr) {
             return errno == EACCES;
@@ -48,31 +45,10 @@ class PermissionBitsApply {
     }
 
   private:
+    std::filesystem::path directory;
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct saved[2]{};
-    bool changed = false;
-};
-
-// Closes directories (mode 000) for the length of a test and opens them again, so that they can
-// be cleaned up.
-class ClosedDirectories {
-  public:
-    explicit ClosedDirectories(std::vector<std::filesystem::path> directories_)
-        : directories(std::move(directories_)) {
-        for (const auto& directory : directories) {
-            std::filesystem::permissions(directory, std::filesystem::perms::none);
-        }
-    }
-    ~ClosedDirectories() {
-        for (const auto& directory : directories) {
-            std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
-        }
-    }
-    ClosedDirectories(const ClosedDirectories&) = delete;
-    ClosedDirectories& operator=(const ClosedDirectories&) = delete;
-
-  private:
-    std::vector<std::filesystem::path> directories;
+    bool lowered_ = false;
 };
 
 }  // namespace terrane::common::test

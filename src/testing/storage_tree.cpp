@@ -63,15 +63,10 @@ StorageTree::StorageTree(const std::filesystem::path& servicePath, std::string_v
     : root_(storageRoot(servicePath, baseURL, username)) {
 }
 
-std::filesystem::path StorageTree::revisionDirectory(std::string_view regionId,
-                                                     std::string_view revisionName) const {
-    return root_ / regionId / revisionName;
-}
-
 std::filesystem::path StorageTree::packFile(std::string_view regionId,
                                             std::string_view revisionName,
                                             OfflineDataDomain domain) const {
-    return revisionDirectory(regionId, revisionName) / toString(domain) /
+    return root_ / regionId / revisionName / toString(domain) /
            std::to_string(expectedFormat(domain));
 }
 
@@ -115,14 +110,6 @@ OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, b
                                     "fedcba9876543210fedcba9876543210", 2048, 1, ""};
     }
     return region;
-}
-
-OfflineDataPackHeaders packHeaders(std::uint64_t bytes, bool complete, bool verified) {
-    OfflineDataPackHeaders headers;
-    headers.bytes = bytes;
-    headers.complete = complete;
-    headers.verified = verified;
-    return headers;
 }
 
 }  // namespace terrane::common::test

@@ -42,8 +42,6 @@ class StorageTree {
     // The account directory below the service path.
     const std::filesystem::path& root() const noexcept { return root_; }
 
-    std::filesystem::path revisionDirectory(std::string_view regionId,
-                                            std::string_view revisionName) const;
     // The pack file (".../maps/1"); its download file and header record are derived from it.
     std::filesystem::path packFile(std::string_view regionId, std::string_view revisionName,
                                    OfflineDataDomain domain) const;
@@ -73,8 +71,5 @@ std::vector<std::string> filesContaining(const std::filesystem::path& directory,
 // A region revision with a maps and/or a navigation pack (format 1) and a small outline.
 OfflineDataRegionMetadata sampleRegion(std::string id, std::uint32_t revision, bool maps = true,
                                        bool navigation = false);
-
-// A pack header record without lease: `bytes` so far, and how far the pack has come.
-OfflineDataPackHeaders packHeaders(std::uint64_t bytes, bool complete, bool verified);
 
 }  // namespace terrane::common::test
