@@ -15,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-namespace fs = std::filesystem;
 
 rapidjson::Document parse(const std::string& text) {
     rapidjson::Document document;
@@ -31,37 +30,6 @@ expected<OfflineDataRegionMetadata, OfflineDataError> readRegion(const std::stri
 
 const OfflineDataPackMetadata pack{"terrane://offline-data/p", "0123456789abcdef0123456789abcdef",
                                    1234, 1, ""};
-
-TEST(OfflineStorage, PathsOfTheTree) {
-    // printf 'https://api.example.com/alice' | md5sum; an empty username keeps its separator.
-    EXPECT_EQ(storageRoot("/data", "https://api.example.com", "alice"),
-              fs::path("/data/a08e9eaa363db244ec1a6010a2f195d6"));
-    EXPECT_EQ(accountDirectoryName("https://api.example.com", ""),
-              "d4ad06b5c27df5f06bef8ae48d451d72");
-    const fs::path revision = revisionDirectoryPath("/root", "berlin", 4294967295u);
-    const fs::path packFile = packFilePath(revision, OfflineDataDomain::Navigation, 1);
-    const std::vector<std::pair<fs::path, std::string>> rows{
-        {configurationFilePath("/root"), "/root/configuration.json"},
-        {revision, "/root/berlin/4294967295"},
-        {metadataFilePath(revision), "/root/berlin/4294967295/metadata.json"},
-        {packFile, "/root/berlin/4294967295/navigation/1"},
-        {downloadFilePath(packFile), "/root/berlin/4294967295/navigation/1.tmp"},
-        {headerFilePath(packFile), "/root/berlin/4294967295/navigation/1.json"},
-        {headerFilePath(downloadFilePath(packFile)), "/root/berlin/4294967295/navigation/1.json"},
-    };
-    for (const auto& [path, expected] : rows) {
-        EXPECT_EQ(path, fs::path(expected));
-    }
-}
-
-TEST(OfflineStorage, RegionIdsThatWouldLeaveTheRootOrHoldControlsAreInvalid) {
-    for (const std::string& id : {""s, "."s, ".."s, "a/b"s, "/"s, "a\0b"s, "a\x1F"s, "\x7F"s}) {
-        EXPECT_FALSE(isValidRegionId(id)) << id;
-    }
-    for (const std::string& id : {"berlin"s, "..."s, ".hidden"s, "a b"s, "a\\b"s, "~ \x80"s}) {
-        EXPECT_TRUE(isValidRegionId(id)) << id;
-    }
-}
 
 TEST(OfflineStorage, RecordsAreWrittenMemberByMemberInAFixedOrder) {
     OfflineDataPackHeaders headers{
@@ -130,10 +98,8 @@ TEST(OfflineStorage, PackHeaderRecordsAreReadLeniently) {
         {R"({"expires": 18446744073709551615, "max_age": 18446744073709551615})",
          OfflineDataPackHeaders{util::TimePoint::max(), largest, "", 0, false, false}},
         {"", nullopt},
-        {"{", nullopt},
         {"[]", nullopt},
         {R"({"bytes": 1} {})", nullopt},
-        {deep, nullopt},
         {R"({"etag": )" + deep + "}", nullopt},
     };
     for (const auto& row : rows) {
@@ -170,7 +136,6 @@ TEST(OfflineStorage, EachRegionDocumentReadsAsExpected) {
         {R"({"revision": 4294967295, "configuration": {"geography": null}})",
          "r4294967295 maps=- nav=- geo=0"},
         {R"({"configuration": {}, "revision": 4294967296})", "Region must have a revision number"},
-        {R"({"configuration": {}, "revision": "3"})", "Region must have a revision number"},
         // Entries of other formats or domains are skipped unread; a later one of a domain wins.
         {packs(R"({"domain": "maps", "format": 2}, {"domain": "Maps", "format": 1},
                   {"domain": "terrain", "format": 1}, {"domain": "navigation", "format": 0})"),
@@ -180,7 +145,6 @@ TEST(OfflineStorage, EachRegionDocumentReadsAsExpected) {
                maps + R"(, "size": 2, "data_version": "v2"})"),
          "r3 maps=u/2/v2 nav=n/18446744073709551615/ geo=0"},
         {packs(maps + R"(, "size": 3.5})"), "Region pack's size must be a positive integer"},
-        {packs(maps + R"(, "size": -5})"), "Region pack's size must be a positive integer"},
         {with(R"("geography": {"type": "Feature", "geometry": {"type": "Point",
                   "coordinates": [1, 2]}}})"),
          "r3 maps=- nav=- geo=1"},
