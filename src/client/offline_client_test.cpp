@@ -215,16 +215,14 @@ TEST_F(OfflineClientTest, FinalErrorsAndTheAttemptLimitEndThePack) {
         OfflineDataErrorCode code;
         std::size_t downloads;
     };
+    using Code = OfflineDataErrorCode;
     const Row rows[] = {
-        {[](const FakeDownload& d) { d.finish("denied", 401); }, nullopt,
-         OfflineDataErrorCode::Unauthorized, 1},
-        {[](const FakeDownload& d) { d.finish("gone", 404); }, nullopt,
-         OfflineDataErrorCode::NotFound, 1},
+        {[](const FakeDownload& d) { d.finish("denied", 401); }, nullopt, Code::Unauthorized, 1},
+        {[](const FakeDownload& d) { d.finish("gone", 404); }, nullopt, Code::NotFound, 1},
         // Corrupt twice: the second download starts from scratch, the second failure is final.
-        {[](const FakeDownload& d) { d.finish("not the pack"); }, nullopt,
-         OfflineDataErrorCode::Corrupt, 2},
-        {[](const FakeDownload& d) { d.fail(DownloadErrorCode::NetworkError, "dropped"); }, 3,
-         OfflineDataErrorCode::Connection, 3},
+        {[](const FakeDownload& d) { d.finish("not the pack"); }, nullopt, Code::Corrupt, 2},
+        {[](const FakeDownload& d) { d.fail(DownloadErrorCode::NetworkError, "x"); }, 3,
+         Code::Connection, 3},
     };
     for (const auto& row : rows) {
         const std::size_t before = http->downloads().size();
@@ -233,7 +231,7 @@ TEST_F(OfflineClientTest, FinalErrorsAndTheAttemptLimitEndThePack) {
         auto operation = client.download(region(), {maps}, withProgress(retry));
         for (std::size_t download = 0; download < row.downloads; ++download) {
             row.fail(http->nextDownload());
-            if (download + 1 < row.downloads && row.code != OfflineDataErrorCode::Corrupt) {
+            if (download + 1 < row.downloads && row.code != Code::Corrupt) {
                 clock->advance(progress->next(retryWaiting).nextRetry.value() - clock->now());
             }
         }
