@@ -82,6 +82,10 @@ bool retryWaiting(const PackProgress& progress) {
     return progress.nextRetry.has_value();
 }
 
+bool available(const PackProgress& progress) {
+    return progress.state == OfflineDataPackStatus::Available;
+}
+
 // Clients over a real offline service whose HTTP service is the scriptable fake, with a clock
 // that moves only when the test says and no jitter.
 class OfflineClientTest : public ::testing::Test {
@@ -133,27 +137,6 @@ class OfflineClientTest : public ::testing::Test {
     std::vector<std::unique_ptr<OfflineClient>> clients;
 };
 
-TEST_F(OfflineClientTest, AnAvailablePackCompletesAtOnceAndAnAbsentOneWithNotFound) {
-    auto& client = makeClient();
-    auto first = client.download(region(), {maps, navigation}, withProgress());
-    http->nextDownload().finish(content);
-    const auto& results = first.result();
-    ASSERT_TRUE(results[0].outcome) << results[0].outcome.error();
-    EXPECT_THAT(results[0].outcome->path, EndsWith("maps/1"));
-    expectError(results[1], OfflineDataErrorCode::NotFound);
-    const auto last = progress->next([](const PackProgress& record) {
-        return record.state == OfflineDataPackStatus::Available;
-    });
-    EXPECT_EQ(last.bytesDone, content.size());
-    EXPECT_EQ(last.bytesTotal, content.size());
-
-    // The service answers nothing when asked for an available pack; the client still does.
-    const auto again = client.download(region(), {maps});
-    ASSERT_TRUE(again.wait_for(10s));
-    EXPECT_EQ(again.result()[0].outcome, results[0].outcome);
-    EXPECT_EQ(http->downloads().size(), 1u);
-}
-
 TEST_F(OfflineClientTest, TheCatalogueIsWaitedForUntilItArrivesTheTimeoutOrTheStop) {
     auto& client = makeClient();
     http->respondToUrlsStartingWith(
@@ -197,7 +180,7 @@ TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnTheBackoffScheduleWhichPr
          1s},
         {drop, 2s},
     };
-    auto operation = client.download(region(), {maps}, withProgress());
+    auto operation = client.download(region(), {maps, navigation}, withProgress());
     std::uint32_t attempt = 0;
     for (const auto& row : rows) {
         ++attempt;
@@ -209,7 +192,18 @@ TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnTheBackoffScheduleWhichPr
         clock->advance(row.delay);
     }
     http->nextDownload().finish(content);
-    EXPECT_TRUE(operation.result()[0].outcome);
+    const auto& results = operation.result();
+    ASSERT_TRUE(results[0].outcome) << results[0].outcome.error();
+    EXPECT_THAT(results[0].outcome->path, EndsWith("maps/1"));
+    expectError(results[1], OfflineDataErrorCode::NotFound);  // the region has no such pack
+    const auto last = progress->next(available);
+    EXPECT_EQ(std::pair(last.bytesDone, last.bytesTotal),
+              std::pair(content.size(), content.size()));
+
+    // The service answers nothing when asked for an available pack; the client still does.
+    const auto again = client.download(region(), {maps});
+    ASSERT_TRUE(again.wait_for(10s));
+    EXPECT_EQ(again.result()[0].outcome, results[0].outcome);
     EXPECT_EQ(http->downloads().size(), std::size(rows) + 1);
 }
 
@@ -221,16 +215,14 @@ TEST_F(OfflineClientTest, FinalErrorsAndTheAttemptLimitEndThePack) {
         OfflineDataErrorCode code;
         std::size_t downloads;
     };
+    using Code = OfflineDataErrorCode;
     const Row rows[] = {
-        {[](const FakeDownload& d) { d.finish("denied", 401); }, nullopt,
-         OfflineDataErrorCode::Unauthorized, 1},
-        {[](const FakeDownload& d) { d.finish("gone", 404); }, nullopt,
-         OfflineDataErrorCode::NotFound, 1},
+        {[](const FakeDownload& d) { d.finish("denied", 401); }, nullopt, Code::Unauthorized, 1},
+        {[](const FakeDownload& d) { d.finish("gone", 404); }, nullopt, Code::NotFound, 1},
         // Corrupt twice: the second download starts from scratch, the second failure is final.
-        {[](const FakeDownload& d) { d.finish("not the pack"); }, nullopt,
-         OfflineDataErrorCode::Corrupt, 2},
-        {[](const FakeDownload& d) { d.fail(DownloadErrorCode::NetworkError, "dropped"); }, 3,
-         OfflineDataErrorCode::Connection, 3},
+        {[](const FakeDownload& d) { d.finish("not the pack"); }, nullopt, Code::Corrupt, 2},
+        {[](const FakeDownload& d) { d.fail(DownloadErrorCode::NetworkError, "x"); }, 3,
+         Code::Connection, 3},
     };
     for (const auto& row : rows) {
         const std::size_t before = http->downloads().size();
@@ -239,7 +231,7 @@ TEST_F(OfflineClientTest, FinalErrorsAndTheAttemptLimitEndThePack) {
         auto operation = client.download(region(), {maps}, withProgress(retry));
         for (std::size_t download = 0; download < row.downloads; ++download) {
             row.fail(http->nextDownload());
-            if (download + 1 < row.downloads && row.code != OfflineDataErrorCode::Corrupt) {
+            if (download + 1 < row.downloads && row.code != Code::Corrupt) {
                 clock->advance(progress->next(retryWaiting).nextRetry.value() - clock->now());
             }
         }
@@ -358,10 +350,7 @@ TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkA
         }
         download.finish(content);
         ASSERT_TRUE(operation.result()[0].outcome) << number;
-        const auto available = progress->next([](const PackProgress& record) {
-            return record.state == OfflineDataPackStatus::Available;
-        });
-        EXPECT_EQ(available.attempt, 1u) << "waiting for the network is no retry";
+        EXPECT_EQ(progress->next(available).attempt, 1u) << "waiting for the network is no retry";
     }
 }
 

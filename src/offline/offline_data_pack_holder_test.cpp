@@ -7,7 +7,6 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "testing/recording_observer.hpp"
 
@@ -15,109 +14,65 @@ namespace terrane::common {
 namespace {
 
 using namespace std::chrono_literals;
-using Status = OfflineDataPackStatus;
+using H = OfflineDataPackHolder;
+using S = OfflineDataPackStatus;
 
 const util::TimePoint now{1'700'000'000'000ms};
 
 TEST(PackHolder, EverySetterChangesItsFieldsAndOnlyThoseAndAdvancesTheGeneration) {
     const OfflineDataError corrupt{OfflineDataErrorCode::Corrupt, "changed"};
     const std::string old = "/old/maps/1.tmp";
+    // Each row starts from a pack errored at generation 2 that awaits one acknowledgement.
     const struct {
-        const char* name;
-        std::function<void(OfflineDataPackHolder&)> set;
+        std::function<void(H&)> set;
         OfflineDataPack expected;
         bool acknowledgementsKept;
     } rows[] = {
-        {"setPending",
-         [](auto& h) { h.setPending("/p", 3); },
-         {Status::Pending, nullopt, "/p", 3},
-         false},
-        {"setDownloading",
-         [](auto& h) { h.setDownloading(9); },
-         {Status::Downloading, nullopt, old, 9},
-         false},
-        {"setIncomplete",
-         [](auto& h) { h.setIncomplete(); },
-         {Status::Incomplete, nullopt, old, 7},
-         true},
-        {"setVerifying",
-         [](auto& h) { h.setVerifying(); },
-         {Status::Verifying, nullopt, old, 7},
-         true},
-        {"setAvailable(path)",
-         [](auto& h) { h.setAvailable("/p"); },
-         {Status::Available, nullopt, "/p", 7},
-         false},
-        {"setAvailable()",
-         [](auto& h) { h.setAvailable(); },
-         {Status::Available, nullopt, old, 7},
-         false},
-        {"setExpired(error)",
-         [&](auto& h) { h.setExpired(corrupt); },
-         {Status::Expired, corrupt, old, 7},
-         true},
-        {"setExpired(none)",
-         [](auto& h) { h.setExpired(nullopt); },
-         {Status::Expired, nullopt, old, 7},
-         true},
-        {"setExpired(path)",
-         [](auto& h) { h.setExpired(std::string("/p")); },
-         {Status::Expired, nullopt, "/p", 7},
-         true},
-        {"setError",
-         [&](auto& h) { h.setError(corrupt); },
-         {Status::Errored, corrupt, old, 7},
-         true},
-        {"setDeleting",
-         [](auto& h) { h.setDeleting(); },
-         {Status::Deleting, nullopt, old, 7},
-         true},
-        {"setDeleted", [](auto& h) { h.setDeleted(); }, {Status::Deleted, nullopt, "", 0}, true},
-        {"restore",
-         [](auto& h) { h.restore(Status::Verifying, "/p", 11); },
-         {Status::Verifying, nullopt, "/p", 11},
-         false},
+        {[](H& h) { h.setPending("/p", 3); }, {S::Pending, nullopt, "/p", 3}, false},
+        {[](H& h) { h.setDownloading(9); }, {S::Downloading, nullopt, old, 9}, false},
+        {[](H& h) { h.setIncomplete(); }, {S::Incomplete, nullopt, old, 7}, true},
+        {[](H& h) { h.setVerifying(); }, {S::Verifying, nullopt, old, 7}, true},
+        {[](H& h) { h.setAvailable("/p"); }, {S::Available, nullopt, "/p", 7}, false},
+        {[](H& h) { h.setAvailable(); }, {S::Available, nullopt, old, 7}, false},
+        {[&](H& h) { h.setExpired(corrupt); }, {S::Expired, corrupt, old, 7}, true},
+        {[](H& h) { h.setExpired(nullopt); }, {S::Expired, nullopt, old, 7}, true},
+        {[](H& h) { h.setExpired(std::string("/p")); }, {S::Expired, nullopt, "/p", 7}, true},
+        {[&](H& h) { h.setError(corrupt); }, {S::Errored, corrupt, old, 7}, true},
+        {[](H& h) { h.setDeleting(); }, {S::Deleting, nullopt, old, 7}, true},
+        {[](H& h) { h.setDeleted(); }, {S::Deleted, nullopt, "", 0}, true},
+        {[](H& h) { h.restore(S::Verifying, "/p", 11); }, {S::Verifying, nullopt, "/p", 11}, false},
     };
     auto observer = std::make_shared<test::RecordingObserver>();
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        OfflineDataPackHolder holder;
+    for (std::size_t row = 0; row < std::size(rows); ++row) {
+        SCOPED_TRACE(row);
+        H holder;
         holder.setPending(old, 7);
         holder.setError({OfflineDataErrorCode::NotFound, "gone"});
         holder.deletionAcknowledgements.insert(observer);
         holder.downloadId = 42;
-        row.set(holder);
-        EXPECT_EQ(holder.pack(), row.expected);
+        rows[row].set(holder);
+        EXPECT_EQ(holder.pack(), rows[row].expected);
         EXPECT_EQ(holder.generation(), 3u);
-        EXPECT_EQ(holder.deletionAcknowledgements.size(), row.acknowledgementsKept ? 1u : 0u);
+        EXPECT_EQ(holder.deletionAcknowledgements.size(), rows[row].acknowledgementsKept ? 1 : 0);
         EXPECT_EQ(holder.downloadId, 42u);  // bookkeeping is never a setter's business
     }
-}
-
-TEST(PackHolder, AProgressUpdateKeepsTheGenerationSoTheDownloadsKeyStaysValid) {
-    OfflineDataPackHolder holder;
+    // Progress keeps the generation, so that the downloads' key stays valid.
+    H holder;
     holder.setPending("/p", 0);
     holder.updateProgress(250);
-    EXPECT_EQ(holder.pack(), (OfflineDataPack{Status::Downloading, nullopt, "/p", 250}));
+    EXPECT_EQ(holder.pack(), (OfflineDataPack{S::Downloading, nullopt, "/p", 250}));
     EXPECT_EQ(holder.generation(), 1u);
 }
 
-TEST(PackHolder, OnlyPendingThroughErroredAreVisible) {
+TEST(PackHolder, OnlyPendingThroughErroredAreVisibleAndExpiryIsOncePassed) {
+    H holder;
     for (std::uint32_t status = 0; status <= 8; ++status) {
-        OfflineDataPackHolder holder;
-        holder.restore(static_cast<Status>(status), "", 0);
+        holder.restore(static_cast<S>(status), "", 0);
         EXPECT_EQ(holder.visible(), status <= 6) << status;
     }
-    OfflineDataPackHolder holder;
-    holder.restore(static_cast<Status>(9), "", 0);
+    holder.restore(static_cast<S>(9), "", 0);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH((void)holder.visible(), "");
-}
-
-TEST(PackHolder, IsExpiredOnceTheStoredExpiryHasPassed) {
-    OfflineDataPackHolder holder;
-    EXPECT_FALSE(holder.isExpired(now));
-    EXPECT_FALSE(holder.isExpired());
     holder.headers.expires = now;
     EXPECT_FALSE(holder.isExpired(now));
     holder.headers.expires = now - 1ms;
@@ -128,35 +83,32 @@ TEST(PackHolder, IsExpiredOnceTheStoredExpiryHasPassed) {
 TEST(PackHolder, ALeaseIsDueForRenewalOnceLessThanHalfItsMaxAgeRemains) {
     const auto largest = std::numeric_limits<std::int64_t>::max();
     const struct {
-        std::chrono::milliseconds remaining;
+        util::TimePoint expires;
         std::int64_t maxAge;
         bool due;
-        Status status = Status::Available;
+        S status = S::Available;
         std::string etag = "\"v1\"";
     } rows[] = {
-        {43200s, 86400, false},
-        {43200s - 1ms, 86400, true},
-        {3s, 7, false},  // half of 7 is 3 whole seconds
-        {2999ms, 7, true},
-        {0ms, -1, false},  // without max-age only a lease that has run out
-        {-1ms, -1, true},
-        {1000h, largest, true},  // no overflow of the clock
-        {1000h, largest / 500, true},
-        {1s, 86400, false, Status::Available, ""},
-        {1s, 86400, false, Status::Expired},
-        {1s, 86400, false, Status::Verifying},
+        {now + 43200s, 86400, false},
+        {now + 43200s - 1ms, 86400, true},
+        {now + 3s, 7, false},  // half of 7 is 3 whole seconds
+        {now + 2999ms, 7, true},
+        {now, -1, false},  // without max-age only a lease that has run out
+        {now - 1ms, -1, true},
+        {now + 1000h, largest, true},  // no overflow of the clock
+        {now + 1000h, largest / 500, true},
+        {util::TimePoint::max(), largest, false},
+        {now + 1s, 86400, false, S::Available, ""},
+        {now + 1s, 86400, false, S::Expired},
+        {now + 1s, 86400, false, S::Verifying},
     };
     for (const auto& row : rows) {
-        OfflineDataPackHolder holder;
-        holder.headers = {now + row.remaining, row.maxAge, row.etag, 0, false, false};
+        H holder;
+        holder.headers = {row.expires, row.maxAge, row.etag, 0, false, false};
         holder.restore(row.status, "/p", 10);
         EXPECT_EQ(holder.needsLeaseRenewal(now), row.due)
-            << row.remaining.count() << " " << row.maxAge;
+            << (row.expires - now).count() << " " << row.maxAge;
     }
-    OfflineDataPackHolder never;
-    never.headers = {util::TimePoint::max(), largest, "\"v1\"", 0, false, false};
-    never.restore(Status::Available, "/p", 10);
-    EXPECT_FALSE(never.needsLeaseRenewal(now));
 }
 
 }  // namespace

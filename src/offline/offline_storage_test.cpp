@@ -15,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-namespace fs = std::filesystem;
 
 rapidjson::Document parse(const std::string& text) {
     rapidjson::Document document;
@@ -29,43 +28,28 @@ expected<OfflineDataRegionMetadata, OfflineDataError> readRegion(const std::stri
     return parseRegionMetadata(idValue, parse(text));
 }
 
-const OfflineDataPackMetadata pack{"terrane://offline-data/p", "0123456789abcdef0123456789abcdef",
-                                   1234, 1, ""};
-
-TEST(OfflineStorage, PathsOfTheTree) {
-    // printf 'https://api.example.com/alice' | md5sum; an empty username keeps its separator.
-    EXPECT_EQ(storageRoot("/data", "https://api.example.com", "alice"),
-              fs::path("/data/a08e9eaa363db244ec1a6010a2f195d6"));
-    EXPECT_EQ(accountDirectoryName("https://api.example.com", ""),
-              "d4ad06b5c27df5f06bef8ae48d451d72");
-    const fs::path revision = revisionDirectoryPath("/root", "berlin", 4294967295u);
-    const fs::path packFile = packFilePath(revision, OfflineDataDomain::Navigation, 1);
-    const std::vector<std::pair<fs::path, std::string>> rows{
-        {configurationFilePath("/root"), "/root/configuration.json"},
-        {revision, "/root/berlin/4294967295"},
-        {metadataFilePath(revision), "/root/berlin/4294967295/metadata.json"},
-        {packFile, "/root/berlin/4294967295/navigation/1"},
-        {downloadFilePath(packFile), "/root/berlin/4294967295/navigation/1.tmp"},
-        {headerFilePath(packFile), "/root/berlin/4294967295/navigation/1.json"},
-        {headerFilePath(downloadFilePath(packFile)), "/root/berlin/4294967295/navigation/1.json"},
-    };
-    for (const auto& [path, expected] : rows) {
-        EXPECT_EQ(path, fs::path(expected));
+TEST(OfflineStorage, MetadataReadsBackAsTheSameRegion) {
+    using namespace geometry;
+    const linear_ring outer{{0, 0}, {10, 0}, {10, 10}, {0, 10}, {0, 0}};
+    const linear_ring hole{{2, 2}, {3, 2}, {3, 3}, {2, 2}};
+    for (const geometry::geometry& geography : std::vector<geometry::geometry>{
+             empty{}, polygon{outer, hole}, multi_point{{1, 2}, {3, 4}},
+             geometry_collection{point{1.5, -2.25},
+                                 geometry_collection{line_string{{0, 0}, {1, 1}}}}}) {
+        OfflineDataRegionMetadata region;
+        region.id = "region-a";
+        region.revision = 4294967295u;
+        region.name = "Name with \"quotes\" and \xC3\xBC";
+        region.description = "Line\nbreak";
+        region.last_updated = util::TimePoint(1614834367250ms);
+        region.geography = geography;
+        region.mapPack = OfflineDataPackMetadata{"u", "c", 1ull << 40, 1, "v1"};
+        region.navigationPack = OfflineDataPackMetadata{"terrane://offline-data/p", "d", 0, 1, ""};
+        EXPECT_EQ(readRegion("region-a", serializeMetadata(region)), region) << geography.which();
     }
 }
 
-TEST(OfflineStorage, RegionIdsThatWouldLeaveTheRootOrHoldControlsAreInvalid) {
-    for (const std::string& id : {""s, "."s, ".."s, "a/b"s, "/"s, "a\0b"s, "a\x1F"s, "\x7F"s}) {
-        EXPECT_FALSE(isValidRegionId(id)) << id;
-    }
-    for (const std::string& id : {"berlin"s, "..."s, ".hidden"s, "a b"s, "a\\b"s, "~ \x80"s}) {
-        EXPECT_TRUE(isValidRegionId(id)) << id;
-    }
-}
-
-TEST(OfflineStorage, RecordsAreWrittenMemberByMemberInAFixedOrder) {
-    OfflineDataPackHeaders headers{
-        util::TimePoint(1700000000123ms), 3600, "\"abc\"", 1234, true, false};
+TEST(OfflineStorage, RecordsAreWrittenMemberByMemberAndReadLeniently) {
     const std::string configuration = R"({
     "base_url": "https://api.example.com",
     "username": "alice"
@@ -85,34 +69,12 @@ TEST(OfflineStorage, RecordsAreWrittenMemberByMemberInAFixedOrder) {
     "complete": false,
     "verified": true
 })";
+    const OfflineDataPackHeaders headers{
+        util::TimePoint(1700000000123ms), 3600, "\"abc\"", 1234, true, false};
     EXPECT_EQ(serializeConfiguration("https://api.example.com", "alice"), configuration);
     EXPECT_EQ(serializePackHeaders(headers), allMembers);
     EXPECT_EQ(serializePackHeaders({util::TimePoint(-5ms), -1, "", 0, false, true}), fewMembers);
-    EXPECT_EQ(parsePackHeaders(allMembers), headers);
-}
 
-TEST(OfflineStorage, MetadataReadsBackAsTheSameRegion) {
-    using namespace geometry;
-    const linear_ring outer{{0, 0}, {10, 0}, {10, 10}, {0, 10}, {0, 0}};
-    const linear_ring hole{{2, 2}, {3, 2}, {3, 3}, {2, 2}};
-    for (const geometry::geometry& geography : std::vector<geometry::geometry>{
-             empty{}, polygon{outer, hole}, multi_point{{1, 2}, {3, 4}},
-             geometry_collection{point{1.5, -2.25},
-                                 geometry_collection{line_string{{0, 0}, {1, 1}}}}}) {
-        OfflineDataRegionMetadata region;
-        region.id = "region-a";
-        region.revision = 4294967295u;
-        region.name = "Name with \"quotes\" and \xC3\xBC";
-        region.description = "Line\nbreak";
-        region.last_updated = util::TimePoint(1614834367250ms);
-        region.geography = geography;
-        region.mapPack = OfflineDataPackMetadata{"u", "c", 1ull << 40, 1, "v1"};
-        region.navigationPack = pack;
-        EXPECT_EQ(readRegion("region-a", serializeMetadata(region)), region) << geography.which();
-    }
-}
-
-TEST(OfflineStorage, PackHeaderRecordsAreReadLeniently) {
     const OfflineDataPackHeaders defaults;
     const auto largest = std::numeric_limits<std::int64_t>::max();
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
@@ -120,6 +82,7 @@ TEST(OfflineStorage, PackHeaderRecordsAreReadLeniently) {
         std::string text;
         optional<OfflineDataPackHeaders> expected;
     } rows[] = {
+        {allMembers, headers},
         {"{}", defaults},
         // Wrong types keep their defaults; only the literal true counts.
         {R"({"expires": -1, "max_age": 1.5, "etag": 7, "bytes": -3, "complete": "true",
@@ -130,10 +93,8 @@ TEST(OfflineStorage, PackHeaderRecordsAreReadLeniently) {
         {R"({"expires": 18446744073709551615, "max_age": 18446744073709551615})",
          OfflineDataPackHeaders{util::TimePoint::max(), largest, "", 0, false, false}},
         {"", nullopt},
-        {"{", nullopt},
         {"[]", nullopt},
         {R"({"bytes": 1} {})", nullopt},
-        {deep, nullopt},
         {R"({"etag": )" + deep + "}", nullopt},
     };
     for (const auto& row : rows) {
@@ -170,7 +131,6 @@ TEST(OfflineStorage, EachRegionDocumentReadsAsExpected) {
         {R"({"revision": 4294967295, "configuration": {"geography": null}})",
          "r4294967295 maps=- nav=- geo=0"},
         {R"({"configuration": {}, "revision": 4294967296})", "Region must have a revision number"},
-        {R"({"configuration": {}, "revision": "3"})", "Region must have a revision number"},
         // Entries of other formats or domains are skipped unread; a later one of a domain wins.
         {packs(R"({"domain": "maps", "format": 2}, {"domain": "Maps", "format": 1},
                   {"domain": "terrain", "format": 1}, {"domain": "navigation", "format": 0})"),
@@ -180,7 +140,6 @@ TEST(OfflineStorage, EachRegionDocumentReadsAsExpected) {
                maps + R"(, "size": 2, "data_version": "v2"})"),
          "r3 maps=u/2/v2 nav=n/18446744073709551615/ geo=0"},
         {packs(maps + R"(, "size": 3.5})"), "Region pack's size must be a positive integer"},
-        {packs(maps + R"(, "size": -5})"), "Region pack's size must be a positive integer"},
         {with(R"("geography": {"type": "Feature", "geometry": {"type": "Point",
                   "coordinates": [1, 2]}}})"),
          "r3 maps=- nav=- geo=1"},

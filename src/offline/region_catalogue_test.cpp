@@ -43,20 +43,18 @@ TEST(AvailableRegionsList, EachAnswerGivesItsRegionsOrItsError) {
         std::string body, expected;
     } rows[] = {
         {200, R"({"b": {"revision": 7, "configuration": {}}, "a": )" + revision + "}", "b/7 a/1 "},
-        {200, " { } ", ""},
         {204, "{}", ""},
         {204, "", "error=InvalidResponse, message=Parse error: The document is empty."},
+        // An error status is explained by the message string of a JSON object, else the body.
         {401, R"({"message": "Invalid Token"})", "error=Unauthorized, message=Invalid Token"},
-        {403, "Forbidden", "error=Unauthorized, message=Forbidden"},
-        {404, "", "error=NotFound, message="},
+        {403, "\xEF\xBB\xBF{\"message\": \"a\\u0000b\"}", "error=Unauthorized, message=a\0b"s},
+        {404, R"({"message": 42})", R"(error=NotFound, message={"message": 42})"},
+        {404, R"(["message"])", R"(error=NotFound, message=["message"])"},
+        {404, R"({"message": "x"} 1)", R"(error=NotFound, message={"message": "x"} 1)"},
         {429, R"({"message": "slow down"})",
          "error=InvalidResponse, message=Got unexpected HTTP status code 429"},
-        {500, "{}", "error=InvalidResponse, message=Got unexpected HTTP status code 500"},
-        {201, "{}", "error=InvalidResponse, message=Got unexpected HTTP status code 201"},
-        {-1, "{}", "error=InvalidResponse, message=Got unexpected HTTP status code -1"},
         {200, "[]",
          "error=InvalidResponse, message=Parse error: root of document must be an object"},
-        {200, "<html>", "error=InvalidResponse, message=Parse error: Invalid value."},
         // Only the explanation of an error status may start with a byte-order mark.
         {200, "\xEF\xBB\xBF{}", "error=InvalidResponse, message=Parse error: Invalid value."},
         {200, "{}\0{}"s,
@@ -74,39 +72,26 @@ TEST(AvailableRegionsList, EachAnswerGivesItsRegionsOrItsError) {
     }
 }
 
+// Ids that would leave the storage root or hold control characters; the JSON escapes become
+// those bytes.
 TEST(AvailableRegionsList, ARegionIdThatIsNoSafeDirectoryNameIsLeftOutAndNamed) {
-    const std::string revision = R"({"revision": 1, "configuration": {}})";
-    std::vector<std::string> unsafe;
-    const auto result = parseAvailableRegionsList(
-        HttpResponseData{{},
-                         200,
-                         bodyOf(R"({"..": )" + revision + R"(, "a/b": )" + revision +
-                                R"(, "good": )" + revision + R"(, "a\u0000b": )" + revision + "}")},
-        &unsafe);
-    ASSERT_TRUE(result);
-    ASSERT_EQ(result->size(), 1u);
-    EXPECT_THAT(unsafe, ElementsAre("..", "a/b", "a\0b"s));
-    EXPECT_EQ(escapeControlCharacters("a\x1B[2J\r\n\\b\x7F"), "a\\x1B[2J\\x0D\\x0A\\\\b\\x7F");
-}
-
-TEST(ResponseMessage, IsTheMessageStringOfAJsonObjectElseTheWholeBody) {
-    const struct {
-        std::string body, message;
-    } rows[] = {
-        {R"({"code": 1, "message": "Invalid Token"})", "Invalid Token"},
-        {R"({"message": "caf\u00e9 \"closed\" a\u0000b"})", "caf\xC3\xA9 \"closed\" a\0b"s},
-        {"\xEF\xBB\xBF{\"message\": \"expired\"}", "expired"},
-        {"gone", "gone"},
-        {"", ""},
-        {R"({"message": 42})", R"({"message": 42})"},
-        {R"(["message"])", R"(["message"])"},
-        {"\xEF\xBB\xBFnot json", "\xEF\xBB\xBFnot json"},
-        {R"({"message": "x"} trailing)", R"({"message": "x"} trailing)"},
-        {"\x00\xFF\x01"s, "\x00\xFF\x01"s},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(getResponseMessage(bodyOf(row.body)), row.message) << row.body;
+    std::string listing = "{";
+    for (const std::string id : {"", ".", "..", "a/b", "/", "a\\u0000b", "a\\u001F", "\\u007F",
+                                 "berlin", "...", ".hidden", "a b", "a\\\\b", "~ \\u0080"}) {
+        listing += "\"" + id + R"(": {"revision": 1, "configuration": {}},)";
     }
+    listing.back() = '}';
+    std::vector<std::string> unsafe;
+    const auto result =
+        parseAvailableRegionsList(HttpResponseData{{}, 200, bodyOf(listing)}, &unsafe);
+    ASSERT_TRUE(result);
+    std::string ids;
+    for (const auto& region : *result) {
+        ids += region.id + "|";
+    }
+    EXPECT_EQ(ids, "berlin|...|.hidden|a b|a\\b|~ \xC2\x80|");
+    EXPECT_THAT(unsafe, ElementsAre("", ".", "..", "a/b", "/", "a\0b"s, "a\x1F", "\x7F"));
+    EXPECT_EQ(escapeControlCharacters("a\x1B[2J\r\n\\b\x7F"), "a\\x1B[2J\\x0D\\x0A\\\\b\\x7F");
 }
 
 TEST(OfflineDataAddress, OnlyOfflineDataAddressesAreExpandedOntoTheEndpoint) {

@@ -1,19 +1,14 @@
 #include "offline/task_queue.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <deque>
 #include <random>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace terrane::common {
 namespace {
-
-using ::testing::ElementsAre;
 
 // A task that only carries a label, so a test can see which task came out of the queue.
 class Labelled : public Task {
@@ -59,56 +54,15 @@ TEST(TaskQueue, HandsOutTasksAsAStableSortByPriorityBeforeEveryGet) {
             ASSERT_EQ(take(queue), referenceGet()) << "at step " << step;
         }
     }
+    // After the stop every task still comes out, even one put afterwards, and then only nullptr.
     queue.stop();
+    put(queue, 0, "late");
+    reference.emplace_back(0, "late");
     while (!reference.empty()) {
         ASSERT_EQ(take(queue), referenceGet());
     }
     EXPECT_EQ(take(queue), "<stop>");
-}
-
-TEST(TaskQueue, AfterStopEveryTaskIsStillHandedOutBeforeTheStop) {
-    TaskQueue queue;
-    put(queue, 255, "idle");
-    put(queue, 128, "normal");
-    queue.stop();
-    EXPECT_TRUE(queue.isStopped());
-    EXPECT_EQ(take(queue), "normal");
-    put(queue, 128, "late");
-    EXPECT_THAT((std::vector{take(queue), take(queue), take(queue), take(queue)}),
-                ElementsAre("late", "idle", "<stop>", "<stop>"));
-}
-
-TEST(TaskQueue, ProducersOnManyThreadsKeepTheirOrderAndAWaitingGetterWakesAtStop) {
-    TaskQueue queue;
-    std::vector<std::string> received;
-    std::thread consumer([&] {
-        for (auto label = take(queue); label != "<stop>"; label = take(queue)) {
-            received.push_back(label);
-        }
-    });
-    std::vector<std::thread> producers;
-    for (int p = 0; p < 4; ++p) {
-        producers.emplace_back([&queue, p] {
-            for (int i = 0; i < 2000; ++i) {
-                put(queue, i % 2 == 0 ? 128 : 255,
-                    std::to_string(p * 2 + i % 2) + ":" + std::to_string(i));
-            }
-        });
-    }
-    for (auto& producer : producers) {
-        producer.join();
-    }
-    queue.stop();
-    consumer.join();
-    ASSERT_EQ(received.size(), 8000u);
-    std::vector<int> lastSeen(8, -1);
-    for (const auto& label : received) {
-        const auto colon = label.find(':');
-        int& last = lastSeen[std::stoi(label.substr(0, colon))];
-        const int index = std::stoi(label.substr(colon + 1));
-        EXPECT_LT(last, index) << label << " came out of order";
-        last = index;
-    }
+    EXPECT_EQ(take(queue), "<stop>");
 }
 
 }  // namespace
