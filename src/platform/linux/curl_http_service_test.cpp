@@ -58,10 +58,6 @@ States phasesOf(const std::vector<DownloadStatus>& statuses) {
     return states;
 }
 
-std::string bodyOf(const DownloadStatus& status) {
-    return {(*status.httpResult)->data.begin(), (*status.httpResult)->data.end()};
-}
-
 std::vector<std::string> valuesOf(const test::ReceivedRequest& request, const std::string& name) {
     std::vector<std::string> values;
     for (auto [at, end] = request.headers.equal_range(name); at != end; ++at) {
@@ -177,7 +173,8 @@ class CurlHttpServiceTest : public ::testing::Test {
     }
 
     // A download of the path that resumes whatever is stored, in one line: how it ended, the
-    // bytes of its first Downloading report, the range of each request, and the files left.
+    // bytes of its first Downloading report, the range of each request, and the files left
+    // besides the destination.
     std::pair<std::string, DownloadStatus> describe(const std::string& path,
                                                     optional<std::uint64_t> maxBytes) {
         const auto before = server_.requestsFor(path).size();
@@ -203,7 +200,7 @@ class CurlHttpServiceTest : public ::testing::Test {
         }
         text += "]";
         for (const auto& name : files()) {
-            text += " " + name;
+            text += name == "out/pack.bin" ? "" : " " + name;
         }
         return {text, final};
     }
@@ -450,8 +447,6 @@ TEST_F(CurlHttpServiceTest, AFreshDownloadReportsPendingDownloadingThenFinished)
     EXPECT_EQ(inbox.items()[1].receivedBytes, 0u);
     EXPECT_EQ(final.downloadId, id);
     EXPECT_EQ(final.error, nullopt);
-    EXPECT_EQ(final.receivedBytes, content.size());
-    EXPECT_EQ(final.totalBytes, final.receivedBytes);
     EXPECT_EQ(final.downloadOptions.localPath, destination_);
     EXPECT_EQ(final.downloadOptions.request.url, server_.url("/pack"));
     const auto& head = **final.httpResult;
@@ -461,17 +456,12 @@ TEST_F(CurlHttpServiceTest, AFreshDownloadReportsPendingDownloadingThenFinished)
     for (const auto thread : inbox.threads()) {
         EXPECT_NE(thread, std::this_thread::get_id());
     }
-    EXPECT_EQ(test::readWholeFile(destination_), content);
-    EXPECT_EQ(cachedDigest(), util::md5String(content));
-    EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
 }
 
 TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResumeOnlyTheSame) {
     const std::string content = test::testContent(64 * 1024, 9);
     const std::string older = test::testContent(64 * 1024, 8);
     const std::string cap = "Failed SizeExceeded: Download exceeds the limit of 65535 bytes.";
-    const std::string gzip = test::gzipEncode(content);
-    const std::string dst = "out/pack.bin";
     struct Row {
         const char* name;
         TestFile file;  // served at /<row>/pack
@@ -486,61 +476,40 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         optional<std::uint64_t> heldBytes{};
     };
     const TestFile file{.content = content};
+    const TestFile gzipped{.content = test::gzipEncode(content),
+                           .headers = {{"Content-Encoding", "gzip"}}};
+    const TestFile redirecting{.status = 302, .headers = {{"Location", redirect(3)}}};
+    const TestFile missing{.content = "missing", .status = 404};
+    const TestFile failing{.content = content + content, .status = 500};
+    const TestFile changed{.content = content, .etag = "\"v2\""};
+    const TestFile untagged{.content = content, .etag = ""};
+    const TestFile refusing{.content = "busy", .status = 503};
+    const std::string whole = "Finished 200 65536/65536 from 0 ";
+    const std::string resumed = "Finished 206 65536/65536 from 40000 [bytes=40000-;]";
     const Row rows[] = {
-        {"a file as large as the cap", file, "", 65536,
-         "Finished 200 65536/65536 from 0 [-;] " + dst},
+        {"a file as large as the cap", file, "", 65536, whole + "[-;]"},
         // Decoded, so neither resumable nor measured by the server's length.
-        {"a compressed file",
-         {.content = gzip, .headers = {{"Content-Encoding", "gzip"}}},
-         "",
-         nullopt,
-         "Finished 200 65536/65536 from 0 [-;] " + dst,
-         content},
-        {"a redirected file",
-         {.status = 302, .headers = {{"Location", redirect(3)}}},
-         "",
-         nullopt,
-         "Finished 200 10/10 from 0 [-;] " + dst,
+        {"a compressed file", gzipped, "", nullopt, whole + "[-;]", content},
+        {"a redirected file", redirecting, "", nullopt, "Finished 200 10/10 from 0 [-;]",
          "redirected"},
-        {"an error status",
-         {.content = "missing", .status = 404},
-         "",
-         nullopt,
-         "Finished 404 7/7 from 0 [-;] " + dst},
-        {"a large error body",
-         {.content = content + content, .status = 500},
-         "",
-         nullopt,
-         "Finished 500 65536/65536 from 0 [-;] " + dst},
-        {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;] " + dst},
+        {"an error status", missing, "", nullopt, "Finished 404 7/7 from 0 [-;]"},
+        {"a large error body", failing, "", nullopt, "Finished 500 65536/65536 from 0 [-;]"},
+        {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;]"},
         {"a resumed range whose total is beyond the cap", file, content.substr(0, 1000), 65535,
-         cap + " [bytes=1000-;] " + dst},
-        {"more held already than the cap", file, content, 65535, cap + " [] " + dst},
-        {"the same file", file, content.substr(0, 40000), nullopt,
-         "Finished 206 65536/65536 from 40000 [bytes=40000-;] " + dst},
+         cap + " [bytes=1000-;]"},
+        {"more held already than the cap", file, content, 65535, cap + " []"},
+        {"the same file", file, content.substr(0, 40000), nullopt, resumed},
         // As after a kill: the data was stored when the head came, the partial file grew later.
         {"bytes written after the data was stored", file, content.substr(0, 40000), nullopt,
-         "Finished 206 65536/65536 from 40000 [bytes=40000-;] " + dst, "", "/pack", 0},
-        {"a changed file",
-         {.content = content, .etag = "\"v2\""},
-         older.substr(0, 1000),
-         nullopt,
-         "Finished 200 65536/65536 from 0 [bytes=1000-;] " + dst},
+         resumed, "", "/pack", 0},
+        {"a changed file", changed, older.substr(0, 1000), nullopt, whole + "[bytes=1000-;]"},
         {"a shorter file under the same tag", file, older + "0123456789", nullopt,
-         "Finished 200 65536/65536 from 0 [bytes=65546-;-;] " + dst},
-        {"data of another URL",
-         {.content = content, .etag = ""},
-         "partial",
-         nullopt,
-         "Finished 200 65536/65536 from 0 [-;] " + dst + " out/pack.bin.rd",
-         "",
+         whole + "[bytes=65546-;-;]"},
+        {"data of another URL", untagged, "partial", nullopt, whole + "[-;] out/pack.bin.rd", "",
          "/other"},
         // The partial file is untouched, so the data is put back for a later attempt.
-        {"a refusal",
-         {.content = "busy", .status = 503},
-         "partial",
-         nullopt,
-         "Finished 503 4/4 [bytes=7-;] " + dst + " out/pack.bin.part out/pack.bin.rd"},
+        {"a refusal", refusing, "partial", nullopt,
+         "Finished 503 4/4 [bytes=7-;] out/pack.bin.part out/pack.bin.rd"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -556,7 +525,9 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         const auto [description, final] = describe(prefix + "/pack", row.cap);
         EXPECT_EQ(description, row.expected);
         if (final.httpResult && *final.httpResult && (**final.httpResult).code >= 300) {
-            EXPECT_EQ(bodyOf(final), row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
+            const auto& body = (**final.httpResult).data;
+            EXPECT_EQ(std::string(body.begin(), body.end()),
+                      row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
         }
         const auto& destination = !row.destination.empty()                  ? row.destination
                                   : row.expected.starts_with("Finished 20") ? row.file.content
@@ -582,17 +553,14 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
 
 TEST_F(CurlHttpServiceTest, AnUnwritableDestinationIsAFileSystemError) {
     server_.serve("/pack", TestFile{.content = "whole", .etag = ""});
-    test::writeWholeFile(scratch_.path() / "plain", "x");
     fs::create_directories(scratch_.path() / "occupied" / "inside");
     const auto missing = (scratch_.path() / "missing" / "pack.zip").string();
-    const auto plain = (scratch_.path() / "plain" / "pack.zip").string();
     const struct {
         std::string destination;
         std::string message;
         States states;  // the server is asked only when Downloading comes
     } rows[] = {
         {missing, missing + " is not writable.", {kPending, kFailed}},
-        {plain, plain + " is not writable.", {kPending, kFailed}},
         // The rename at the end fails; without validators nothing is kept to resume.
         {(scratch_.path() / "occupied").string(),
          "Is a directory",
@@ -612,58 +580,21 @@ TEST_F(CurlHttpServiceTest, AnUnwritableDestinationIsAFileSystemError) {
     }
 }
 
-TEST_F(CurlHttpServiceTest, CancellingAfterTheHeadStoresResumeDataAndResumeAppends) {
-    const std::string content = test::testContent(512 * 1024, 3);
-    const std::string date = "Tue, 01 Oct 2024 10:00:00 GMT";
-    server_.serve("/pack",
-                  TestFile{.content = content, .lastModified = date, .stallAfter = 200 * 1024});
-    StatusInbox first;
-    const auto id = start("/pack", first);
-    test::waitForBytes(first, 200 * 1024);
-    // Written as soon as the head of a resumable answer arrived.
-    ASSERT_TRUE(fs::exists(rd()));
-    EXPECT_TRUE(cancel(id));
-    server_.release();
-    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())),
-              (ResumeData{server_.url("/pack"), part(), 200 * 1024, "\"v1\"", date}));
-    EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
-    EXPECT_EQ(fs::file_size(part()), 200u * 1024);
-
-    StatusInbox second;
-    start("/pack", second, true);
-    const auto final = test::waitForFinal(second);
-    service_.reset();
-    // A resumed download reports Downloading once the server has answered, from where it was.
-    const auto resumed = second.items()[1];
-    EXPECT_EQ(std::tuple(resumed.state, resumed.receivedBytes, resumed.totalBytes),
-              std::tuple(kDownloading, 200u * 1024, optional<std::uint64_t>(content.size())));
-    EXPECT_EQ(final.state, kFinished);
-    EXPECT_EQ(final.receivedBytes, content.size());
-    EXPECT_EQ((*final.httpResult)->code, 206);
-    EXPECT_EQ(test::readWholeFile(destination_), content);
-    EXPECT_EQ(cachedDigest(), util::md5String(content));  // the bytes from before included
-    EXPECT_EQ(files(), std::set<std::string>{"out/pack.bin"});
-    // The first download's callback heard nothing after the cancellation.
-    EXPECT_NE(first.items().back().state, kFinished);
-    const auto request = server_.requestsFor("/pack").back();
-    EXPECT_EQ(request.header("range"), "bytes=204800-");
-    EXPECT_EQ(request.header("if-range"), "\"v1\"");
-}
-
 TEST_F(CurlHttpServiceTest, CancellingBeforeAnyBytesStoresNothingAndAnswersFalse) {
     StatusInbox inbox;
     const auto id = start("/hold", inbox);
     waitUntil([&] { return server_.heldNow() == 1; });
     EXPECT_FALSE(cancel(id));
-    EXPECT_FALSE(cancel(nextHttpRequestId() + 100));
     service_.reset();
     EXPECT_EQ(phasesOf(inbox.items()), (States{kPending, kDownloading}));
     EXPECT_EQ(files(), std::set<std::string>{});
 }
 
-TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReports) {
-    server_.serve("/pack",
-                  TestFile{.content = test::testContent(128 * 1024), .stallAfter = 64 * 1024});
+TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReportsAndKeepsResumeData) {
+    const std::string date = "Tue, 01 Oct 2024 10:00:00 GMT";
+    server_.serve("/pack", TestFile{.content = test::testContent(128 * 1024),
+                                    .lastModified = date,
+                                    .stallAfter = 64 * 1024});
     StatusInbox inbox;
     test::AnswerInbox answers;
     std::atomic<std::uint64_t> id{0};
@@ -676,6 +607,8 @@ TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReports) {
                                record(std::move(status));
                                if (progressed && !cancelled) {
                                    cancelled = true;
+                                   // Written as soon as the head of a resumable answer came.
+                                   EXPECT_TRUE(fs::exists(rd()));
                                    service->cancelRequest(id, answers.callback());
                                    // Answered before the call returned.
                                    EXPECT_EQ(answers.items().size(), 1u);
@@ -687,13 +620,12 @@ TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReports) {
     const auto last = inbox.items().back();
     EXPECT_FALSE(isFinal(last.state));
     EXPECT_GT(last.receivedBytes, 0u);
-    expectResumeDataFor(fs::file_size(part()));
+    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())),
+              (ResumeData{server_.url("/pack"), part(), fs::file_size(part()), "\"v1\"", date}));
 }
 
-TEST_F(CurlHttpServiceTest, TimeoutsKeepWhatArrivedWhileTheEngineServesOthers) {
-    server_.serve("/stall", TestFile{.content = test::testContent(64 * 1024),
-                                     .stallAfter = 16 * 1024,
-                                     .faultyResponses = 1 << 30});
+// The stalls of transfers in progress are rows of the hostile-server table.
+TEST_F(CurlHttpServiceTest, ARequestsOwnTimeoutEndsItWhileTheEngineServesOthers) {
     HttpRequest held(server_.url("/hold"));
     held.timeout = 1;
     EXPECT_EQ(fetch(held).result.error().type, HttpRequestErrorType::RequestTimedOut);
@@ -702,20 +634,10 @@ TEST_F(CurlHttpServiceTest, TimeoutsKeepWhatArrivedWhileTheEngineServesOthers) {
     EXPECT_EQ(fetch(HttpRequest(server_.url("/echo"))).result->code, 200);
     EXPECT_TRUE(noHead.items().empty() || !isFinal(noHead.items().back().state));
     const auto final = test::waitForFinal(noHead);
-    const auto timedOut = DownloadError{DownloadErrorCode::NetworkError, "Request timed out."};
-    EXPECT_EQ(final.error, timedOut);
+    EXPECT_EQ(final.error, (DownloadError{DownloadErrorCode::NetworkError, "Request timed out."}));
     EXPECT_EQ(*final.httpResult,
               HttpResult(unexpected(
                   HttpRequestError{HttpRequestErrorType::RequestTimedOut, "Request timed out."})));
-    EXPECT_EQ(files(), std::set<std::string>{});
-
-    StatusInbox stalled;
-    start("/stall", stalled, false, 1);
-    const auto cut = test::waitForFinal(stalled);
-    server_.release();
-    EXPECT_EQ(cut.error, timedOut);
-    EXPECT_EQ(cut.receivedBytes, 16u * 1024);
-    expectResumeDataFor(16 * 1024);
 }
 
 TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndKeepsResumeData) {

@@ -2,24 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
-
-#include "util/file_descriptor.hpp"
-
-extern char** environ;
 
 namespace terrane::common {
 namespace {
@@ -27,36 +20,23 @@ namespace {
 namespace fs = std::filesystem;
 
 // A private message bus: dbus-daemon with the session configuration on a socket in a scratch
-// directory. The object owns the daemon and stops it on destruction.
+// directory. It prints its pid only once it listens; the object stops it on destruction.
 class PrivateBus {
   public:
     PrivateBus()
         : directory_(fs::temp_directory_path() / ("terrane-bus-" + std::to_string(::getpid()))) {
         fs::create_directories(directory_);
-        const std::string listen = "--address=unix:path=" + (directory_ / "bus").string();
-        const char* argv[] = {"dbus-daemon", "--session", "--nofork", listen.c_str(), nullptr};
-        if (::posix_spawnp(&pid_, "dbus-daemon", nullptr, nullptr, const_cast<char**>(argv),
-                           environ) != 0) {
-            pid_ = -1;
-            return;
-        }
-        // Bounded wait for the daemon to listen: its socket file appears a moment before.
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, (directory_ / "bus").c_str());
-        const auto listening = [&address] {
-            const base::io::FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address),
-                             sizeof address) == 0;
-        };
-        for (int i = 0; i < 500 && !listening(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const std::string command =
+            "dbus-daemon --session --fork --print-pid --address=" + address() + " 2>/dev/null";
+        if (FILE* out = ::popen(command.c_str(), "r")) {
+            char line[64] = "";
+            pid_ = std::fgets(line, sizeof line, out) ? std::atoi(line) : -1;
+            ::pclose(out);
         }
     }
     ~PrivateBus() {
         if (pid_ > 0) {
             ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
         }
         std::error_code ignored;
         fs::remove_all(directory_, ignored);
@@ -64,7 +44,7 @@ class PrivateBus {
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
-    bool running() const { return pid_ > 0 && fs::exists(directory_ / "bus"); }
+    bool running() const { return pid_ > 0; }
     std::string address() const { return "unix:path=" + (directory_ / "bus").string(); }
 
   private:
