@@ -33,7 +33,7 @@ TEST(HttpDownloadEndToEndTest, NginxsValidatorsAndDownloadsCutOffMidWayThatResum
     const fs::path served = scratch.path() / "www" / "pack.bin";
     fs::create_directories(served.parent_path());
     test::writeWholeFile(served, test::testContent(kFileSize, 11));
-    const std::string destination = scratch.file("pack.bin");
+    const std::string destination = (scratch.path() / "pack.bin").string();
     const auto service = std::make_shared<CurlHttpService>();
     std::unique_ptr<NginxServer> nginx;
     int started = 0;
