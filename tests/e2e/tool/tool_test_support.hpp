@@ -144,16 +144,6 @@ class ChildProcess {
     }
     std::string out() const { return readFile(outPath_); }
     std::string err() const { return readFile(errPath_); }
-    // The "http://127.0.0.1:PORT" that a server child announces on stdout; throws when none comes
-    // within 10 s.
-    std::string announcedUrl() const {
-        const std::string prefix = "http://127.0.0.1:";
-        if (!eventually([&] { return out().find(prefix) != std::string::npos; }, 10s)) {
-            throw std::runtime_error("no server address announced: " + err());
-        }
-        const std::string text = out().substr(out().find(prefix));
-        return prefix + std::to_string(std::stoi(text.substr(prefix.size())));
-    }
 
   private:
     pid_t pid_ = -1;
@@ -217,7 +207,13 @@ class ToolTest : public ::testing::Test {
                                          accessLog().string()};
         command.insert(command.end(), options.begin(), options.end());
         server_ = start(command);
-        baseUrl_ = server_->announcedUrl();
+        // It announces "http://127.0.0.1:PORT" on stdout.
+        const std::string prefix = "http://127.0.0.1:";
+        if (!eventually([&] { return server_->out().find(prefix) != std::string::npos; }, 10s)) {
+            throw std::runtime_error("no server address announced: " + server_->err());
+        }
+        const std::string out = server_->out();
+        baseUrl_ = prefix + std::to_string(std::stoi(out.substr(out.find(prefix) + prefix.size())));
     }
 
     // The tool in the background.
