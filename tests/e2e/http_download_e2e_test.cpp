@@ -33,7 +33,7 @@ TEST(HttpDownloadEndToEndTest, NginxsValidatorsAndDownloadsCutOffMidWayThatResum
     const fs::path served = scratch.path() / "www" / "pack.bin";
     fs::create_directories(served.parent_path());
     test::writeWholeFile(served, test::testContent(kFileSize, 11));
-    const std::string destination = (scratch.path() / "pack.bin").string();
+    const std::string destination = scratch.path() / "pack.bin";
     const auto service = std::make_shared<CurlHttpService>();
     std::unique_ptr<NginxServer> nginx;
     int started = 0;
@@ -62,7 +62,6 @@ TEST(HttpDownloadEndToEndTest, NginxsValidatorsAndDownloadsCutOffMidWayThatResum
     EXPECT_EQ(std::tuple(head.code, final.totalBytes, head.headers.at("cache-control"),
                          head.headers.at("accept-ranges")),
               std::tuple(200, kFileSize, "max-age=3600", "bytes"));
-    EXPECT_TRUE(head.headers.at("etag").starts_with("\"")) << head.headers.at("etag");
     EXPECT_FALSE(head.headers.at("last-modified").empty());
     expectServedFile();
 

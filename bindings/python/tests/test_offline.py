@@ -43,9 +43,14 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
                                       base_url=catalogue[0])
     service = t.OfflineService.get_instance(str(tmp_path), options)
     try:
-        [region] = asyncio.run(aio.list_available_regions(service))
-        assert (region.id, region.map_pack.bytes) == ("harbour", len(PACK))
-        service.download_pack(D.Maps, region)
+        async def main():
+            [region] = await aio.list_available_regions(service)
+            job = aio.download(service, region, [D.Maps], retry=False)
+            return region, [progress.state async for progress in job][-1], await job
+
+        region, last, packs = asyncio.run(main())
+        assert (region.id, last, packs[D.Maps].bytes) == (
+            "harbour", t.OfflineDataPackStatus.Available, len(PACK))
         pack = recorder.wait("on_available")
         with open(pack.path, "rb") as file:
             assert file.read() == PACK
@@ -116,18 +121,3 @@ def test_release_and_shutdown_do_not_hang(tmp_path, catalogue, script):
                                "print('released')\n"], capture_output=True, text=True, timeout=60)
     assert (finished.returncode, finished.stdout) == (0, "released\n"), finished.stderr
 
-
-def test_asyncio_download(tmp_path, catalogue):
-    service = t.OfflineService.get_instance(str(tmp_path), t.OfflineServiceOptions(
-        username="alice", access_token="secret", base_url=catalogue[0]))
-
-    async def main():
-        [region] = await aio.list_available_regions(service)
-        job = aio.download(service, region, [D.Maps], retry=False)
-        seen = [progress.state async for progress in job]
-        return seen, await job
-
-    seen, packs = asyncio.run(main())
-    assert seen[-1] == t.OfflineDataPackStatus.Available
-    assert packs[D.Maps].bytes == len(PACK)
-    del service

@@ -19,6 +19,12 @@ std::string replaceAll(std::string text, const std::map<std::string, std::string
     return text;
 }
 
+// The words of `text`, split at spaces.
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
+
 using ToolCommandLine = ToolTest;
 
 TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
@@ -90,7 +96,6 @@ TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
         {"--storage {dir}/s --base-url ftp://x --user a regions", 2,
          "--base-url must be an http:// or https://"},
         {"{file} download harbour", 5, "storage directory '{dir}/plain-file/s' is not usable"},
-        {"{file} delete harbour", 5, "storage directory '{dir}/plain-file/s' is not usable"},
         {"{fresh} --token-file {dir}/none regions", 5,
          "cannot read token file '{dir}/none': No such file or directory"},
         {"{fresh} --token-file {dir} regions", 5, "cannot read token file '{dir}': Is a directory"},
@@ -98,8 +103,6 @@ TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
          "token file '{dir}/empty-token' holds no token"},
         {"{fresh} --token-file {dir}/token regions", 4, "cannot reach the catalogue at {url}: "},
         {"{locked} regions", 3, "refused access for user 'alice': Invalid access token"},
-        {"{locked} download harbour", 3, "refused access for user 'alice': Invalid access token"},
-        {"{s} download harbour", 4, "cannot reach the catalogue at {url}: "},
         {"{served} regions", 0, "harbour  revision 2  \"Harbour City\"  updated 2024-03-01 10:00"},
         {"{served} regions", 0, "    maps         256.0 KiB  data version 2024.03\n"},
         {"{served} regions", 0, "plain  revision 5  \"plain\""},
@@ -115,7 +118,6 @@ TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
         {"{served} download harbour --revision 9", 1,
          "the catalogue offers revision 2 of region 'harbour', not revision 9"},
         {"{nobody} regions", 1, "{catalogue} has nothing for user 'nobody': "},
-        {"{nobody} download harbour", 1, "{catalogue} has nothing for user 'nobody': "},
         {"{garbage} download harbour", 1, "{catalogue} gave an unusable answer: "},
         {"{fresh} status", 0, "No packs stored in {dir}/fresh"},
         {"{s} delete harbour --revision 3", 1,

@@ -4,16 +4,24 @@
 // stderr, against catalogues that the tool's own `serve` offers on loopback ports chosen by the
 // system. One test thread at a time.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
-#include <sys/types.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
+#include <random>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,66 +30,6 @@ namespace terrane::tool::test {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-// The tool under test, as built alongside these tests.
-inline const std::string kTool = TERRANE_OFFLINE_TOOL;
-
-std::string readFile(const fs::path& path);
-
-struct RunResult {
-    // The exit status, or minus the signal number when a signal ended the process.
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// The tool with `arguments` as a child process with stdout and stderr going to files in `work`,
-// and TERRANE_ACCESS_TOKEN unset unless `environment` sets it. The destructor kills (SIGKILL) and
-// reaps a child that still runs.
-class ChildProcess {
-  public:
-    ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
-                 const std::vector<std::string>& environment = {});
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    pid_t pid() const { return pid_; }
-    void signal(int number);
-    // Waits for the end; the status as in RunResult, or nullopt after `limit`.
-    std::optional<int> wait(std::chrono::milliseconds limit);
-    std::string out() const { return readFile(outPath_); }
-    std::string err() const { return readFile(errPath_); }
-    // The "http://127.0.0.1:PORT" that a server child announces on stdout; throws when none comes
-    // within 10 s.
-    std::string announcedUrl() const;
-
-  private:
-    pid_t pid_ = -1;
-    int status_ = -1;
-    fs::path outPath_;
-    fs::path errPath_;
-};
-
-// The words of `text`, split at spaces.
-std::vector<std::string> words(const std::string& text);
-
-// Deterministic file contents.
-std::string patternBytes(std::size_t size, unsigned seed);
-void writeFile(const fs::path& path, const std::string& contents);
-
-// One line of the access log of `serve`.
-struct AccessEntry {
-    std::string method;
-    std::string path;
-    int status = 0;
-    std::uint64_t bytes = 0;
-    std::string range;
-};
-std::vector<AccessEntry> readAccessLog(const fs::path& log);
-
-// Parsed JSON output of the tool; throws when it is not JSON.
-rapidjson::Document parseJson(const std::string& text);
 
 // Polls `condition` every 20 ms until it holds or `limit` passes.
 template <typename Condition>
@@ -96,44 +44,228 @@ bool eventually(Condition condition, std::chrono::milliseconds limit) {
     return true;
 }
 
+inline std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    return contents.str();
+}
+
+inline void writeFile(const fs::path& path, const std::string& contents) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+}
+
+// Deterministic file contents.
+inline std::string patternBytes(std::size_t size, unsigned seed) {
+    std::minstd_rand random(seed);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) {
+        byte = static_cast<char>(random());
+    }
+    return bytes;
+}
+
+// Parsed JSON output of the tool; throws when it is not JSON.
+inline rapidjson::Document parseJson(const std::string& text) {
+    rapidjson::Document document;
+    if (document.Parse(text.c_str()).HasParseError()) {
+        throw std::runtime_error("not JSON: " + text);
+    }
+    return document;
+}
+
+struct RunResult {
+    // The exit status, or minus the signal number when a signal ended the process.
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// The tool (as built alongside these tests) with `arguments` as a child process with stdout and
+// stderr going to files in `work`, and TERRANE_ACCESS_TOKEN unset unless `environment` sets it.
+// The destructor kills (SIGKILL) and reaps a child that still runs.
+class ChildProcess {
+  public:
+    ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
+                 const std::vector<std::string>& environment) {
+        fs::create_directories(work);
+        static int counter = 0;
+        const std::string stem = "child-" + std::to_string(++counter);
+        outPath_ = work / (stem + ".out");
+        errPath_ = work / (stem + ".err");
+        std::vector<std::string> copies{TERRANE_OFFLINE_TOOL};
+        copies.insert(copies.end(), arguments.begin(), arguments.end());
+        std::vector<char*> argv;
+        for (std::string& argument : copies) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(::open("/dev/null", O_RDONLY), 0);
+            ::dup2(::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+            ::dup2(::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+            ::unsetenv("TERRANE_ACCESS_TOKEN");
+            for (const std::string& variable : environment) {
+                ::putenv(::strdup(variable.c_str()));
+            }
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        if (pid_ < 0) {
+            throw std::runtime_error("fork failed");
+        }
+    }
+    ~ChildProcess() {
+        signal(SIGKILL);
+        wait(10s);
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    void signal(int number) {
+        if (pid_ > 0) {
+            ::kill(pid_, number);
+        }
+    }
+    // Waits for the end; the status as in RunResult, or nullopt after `limit`.
+    std::optional<int> wait(std::chrono::milliseconds limit) {
+        int raw = 0;
+        if (pid_ > 0) {
+            if (!eventually([&] { return ::waitpid(pid_, &raw, WNOHANG) == pid_; }, limit)) {
+                return std::nullopt;
+            }
+            pid_ = -1;
+            status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
+        }
+        return status_;
+    }
+    std::string out() const { return readFile(outPath_); }
+    std::string err() const { return readFile(errPath_); }
+
+  private:
+    pid_t pid_ = -1;
+    int status_ = -1;
+    fs::path outPath_;
+    fs::path errPath_;
+};
+
 // A fresh directory for the tool's runs, removed with its contents. Below it, a user "alice" whose
 // catalogue `serve` offers: region "harbour" (revision 2, maps and navigation, a Feature outline)
 // and region "plain" (revision 5, maps only, no outline, a description with terminal escapes);
 // and a storage for the tool.
 class ToolTest : public ::testing::Test {
   protected:
-    ToolTest();
-    ~ToolTest() override;
+    ToolTest() {
+        std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp failed");
+        }
+        scratch_ = pattern;
+    }
+    ~ToolTest() override {
+        server_.reset();
+        std::error_code ignored;
+        fs::remove_all(scratch_, ignored);
+    }
 
     fs::path source() const { return scratch_ / "source"; }
     fs::path www() const { return scratch_ / "www"; }
     fs::path storage() const { return scratch_ / "storage"; }
-    fs::path servedPack(int revision, const std::string& domain) const;
-
-    void writeSource(std::size_t mapsSize = 256 * 1024);
-    // Runs `publish`; fails the test when it does not succeed.
-    void publish();
-    // Serves the published tree with `serve` plus `options`, logging to accessLog().
-    void serve(const std::vector<std::string>& options);
     fs::path accessLog() const { return scratch_ / "access.log"; }
+    fs::path servedPack(int revision, const std::string& domain) const {
+        return www() / "offline-data" / "v1" / "alice" / "packs" / "harbour" /
+               std::to_string(revision) / (domain + ".pack");
+    }
+
+    void writeSource(std::size_t mapsSize = 256 * 1024) {
+        writeFile(source() / "harbour-maps.bin", patternBytes(mapsSize, 1));
+        writeFile(source() / "harbour-navigation.bin", patternBytes(128 * 1024 + 7, 2));
+        writeFile(source() / "plain-maps.bin", patternBytes(64 * 1024, 3));
+        writeFile(source() / "harbour.geojson",
+                  R"({"type":"Feature","properties":{},"geometry":{"type":"Point",)"
+                  R"("coordinates":[10.5,59.9]}})");
+        writeFile(source() / "regions.json", R"({"regions": {
+    "harbour": {"name": "Harbour City", "description": "Test region", "revision": 2,
+      "last_updated": "2024-03-01T10:00:00Z", "geography": "harbour.geojson", "packs": {
+        "maps": {"file": "harbour-maps.bin", "data_version": "2024.03"},
+        "navigation": "harbour-navigation.bin"}},
+    "plain": {"revision": 5, "description": "Plain\u001b[2J\r\nforged line",
+      "packs": {"maps": "plain-maps.bin"}}}})");
+    }
+    // Runs `publish`; fails the test when it does not succeed.
+    void publish() {
+        const RunResult result =
+            run({"publish", source().string(), www().string(), "--user", "alice"});
+        ASSERT_EQ(result.status, 0) << result.err;
+    }
+    // Serves the published tree with `serve` plus `options`, logging to accessLog().
+    void serve(const std::vector<std::string>& options) {
+        std::vector<std::string> command{"serve", www().string(), "--access-log",
+                                         accessLog().string()};
+        command.insert(command.end(), options.begin(), options.end());
+        server_ = start(command);
+        // It announces "http://127.0.0.1:PORT" on stdout.
+        const std::string prefix = "http://127.0.0.1:";
+        if (!eventually([&] { return server_->out().find(prefix) != std::string::npos; }, 10s)) {
+            throw std::runtime_error("no server address announced: " + server_->err());
+        }
+        const std::string out = server_->out();
+        baseUrl_ = prefix + std::to_string(std::stoi(out.substr(out.find(prefix) + prefix.size())));
+    }
 
     // The tool in the background.
     std::unique_ptr<ChildProcess> start(const std::vector<std::string>& arguments,
-                                        const std::vector<std::string>& environment = {}) const;
-    // The tool to its end (killed after `limit`, which fails the test).
+                                        const std::vector<std::string>& environment = {}) const {
+        return std::make_unique<ChildProcess>(arguments, scratch_ / "runs", environment);
+    }
+    // The tool to its end (killed after two minutes, which fails the test).
     RunResult run(const std::vector<std::string>& arguments,
-                  const std::vector<std::string>& environment = {},
-                  std::chrono::seconds limit = 120s) const;
-    // The tool with this storage, the served catalogue and `user`.
-    std::vector<std::string> withGlobals(const std::vector<std::string>& words,
-                                         const std::string& user = "alice") const;
+                  const std::vector<std::string>& environment = {}) const {
+        const auto child = start(arguments, environment);
+        const auto status = child->wait(120s);
+        EXPECT_TRUE(status) << "terrane-offline did not finish within two minutes";
+        return RunResult{status.value_or(-1), child->out(), child->err()};
+    }
+    // The tool with this storage, the served catalogue and user "alice".
+    std::vector<std::string> withGlobals(const std::vector<std::string>& words) const {
+        std::vector<std::string> arguments{"--storage", storage().string(), "--base-url",
+                                           baseUrl_,    "--user",           "alice"};
+        arguments.insert(arguments.end(), words.begin(), words.end());
+        return arguments;
+    }
     RunResult tool(const std::vector<std::string>& words) const { return run(withGlobals(words)); }
     // A member of every stored pack as `status --json` lists it, by "revision/domain" ("" for
     // null); for the error, its code.
-    std::map<std::string, std::string> stored(const std::string& key = "state");
+    std::map<std::string, std::string> stored(const std::string& key = "state") {
+        const RunResult result = tool({"--json", "status"});
+        EXPECT_EQ(result.status, 0) << result.err;
+        const auto listing = parseJson(result.out);
+        std::map<std::string, std::string> packs;
+        for (const auto& pack : listing.GetArray()) {
+            const auto& member = pack[key.c_str()];
+            const auto& value = member.IsObject() ? member["code"] : member;
+            packs[std::to_string(pack["revision"].GetUint()) + "/" + pack["domain"].GetString()] =
+                value.IsString() ? value.GetString() : "";
+        }
+        return packs;
+    }
     // The largest regular file in the storage (0 when there is none): how far a download came,
     // whatever names the HTTP layer gives its partial files.
-    std::uint64_t largestStoredFile() const;
+    std::uint64_t largestStoredFile() const {
+        std::uint64_t largest = 0;
+        std::error_code error;
+        for (fs::recursive_directory_iterator entry(storage(), error), end; !error && entry != end;
+             entry.increment(error)) {
+            std::error_code sizeError;
+            if (entry->is_regular_file(sizeError)) {
+                largest = std::max<std::uint64_t>(largest, entry->file_size(sizeError));
+            }
+        }
+        return largest;
+    }
 
     fs::path scratch_;
     std::unique_ptr<ChildProcess> server_;
