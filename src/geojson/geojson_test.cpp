@@ -17,10 +17,7 @@ namespace {
 
 namespace geo = terrane::geometry;
 using terrane::common::unexpected;
-using terrane::feature::feature;
-using terrane::feature::feature_collection;
-using terrane::feature::identifier;
-using terrane::feature::value;
+using namespace terrane::feature;
 using terrane::geojson::convert;
 using terrane::geojson::geojson;
 using terrane::geojson::parse;
@@ -40,7 +37,7 @@ std::string featureWith(const std::string& members) {
 }
 
 // The feature that featureWith describes.
-feature featureOf(std::optional<identifier> id, terrane::feature::property_map properties = {}) {
+feature featureOf(std::optional<identifier> id, property_map properties = {}) {
     return feature{geo::point(1, 2), std::move(properties), std::move(id)};
 }
 

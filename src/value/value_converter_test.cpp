@@ -22,8 +22,7 @@ namespace {
 using terrane::common::unexpected;
 using terrane::common::ValueConverter;
 using terrane::common::json::writeCompact;
-using terrane::feature::null_value;
-using terrane::feature::value;
+using namespace terrane::feature;
 
 TEST(ValueConverterParse, ErrorsGiveTheOffsetAndTheParsersMessageAndLeaveNoDocument) {
     const std::size_t limit = ValueConverter::maxNestingDepth;
