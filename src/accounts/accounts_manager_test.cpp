@@ -51,58 +51,49 @@ TEST_F(AccountsManagerTest, EachSkuHasItsCodeAndUnknownOnesShareACodelessToken) 
 TEST_F(AccountsManagerTest,
        AGeneratedTokenIsVersionCodeRandomizerAndUserIdDigestLeftOutOfTheCache) {
     const std::string cached = token(SKUIdentifier::Code04);
+    // The randomizer takes rand() modulo 62 into the alphabet and never reseeds.
+    std::srand(20240229);
+    std::string randomizer;
+    for (int i = 0; i < 8; ++i) {
+        randomizer += AccountsManager::CHARACTER_MAP[static_cast<std::size_t>(std::rand()) % 62];
+    }
+    std::srand(20240229);
     GeneratedToken generated = manager.generateToken<ManualClock>(SKUIdentifier::Code04);
+    EXPECT_EQ(generated.userRandomizer, randomizer);
+    // The user id is a new upper-case version 4 UUID each time.
+    EXPECT_THAT(generated.userId, MatchesRegex("[0-9A-F]{12}4[0-9A-F]{3}[89AB][0-9A-F]{15}"));
+    EXPECT_NE(manager.getUserID(), generated.userId);
     EXPECT_EQ(generated.expiry, ManualClock::current + hours{1});
     const std::string text = generated.token();
-    EXPECT_EQ(text, "104" + generated.userRandomizer + util::md5String(generated.userId));
+    EXPECT_EQ(text, "104" + randomizer + util::md5String(generated.userId));
     EXPECT_EQ(generated.cachedToken, text);
     EXPECT_EQ(token(SKUIdentifier::Code04), cached);
 }
 
-TEST_F(AccountsManagerTest, ATokenLastsAnHourFromItsMakingPerSku) {
+// Each token lasts an hour from its making, to the nanosecond; once made, a live service token
+// answers for every SKU.
+TEST_F(AccountsManagerTest, ATokenLastsAnHourPerSkuUntilALiveServiceTokenServesThemAll) {
     const std::string first = token(SKUIdentifier::Code00);
     EXPECT_NE(token(SKUIdentifier::Code06), first);
     ManualClock::current += hours{1};
     EXPECT_EQ(token(SKUIdentifier::Code00), first);
-
     ManualClock::current += nanoseconds{1};
     const std::string renewed = token(SKUIdentifier::Code00);
     EXPECT_NE(renewed, first);
     ManualClock::current += hours{1};
     EXPECT_EQ(token(SKUIdentifier::Code00), renewed);
-}
 
-TEST_F(AccountsManagerTest, ALiveServiceTokenIsReturnedForEverySkuAndRenewedWhenExpired) {
-    token(SKUIdentifier::Code00);
     EXPECT_FALSE(manager.maybeServiceToken<ManualClock>().has_value());
     const std::string service = token(SKUIdentifier::Code03);
     EXPECT_EQ(token(SKUIdentifier::Code00), service);
     EXPECT_EQ(token(static_cast<SKUIdentifier>(42)), service);
     ManualClock::current += hours{1};
     EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
-
     ManualClock::current += nanoseconds{1};
-    const std::string renewed = token(SKUIdentifier::Code04);
-    EXPECT_NE(renewed, service);
-    EXPECT_EQ(renewed.substr(0, 3), "103");
-    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), renewed);
-}
-
-TEST_F(AccountsManagerTest, RandomCharactersFollowRandModulo62WithoutReseeding) {
-    std::srand(20240229);
-    std::string expected;
-    for (int i = 0; i < 8; ++i) {
-        expected.push_back(
-            AccountsManager::CHARACTER_MAP[static_cast<std::size_t>(std::rand()) % 62]);
-    }
-    std::srand(20240229);
-    EXPECT_EQ(manager.userRandomizer(), expected);
-}
-
-TEST_F(AccountsManagerTest, EveryUserIdIsANewUpperCaseVersion4Uuid) {
-    const std::string id = manager.getUserID();
-    EXPECT_THAT(id, MatchesRegex("[0-9A-F]{12}4[0-9A-F]{3}[89AB][0-9A-F]{15}"));
-    EXPECT_NE(manager.getUserID(), id);
+    const std::string renewedService = token(SKUIdentifier::Code04);
+    EXPECT_NE(renewedService, service);
+    EXPECT_EQ(renewedService.substr(0, 3), "103");
+    EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), renewedService);
 }
 
 // The only test that touches the process-wide instance, so the order inside it is under control.

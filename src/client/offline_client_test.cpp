@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,10 +16,9 @@
 
 #include "terrane/http/http_service_factory.hpp"
 #include "terrane/offline/offline_service.hpp"
+#include "terrane/reachability/reachability_interface.hpp"
 #include "terrane/util/md5.hpp"
 #include "testing/fake_http_service.hpp"
-#include "testing/manual_clock.hpp"
-#include "testing/scripted_reachability.hpp"
 #include "testing/storage_tree.hpp"
 
 namespace terrane::common {
@@ -29,16 +32,71 @@ using ::testing::IsEmpty;
 constexpr auto maps = OfflineDataDomain::Maps;
 constexpr auto navigation = OfflineDataDomain::Navigation;
 
+// A clock whose time moves only when the test advances it, so that retry schedules of minutes
+// run at once. Any thread.
+class ManualClock final : public ClientClock {
+  public:
+    TimePoint now() const override { return TimePoint(ticks_.load()); }
+    std::uint64_t subscribe(std::function<void()> wake) override {
+        std::lock_guard lock(mutex_);
+        subscribers_.emplace(next_, std::move(wake));
+        return next_++;
+    }
+    void unsubscribe(std::uint64_t subscription) override {
+        std::lock_guard lock(mutex_);
+        subscribers_.erase(subscription);
+    }
+    // Wakes the subscribers under the mutex, so that unsubscribe() returns only once no call is
+    // under way.
+    void advance(std::chrono::nanoseconds by) {
+        ticks_.store(ticks_.load() + std::chrono::duration_cast<TimePoint::duration>(by));
+        std::lock_guard lock(mutex_);
+        for (const auto& [number, wake] : subscribers_) {
+            wake();
+        }
+    }
+
+  private:
+    std::atomic<TimePoint::duration> ticks_{std::chrono::hours(1)};
+    std::mutex mutex_;
+    std::map<std::uint64_t, std::function<void()>> subscribers_;
+    std::uint64_t next_ = 1;
+};
+
+// A network whose status the test sets; set() calls every listener on the test's thread, as the
+// monitor thread would. Any thread.
+class ScriptedReachability final : public ReachabilityInterface {
+  public:
+    void addListener(std::function<void(NetworkStatus)>&& listener) override {
+        std::lock_guard lock(mutex_);
+        listeners_.push_back(std::move(listener));
+    }
+    bool isReachable() override { return status_ != NetworkStatus::NotReachable; }
+    NetworkStatus currentNetworkStatus() override { return status_; }
+    void start() override { set(status_); }
+    void stop() override {}
+    void set(NetworkStatus status) {
+        status_ = status;
+        std::lock_guard lock(mutex_);
+        for (const auto& listener : listeners_) {
+            listener(status);
+        }
+    }
+
+  private:
+    std::atomic<NetworkStatus> status_ = NetworkStatus::ReachableViaWiFi;
+    std::mutex mutex_;
+    std::vector<std::function<void(NetworkStatus)>> listeners_;
+};
+
 // What a client's thread hands over (progress reports, observer calls), for the test thread to
 // wait on.
 template <typename Record>
 class Recorded {
   public:
     void add(Record record) {
-        {
-            std::lock_guard lock(mutex_);
-            records_.push_back(std::move(record));
-        }
+        std::lock_guard lock(mutex_);
+        records_.push_back(std::move(record));
         changed_.notify_all();
     }
 
@@ -46,18 +104,12 @@ class Recorded {
     Record next(const std::function<bool(const Record&)>& predicate) {
         std::unique_lock lock(mutex_);
         const bool found = changed_.wait_for(lock, 10s, [&] {
-            for (; cursor_ < records_.size(); ++cursor_) {
-                if (predicate(records_[cursor_])) {
-                    return true;
-                }
-            }
-            return false;
+            const auto at = std::find_if(records_.begin() + cursor_, records_.end(), predicate);
+            cursor_ = at - records_.begin();
+            return at != records_.end();
         });
-        if (!found) {
-            ADD_FAILURE() << "no such record";
-            return {};
-        }
-        return records_[cursor_++];
+        EXPECT_TRUE(found) << "no such record";
+        return found ? records_[cursor_++] : Record{};
     }
 
     std::vector<Record> all() {
@@ -78,13 +130,12 @@ class StateLog final : public OfflineClientObserver, public Recorded<OfflineData
     void onPackState(const PackState& state) override { add(state.pack.status); }
 };
 
-bool retryWaiting(const PackProgress& progress) {
+const auto retryWaiting = [](const PackProgress& progress) {
     return progress.nextRetry.has_value();
-}
-
-bool available(const PackProgress& progress) {
+};
+const auto available = [](const PackProgress& progress) {
     return progress.state == OfflineDataPackStatus::Available;
-}
+};
 
 // Clients over a real offline service whose HTTP service is the scriptable fake, with a clock
 // that moves only when the test says and no jitter.
@@ -130,10 +181,9 @@ class OfflineClientTest : public ::testing::Test {
     const OfflineServiceOptions serviceOptions{"alice", "tk", "http://127.0.0.1:9"};
     test::TemporaryDirectory directory;
     std::shared_ptr<test::FakeHttpService> http = std::make_shared<test::FakeHttpService>();
-    std::shared_ptr<test::ManualClock> clock = std::make_shared<test::ManualClock>();
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::shared_ptr<Recorded<PackProgress>> progress = std::make_shared<Recorded<PackProgress>>();
-    std::shared_ptr<test::ScriptedReachability> reachability =
-        std::make_shared<test::ScriptedReachability>(NetworkStatus::ReachableViaWiFi);
+    std::shared_ptr<ScriptedReachability> reachability = std::make_shared<ScriptedReachability>();
     std::vector<std::unique_ptr<OfflineClient>> clients;
 };
 

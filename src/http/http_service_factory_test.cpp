@@ -2,34 +2,24 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 
 #include "http/http_service_factory_impl.hpp"
 #include "terrane/http/request_id.hpp"
+#include "testing/fake_http_service.hpp"
 
 namespace terrane::common {
 namespace {
 
-// Answers nothing; the factory only hands services around.
-class StubHttpService : public HttpServiceInterface {
-  public:
-    void setMaxRequestsPerHost(std::uint8_t) override {}
-    std::uint64_t request(HttpRequest&&, HttpResponseCallback&&) override {
-        return nextHttpRequestId();
-    }
-    void cancelRequest(std::uint64_t, ResultCallback&&) override {}
-    bool supportsKeepCompression() override { return false; }
-    std::uint64_t download(DownloadOptions&&, DownloadStatusCallback&&) override {
-        return nextHttpRequestId();
-    }
-};
+using test::FakeHttpService;
 
 TEST(HttpServiceFactoryImplTest, ADefaultIsSharedWhileHeldAndAUserDefinedOneOnlyWhileItLives) {
-    // The platform default is a stub, counted.
+    // The platform default is a fake, counted.
     int created = 0;
     HttpServiceFactoryImpl registry{[&created]() -> std::shared_ptr<HttpServiceInterface> {
         ++created;
-        return std::make_shared<StubHttpService>();
+        return std::make_shared<FakeHttpService>();
     }};
     {
         const auto first = registry.getInstance();
@@ -40,7 +30,7 @@ TEST(HttpServiceFactoryImplTest, ADefaultIsSharedWhileHeldAndAUserDefinedOneOnly
     ASSERT_TRUE(registry.getInstance().value_or(nullptr));
     EXPECT_EQ(created, 2);
 
-    auto custom = std::make_shared<StubHttpService>();
+    auto custom = std::make_shared<FakeHttpService>();
     registry.setUserDefined(custom);
     EXPECT_EQ(registry.getInstance(), custom);
     custom.reset();
@@ -52,9 +42,9 @@ TEST(HttpServiceFactoryImplTest, ADefaultIsSharedWhileHeldAndAUserDefinedOneOnly
 }
 
 // The process-wide factory of this build has no platform service of this kind, so only the
-// service the application supplies is a stub.
+// service the application supplies is a fake.
 TEST(HttpServiceFactoryTest, TheUserDefinedServiceIsInForceUntilItsLastHolderLetsGo) {
-    auto custom = std::make_shared<StubHttpService>();
+    auto custom = std::make_shared<FakeHttpService>();
     HttpServiceFactory::setUserDefined(custom);
     auto held = HttpServiceFactory::getInstance();
     EXPECT_EQ(held, custom);
@@ -62,7 +52,15 @@ TEST(HttpServiceFactoryTest, TheUserDefinedServiceIsInForceUntilItsLastHolderLet
     EXPECT_EQ(HttpServiceFactory::getInstance(), held);
     held.reset();
     const auto fallback = HttpServiceFactory::getInstance();
-    EXPECT_EQ(dynamic_cast<StubHttpService*>(fallback.value_or(nullptr).get()), nullptr);
+    EXPECT_EQ(dynamic_cast<FakeHttpService*>(fallback.value_or(nullptr).get()), nullptr);
+}
+
+// The counter is process-wide, so "the first id is 1" can only be seen in a process that has drawn
+// nothing yet: the threadsafe death-test style re-executes this binary with only this test.
+TEST(RequestIdTest, TheFirstIdOfAProcessIsOne) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::exit(nextHttpRequestId() == 1 && nextHttpRequestId() == 2 ? 0 : 1),
+                ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

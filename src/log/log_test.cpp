@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -11,14 +14,16 @@
 #include <tuple>
 #include <vector>
 
+#include "terrane/log/console_log_backend.hpp"
 #include "terrane/log/default_log_backend.hpp"
 #include "terrane/log/log_configuration.hpp"
 #include "terrane/log/log_writer_backend.hpp"
+#include "util/file_descriptor.hpp"
 
 namespace terrane::common {
 namespace {
 
-using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
 
 using Entry = std::tuple<LoggingLevel, std::string, optional<std::string>>;
 
@@ -81,24 +86,6 @@ TEST_F(LogTest, TheFilterLetsThroughItsLevelAndAboveWithTheCategoryAsGiven) {
     }
 }
 
-TEST_F(LogTest, TheDefaultSinkPrintsInfoAndAboveLiterallyWithTheCategoryInBrackets) {
-    const std::vector<std::tuple<LoggingLevel, std::string, optional<std::string>, std::string>>
-        rows{
-            {LoggingLevel::Info, "up", nullopt, "Info: up\n"},
-            {LoggingLevel::Warning, "down", "net", "<net>Warning: down\n"},
-            {LoggingLevel::Error, "blank", "", "<>Error: blank\n"},
-            {LoggingLevel::Info, "100%s done %d", "%n", "<%n>Info: 100%s done %d\n"},
-            {LoggingLevel::Debug, "hidden", "c", ""},
-            {static_cast<LoggingLevel>(7), "hidden", nullopt, ""},
-        };
-    DefaultLogBackend sink;
-    for (const auto& [level, message, category, expected] : rows) {
-        testing::internal::CaptureStdout();
-        sink.writeLog(level, message, category);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), expected) << message;
-    }
-}
-
 TEST_F(LogTest, SinksSwappedWhileThreadsLogGetEveryMessageOnceAndInEachThreadsOrder) {
     constexpr int kThreads = 3;
     constexpr int kMessages = 2000;
@@ -128,6 +115,45 @@ TEST_F(LogTest, SinksSwappedWhileThreadsLogGetEveryMessageOnceAndInEachThreadsOr
         }
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, kMessages));
+}
+
+// Neither sink runs the message or the category through printf formatting.
+TEST(LogSinks, EachSinkWritesEveryLevelAndCategoryInItsFormat) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const base::io::FileDescriptor writer(ends[0]);
+    const base::io::FileDescriptor reader(ends[1]);
+    ConsoleLogBackend console(writer.get());
+    DefaultLogBackend standardOutput;
+    // "<ISO time> <program>[<pid>] ", then the text.
+    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z " +
+                              std::string(program_invocation_short_name) + "\\[" +
+                              std::to_string(::getpid()) + "\\] ";
+    const struct {
+        LoggingLevel level;
+        const char* message;
+        optional<std::string> category;
+        std::string printed;  // by the default sink
+        std::string console;  // after the stamp; empty: nothing is written
+    } rows[] = {
+        {LoggingLevel::Debug, "d", nullopt, "", "Debug:  d"},
+        {LoggingLevel::Info, "up", nullopt, "Info: up\n", "Info:  up"},
+        {LoggingLevel::Info, "i", "net", "<net>Info: i\n", "Info: <net> i"},
+        {LoggingLevel::Warning, "w", "", "<>Warning: w\n", "Warning:  w"},
+        {LoggingLevel::Error, "100%s done %d", "%n", "<%n>Error: 100%s done %d\n",
+         "Error: <%n> 100%s done %d"},
+        {static_cast<LoggingLevel>(4), "x", nullopt, "", ""},
+    };
+    for (const auto& row : rows) {
+        testing::internal::CaptureStdout();
+        standardOutput.writeLog(row.level, row.message, row.category);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.message;
+        console.writeLog(row.level, row.message, row.category);
+        char buffer[512];
+        const ssize_t length = ::recv(reader.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+        const std::string line = length > 0 ? std::string(buffer, length) : std::string();
+        EXPECT_THAT(line, MatchesRegex(row.console.empty() ? "" : stamp + row.console + "\n"));
+    }
 }
 
 }  // namespace

@@ -162,14 +162,11 @@ TEST(OfflineStorage, RegionChecksRunInOrderAndTheFirstFailureWins) {
     id.SetInt(7);
     rapidjson::Document region;
     region.SetArray();
+    auto& allocator = region.GetAllocator();
     const auto set = [&](const char* name, const std::string& json) {
-        rapidjson::Value copy(parse(json), region.GetAllocator());
-        if (auto found = region.FindMember(name); found != region.MemberEnd()) {
-            found->value = copy;
-        } else {
-            region.AddMember(rapidjson::Value(name, region.GetAllocator()), copy,
-                             region.GetAllocator());
-        }
+        region.RemoveMember(name);
+        region.AddMember(rapidjson::Value(name, allocator),
+                         rapidjson::Value(parse(json), allocator), allocator);
     };
     const auto read = [&] { return summary(parseRegionMetadata(id, region)); };
     EXPECT_EQ(read(), "Region ID must be a string");

@@ -151,6 +151,9 @@ TEST(Redaction, EveryFormOfTheSecretIsMaskedAndNoneSurvives) {
         {"aaaa", "aa", "******"},
         {"ababa", "aba", "***ba"},
         {"a%2Fb%20c a%2fb%20c a/b c a/b%20c", "a/b c", "*** *** *** ***"},
+        // Just inside and just outside each class of unreserved characters.
+        {"AZaz09-._~%40%5B%60%7B%2F%3A%2C AZaz09-._~%40%5b%60%7b%2f%3a%2c", "AZaz09-._~@[`{/:,",
+         "*** ***"},
         // A secret that holds the mask character gets another mask.
         {"x**y", "**", "x!!!y"},
         {"x!*!*y", "!*", "x\"\"\"\"\"\"y"},

@@ -97,9 +97,9 @@ TEST_F(ReachabilityServiceTest, NoListenerRunsOnceTheDestructorHasReturned) {
         lateCalls.fetch_add(destroyed.load() ? 1 : 0);
     });
     service->start();
-    std::atomic<bool> posting{true};
-    std::jthread poster([&] {
-        while (posting.load()) {
+    // Stopped and joined when the test ends.
+    std::jthread poster([this](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
             center_.post();
         }
     });
@@ -108,8 +108,6 @@ TEST_F(ReachabilityServiceTest, NoListenerRunsOnceTheDestructorHasReturned) {
     }
     service.reset();
     destroyed.store(true);
-    posting.store(false);
-    poster.join();
     EXPECT_EQ(lateCalls.load(), 0);
 }
 
