@@ -564,7 +564,7 @@ TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndK
         service_->download(DownloadOptions(HttpRequest(server_.url("/hold")), destination_ + ".2"),
                            cancelled.callback());
     test::waitForBytes(inbox, 32 * 1024);
-    waitUntil([&] { return server_.heldNow() == 4; });
+    waitUntil([&] { return server_.heldNow() == 5; });
     EXPECT_FALSE(cancel(id));
     const auto reports = inbox.items().size();
     service_.reset();  // joins the engine thread
