@@ -576,22 +576,26 @@ TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndK
     expectResumeDataFor(32 * 1024);
 }
 
-TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReportsAndKeepsResumeData) {
+TEST_F(CurlHttpServiceTest, ACancelInItsOwnProgressCallbackKeepsResumeDataWithoutTheToken) {
+    // Beyond the bytes gathered for one write, so that the resumed part is written in pieces.
+    const std::string content = test::testContent(3 * 1024 * 1024, 21);
     const std::string date = "Tue, 01 Oct 2024 10:00:00 GMT";
-    server_.serve("/pack", TestFile{.content = test::testContent(128 * 1024),
-                                    .lastModified = date,
-                                    .stallAfter = 64 * 1024});
+    server_.serve("/pack",
+                  TestFile{.content = content, .lastModified = date, .stallAfter = 128 * 1024});
+    const auto urlWith = [&](const std::string& token) {
+        return server_.url("/pack?region=harbour&access_token=" + token);
+    };
     StatusInbox inbox;
     test::AnswerInbox answers;
     std::atomic<std::uint64_t> id{0};
     bool cancelled = false;  // engine thread only
     auto record = inbox.callback();
     CurlHttpService* service = service_.get();
-    id = service->download(DownloadOptions(HttpRequest(server_.url("/pack")), destination_),
+    id = service->download(DownloadOptions(HttpRequest(urlWith("first-secret")), destination_),
                            [&](DownloadStatus&& status) {
-                               const bool progressed = status.receivedBytes > 0;
+                               const bool stalled = status.receivedBytes == 128 * 1024;
                                record(std::move(status));
-                               if (progressed && !cancelled) {
+                               if (stalled && !cancelled) {
                                    cancelled = true;
                                    // Written as soon as the head of a resumable answer came.
                                    EXPECT_TRUE(fs::exists(rd()));
@@ -602,12 +606,33 @@ TEST_F(CurlHttpServiceTest, CancelInsideItsOwnProgressCallbackEndsTheReportsAndK
                            });
     EXPECT_TRUE(answers.waitFor(1));
     server_.release();
-    service_.reset();
-    const auto last = inbox.items().back();
-    EXPECT_FALSE(isFinal(last.state));
-    EXPECT_GT(last.receivedBytes, 0u);
-    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())),
-              (ResumeData{server_.url("/pack"), part(), fs::file_size(part()), "\"v1\"", date}));
+    EXPECT_EQ(
+        decodeResumeData(test::readWholeFile(rd())),
+        (ResumeData{server_.url("/pack?region=harbour"), part(), 128 * 1024, "\"v1\"", date}));
+    expectResumeDataFor(128 * 1024);
+    EXPECT_EQ(test::filesContaining(scratch_.path(), "first-secret"), std::vector<std::string>{});
+    for (const auto& path : {part(), rd()}) {
+        EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write)
+            << path;
+    }
+
+    const auto final = download(urlWith("second-secret"), true);
+    ASSERT_EQ(final.state, kFinished);
+    EXPECT_EQ((**final.httpResult).code, 206);
+    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=131072-");
+    EXPECT_EQ(test::readWholeFile(destination_), content);
+    EXPECT_EQ(test::filesContaining(scratch_.path(), "second-secret"), std::vector<std::string>{});
+    // Nothing came after the cancel. Pending and the first Downloading come together; progress
+    // after that is coalesced.
+    EXPECT_FALSE(isFinal(inbox.items().back().state));
+    EXPECT_EQ(inbox.items().back().receivedBytes, 128u * 1024);
+    const auto times = inbox.times();
+    for (std::size_t index = 2; index + 1 < times.size(); ++index) {
+        EXPECT_GE(times[index] - times[index - 1],
+                  DownloadTransfer::kProgressInterval - std::chrono::milliseconds(1))
+            << "report " << index;
+    }
 }
 
 TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehind) {
@@ -724,44 +749,6 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         fs::remove(part());
         fs::remove(rd());
     }
-}
-
-TEST_F(CurlHttpServiceTest, ADroppedDownloadReportsSparselyKeepsNoTokenAndResumesWithANewOne) {
-    // Beyond the bytes gathered for one write, so that the resumed part is written in pieces.
-    const std::string content = test::testContent(3 * 1024 * 1024, 21);
-    server_.serve("/pack", TestFile{.content = content, .stallAfter = 128 * 1024});
-    const auto urlWith = [&](const std::string& token) {
-        return server_.url("/pack?region=harbour&access_token=" + token);
-    };
-    StatusInbox inbox;
-    start(urlWith("first-secret"), inbox);
-    test::waitForBytes(inbox, 128 * 1024);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    server_.release();  // the answer breaks off
-    EXPECT_EQ(test::waitForFinal(inbox).error->code, DownloadErrorCode::NetworkError);
-    // Pending and the first Downloading come together; progress after that is coalesced.
-    const auto times = inbox.times();
-    for (std::size_t index = 2; index + 1 < times.size(); ++index) {
-        EXPECT_GE(times[index] - times[index - 1],
-                  DownloadTransfer::kProgressInterval - std::chrono::milliseconds(1))
-            << "report " << index;
-    }
-    expectResumeDataFor(128 * 1024);
-    EXPECT_EQ(test::filesContaining(scratch_.path(), "first-secret"), std::vector<std::string>{});
-    for (const auto& path : {part(), rd()}) {
-        EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
-                  fs::perms::owner_read | fs::perms::owner_write)
-            << path;
-    }
-    EXPECT_EQ(decodeResumeData(test::readWholeFile(rd()))->url,
-              server_.url("/pack?region=harbour"));
-
-    const auto final = download(urlWith("second-secret"), true);
-    ASSERT_EQ(final.state, kFinished);
-    EXPECT_EQ((**final.httpResult).code, 206);
-    EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=131072-");
-    EXPECT_EQ(test::readWholeFile(destination_), content);
-    EXPECT_EQ(test::filesContaining(scratch_.path(), "second-secret"), std::vector<std::string>{});
 }
 
 TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes) {
