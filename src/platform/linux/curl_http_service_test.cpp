@@ -174,7 +174,7 @@ class CurlHttpServiceTest : public ::testing::Test {
     }
 
     test::HttpTestServer server_;
-    test::ScratchDirectory scratch_;
+    test::TemporaryDirectory scratch_;
     std::string destination_ = (scratch_.path() / "out" / "pack.bin").string();
     std::shared_ptr<CurlHttpService> service_ = std::make_shared<CurlHttpService>();
 };
