@@ -14,18 +14,12 @@ namespace terrane::common {
 namespace {
 
 using namespace std::chrono_literals;
-using test::HttpTestServer;
 
 // The whole road over the platform's HTTP service and a real server on 127.0.0.1.
 TEST(OfflineClientEndToEnd, ADownloadSurvivesTwoDroppedConnectionsWithoutHelp) {
-    if (!HttpTestServer::isAvailable()) {
-        GTEST_SKIP() << "this build has no test HTTP server (cpp-httplib)";
-    }
-    HttpTestServer server;
-    test::TestFile file;
-    file.content = test::testContent(256 * 1024);
-    file.dropAfter = 64 * 1024;
-    file.faultyResponses = 2;
+    test::HttpTestServer server;
+    const test::TestFile file{
+        .content = test::testContent(256 * 1024), .dropAfter = 64 * 1024, .faultyResponses = 2};
     server.serve("/packs/harbour-maps.bin", file);
 
     OfflineDataRegionMetadata region;

@@ -1,9 +1,8 @@
 #include "testing/http_test_server.hpp"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 
 // The Debian library is built with these; its classes change shape without them.
 #ifndef CPPHTTPLIB_OPENSSL_SUPPORT
@@ -57,12 +56,10 @@ HttpTestServer::HttpTestServer() : server_(std::make_unique<httplib::Server>()) 
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
         serveFile(request, response);
     };
-    server_->Get(".*", handler);
-    server_->Post(".*", handler);
+    server_->Get(".*", handler).Post(".*", handler);
     port_ = static_cast<std::uint16_t>(server_->bind_to_any_port("127.0.0.1"));
     if (port_ == 0) {
-        std::fputs("HttpTestServer: cannot bind 127.0.0.1\n", stderr);
-        std::abort();
+        throw std::runtime_error("HttpTestServer: cannot bind 127.0.0.1");
     }
     // The socket listens already: clients may connect before the thread runs.
     thread_ = std::thread([this] { server_->listen_after_bind(); });
@@ -111,29 +108,21 @@ std::vector<ReceivedRequest> HttpTestServer::requestsFor(std::string_view path) 
     return matching;
 }
 
-void HttpTestServer::waitForRelease(bool counted) {
+void HttpTestServer::waitForRelease() {
     std::unique_lock lock(mutex_);
     const int generation = releases_;
-    if (counted) {
-        ++held_;
-    }
+    ++held_;
     released_.wait(lock, [&] { return stopping_ || releases_ != generation; });
-    if (counted) {
-        --held_;
-    }
+    --held_;
 }
 
 void HttpTestServer::serveFile(const httplib::Request& request, httplib::Response& response) {
     // Recorded here rather than before routing: only now has the body been read.
-    ReceivedRequest received{request.method, request.path, {}, request.body};
-    for (const auto& [name, value] : request.headers) {
-        std::string lowered(name.size(), ' ');
-        std::transform(name.begin(), name.end(), lowered.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        received.headers.emplace(std::move(lowered), value);
-    }
     std::unique_lock lock(mutex_);
-    requests_.push_back(std::move(received));
+    requests_.push_back(ReceivedRequest{request.method,
+                                        request.path,
+                                        {request.headers.begin(), request.headers.end()},
+                                        request.body});
     const auto found = files_.find(request.path);
     if (found == files_.end()) {
         response.status = 404;
@@ -144,7 +133,7 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
     lock.unlock();
 
     if (file.holdHead) {
-        waitForRelease(true);
+        waitForRelease();
     }
     for (const auto& [name, value] :
          {std::pair{"ETag", file.etag}, {"Last-Modified", file.lastModified}}) {
@@ -194,16 +183,16 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
     if (body->empty()) {
         return;  // a content provider of no length would never be asked, and the answer hang
     }
-    const optional<std::size_t> limit = !faulty          ? nullopt
-                                        : file.dropAfter ? file.dropAfter
-                                                         : file.stallAfter;
-    const bool stalls = faulty && file.stallAfter;
     // Short of an announced length, the connection breaks off once the body is sent.
-    const bool shortOfLength = file.announcedLength.has_value();
+    const optional<std::size_t> limit = file.announcedLength ? body->size()
+                                        : !faulty            ? nullopt
+                                        : file.dropAfter     ? file.dropAfter
+                                                             : file.stallAfter;
+    const bool stalls = faulty && file.stallAfter;
     response.set_content_provider(
         file.announcedLength.value_or(body->size()), kBinary,
-        [this, body, limit, stalls, shortOfLength](std::size_t offset, std::size_t length,
-                                                   httplib::DataSink& sink) {
+        [this, body, limit, stalls](std::size_t offset, std::size_t length,
+                                    httplib::DataSink& sink) {
             const std::size_t end =
                 std::max(offset, std::min({offset + std::min(length, kChunk), body->size(),
                                            limit.value_or(body->size())}));
@@ -212,11 +201,11 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
             }
             if (limit && end == *limit) {
                 if (stalls) {
-                    waitForRelease(false);
+                    waitForRelease();
                 }
                 return false;  // breaks the connection off
             }
-            return !(shortOfLength && end == body->size());
+            return true;
         });
 }
 

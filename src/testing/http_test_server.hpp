@@ -1,5 +1,7 @@
 #pragma once
 
+#include <strings.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -23,14 +25,20 @@ struct Response;
 
 namespace terrane::common::test {
 
-// A request as the test server received it, header names lower-cased.
+struct NoCase {
+    bool operator()(const std::string& a, const std::string& b) const {
+        return ::strcasecmp(a.c_str(), b.c_str()) < 0;
+    }
+};
+
+// A request as the test server received it, header names in any case.
 struct ReceivedRequest {
     std::string method;
     std::string path;
-    std::multimap<std::string, std::string> headers;
+    std::multimap<std::string, std::string, NoCase> headers;
     std::string body;
 
-    // The first value sent under the lower-case name.
+    // The first value sent under the name.
     optional<std::string> header(const std::string& name) const;
 };
 
@@ -45,7 +53,7 @@ struct TestFile {
     std::string lastModified{};
     // Sent as they are (Content-Encoding with content already encoded, Location, padding...).
     std::vector<std::pair<std::string, std::string>> headers{};
-    // The head waits until release() or the server's end; heldNow() counts the waiting ones.
+    // The head waits until release() or the server's end.
     bool holdHead = false;
     // Sent in chunks, without a length.
     bool chunked = false;
@@ -80,9 +88,6 @@ class HttpTestServer {
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
-    // cpp-httplib is a build requirement, so every build has the server.
-    static bool isAvailable() { return true; }
-
     // "http://127.0.0.1:<port>" followed by the path.
     std::string url(std::string_view path) const;
 
@@ -91,6 +96,7 @@ class HttpTestServer {
 
     // Lets every stalled or held answer go on.
     void release();
+    // The answers held or stalled now.
     int heldNow() const;
 
     // Every request received so far for the path, in order of arrival.
@@ -103,8 +109,8 @@ class HttpTestServer {
     };
 
     void serveFile(const httplib::Request& request, httplib::Response& response);
-    // Waits until release() or the server's end; `counted` counts it in heldNow().
-    void waitForRelease(bool counted);
+    // Waits until release() or the server's end, counted in heldNow().
+    void waitForRelease();
 
     std::unique_ptr<httplib::Server> server_;
     std::uint16_t port_ = 0;

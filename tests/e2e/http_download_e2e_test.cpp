@@ -29,7 +29,7 @@ TEST(HttpDownloadEndToEndTest, NginxsValidatorsAndDownloadsCutOffMidWayThatResum
     if (!NginxServer::isInstalled()) {
         GTEST_SKIP() << "nginx is not installed at " << NginxServer::kExecutable;
     }
-    test::ScratchDirectory scratch;
+    test::TemporaryDirectory scratch;
     const fs::path served = scratch.path() / "www" / "pack.bin";
     fs::create_directories(served.parent_path());
     test::writeWholeFile(served, test::testContent(kFileSize, 11));

@@ -8,8 +8,9 @@
 namespace terrane::common {
 namespace {
 
-TEST(CurlErrorMappingTest, EveryCurlCodeMapsToItsKind) {
-    const std::pair<HttpRequestErrorType, std::vector<CURLcode>> rows[] = {
+// The kind of every code, and the text: curl's detail, its generic text, or an oversized head.
+TEST(CurlErrorMappingTest, EveryCurlCodeMapsToItsKindAndText) {
+    const std::pair<HttpRequestErrorType, std::vector<CURLcode>> kinds[] = {
         {HttpRequestErrorType::ConnectionError,
          {CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_CONNECT,
           CURLE_SEND_ERROR, CURLE_RECV_ERROR, CURLE_GOT_NOTHING, CURLE_PARTIAL_FILE}},
@@ -24,20 +25,17 @@ TEST(CurlErrorMappingTest, EveryCurlCodeMapsToItsKind) {
          {CURLE_UNSUPPORTED_PROTOCOL, CURLE_URL_MALFORMAT, CURLE_TOO_MANY_REDIRECTS,
           CURLE_WRITE_ERROR, CURLE_OUT_OF_MEMORY, CURLE_BAD_CONTENT_ENCODING}},
     };
-    for (const auto& [type, codes] : rows) {
+    for (const auto& [type, codes] : kinds) {
         for (const CURLcode code : codes) {
             EXPECT_EQ(requestErrorTypeFor(code), type) << code;
         }
     }
-}
-
-TEST(CurlErrorMappingTest, TheTextIsCurlsDetailOrItsGenericTextOrAnOversizedHead) {
     const struct {
         CURLcode code;
         const char* buffer;
         bool headComplete;
         std::string expected;
-    } rows[] = {
+    } texts[] = {
         {CURLE_COULDNT_CONNECT, "Failed to connect to 127.0.0.1 port 1", true,
          "Failed to connect to 127.0.0.1 port 1"},
         {CURLE_COULDNT_CONNECT, "", true, "Couldn't connect to server"},
@@ -48,7 +46,7 @@ TEST(CurlErrorMappingTest, TheTextIsCurlsDetailOrItsGenericTextOrAnOversizedHead
         {CURLE_OUT_OF_MEMORY, "", false, kResponseHeaderTooLarge},
         {CURLE_OUT_OF_MEMORY, "", true, "Out of memory"},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : texts) {
         EXPECT_EQ(curlErrorText(row.code, row.buffer, row.headComplete), row.expected)
             << row.code << " " << (row.buffer ? row.buffer : "null") << " " << row.headComplete;
     }

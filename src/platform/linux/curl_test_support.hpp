@@ -19,8 +19,6 @@
 
 namespace terrane::common::test {
 
-using ScratchDirectory = TemporaryDirectory;
-
 // Collects what the callbacks of one exchange receive, with the thread and the time of each call.
 template <typename T>
 class Inbox {

@@ -86,17 +86,26 @@ class NetlinkReachabilityTest : public ::testing::Test {
     base::io::FileDescriptor original_;
 };
 
-TEST_F(NetlinkReachabilityTest, EveryChangeOfTheDefaultRouteReachesTheListeners) {
+// The same change reaches the services of hosts too, each on its own listeners.
+TEST_F(NetlinkReachabilityTest, EveryChangeOfTheRoutesReachesTheListeners) {
     Heard heard;
+    Heard v4;
+    Heard v6;
     auto service = startService(nullopt, heard);
     ASSERT_EQ(heard.items().size(), 1u) << "start() calls the listener once";
-    EXPECT_TRUE(latestIs(heard, NetworkStatus::NotReachable)) << "only loopback";
+    auto v4Service = startService(std::string("192.0.2.1"), v4);
+    auto v6Service = startService(std::string("2001:db8::1"), v6);
+    for (Heard* listener : {&heard, &v4, &v6}) {
+        EXPECT_TRUE(latestIs(*listener, NetworkStatus::NotReachable)) << "only loopback";
+    }
 
     const struct {
         std::string change;
         NetworkStatus status;
+        optional<NetworkStatus> v6{};
     } steps[] = {
-        {"ip link set x0 up && ip route add default dev x0", NetworkStatus::ReachableViaWiFi},
+        {"ip link set x0 up && ip route add default dev x0 && ip -6 route add default dev x0",
+         NetworkStatus::ReachableViaWiFi, NetworkStatus::ReachableViaWiFi},
         {carrierOff_, NetworkStatus::NotReachable},
         {carrierOn_, NetworkStatus::ReachableViaWiFi},
         {"ip link set x0 down", NetworkStatus::NotReachable},
@@ -108,24 +117,13 @@ TEST_F(NetlinkReachabilityTest, EveryChangeOfTheDefaultRouteReachesTheListeners)
         ASSERT_TRUE(shell(step.change)) << step.change;
         EXPECT_TRUE(latestIs(heard, step.status))
             << step.change << ": expected " << toString(step.status);
+        EXPECT_TRUE(latestIs(v4, step.status)) << step.change;
+        if (step.v6) {
+            EXPECT_TRUE(latestIs(v6, *step.v6)) << step.change;
+        }
         EXPECT_EQ(service->currentNetworkStatus(), step.status) << step.change;
         EXPECT_EQ(service->isReachable(), step.status != NetworkStatus::NotReachable);
     }
-}
-
-TEST_F(NetlinkReachabilityTest, OneChangeReachesTheServicesOfTwoHosts) {
-    Heard first;
-    Heard second;
-    auto a = startService(std::string("192.0.2.1"), first);
-    auto b = startService(std::string("2001:db8::1"), second);
-    EXPECT_TRUE(latestIs(first, NetworkStatus::NotReachable));
-    EXPECT_TRUE(latestIs(second, NetworkStatus::NotReachable));
-
-    ASSERT_TRUE(
-        shell("ip link set x0 up && ip route add default dev x0 && "
-              "ip -6 route add default dev x0"));
-    EXPECT_TRUE(latestIs(first, NetworkStatus::ReachableViaWiFi));
-    EXPECT_TRUE(latestIs(second, NetworkStatus::ReachableViaWiFi));
 }
 
 }  // namespace

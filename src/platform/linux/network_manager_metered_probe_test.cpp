@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -56,18 +58,29 @@ class PrivateBus {
 // answers on a thread of its own until destroyed; while paused it takes calls but never answers.
 class FakeNetworkManager {
   public:
-    explicit FakeNetworkManager(const std::string& address)
-        : thread_([this, address] { serve(address); }) {
-        while (!ready_.load()) {
-            std::this_thread::yield();
-        }
-    }
-    ~FakeNetworkManager() {
-        stop_.store(true);
-        thread_.join();
+    explicit FakeNetworkManager(const std::string& address) {
+        static const sd_bus_vtable vtable[] = {
+            SD_BUS_VTABLE_START(0),
+            SD_BUS_PROPERTY("Metered", "u", &FakeNetworkManager::getMetered, 0, 0),
+            SD_BUS_VTABLE_END,
+        };
+        sd_bus* bus = nullptr;
+        serving_ = sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
+                   sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0 &&
+                   sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/NetworkManager",
+                                            "org.freedesktop.NetworkManager", vtable, this) >= 0 &&
+                   sd_bus_request_name(bus, "org.freedesktop.NetworkManager", 0) >= 0;
+        bus_.reset(bus);
+        thread_ = std::jthread([this](std::stop_token stop) {
+            while (serving_ && !stop.stop_requested()) {
+                if (paused || sd_bus_process(bus_.get(), nullptr) <= 0) {
+                    sd_bus_wait(bus_.get(), 20'000);
+                }
+            }
+        });
     }
 
-    bool serving() const { return serving_.load(); }
+    bool serving() const { return serving_; }
     std::atomic<std::uint32_t> metered{0};
     std::atomic<bool> paused{false};
 
@@ -78,34 +91,10 @@ class FakeNetworkManager {
                                      static_cast<FakeNetworkManager*>(self)->metered.load());
     }
 
-    void serve(const std::string& address) {
-        static const sd_bus_vtable vtable[] = {
-            SD_BUS_VTABLE_START(0),
-            SD_BUS_PROPERTY("Metered", "u", &FakeNetworkManager::getMetered, 0, 0),
-            SD_BUS_VTABLE_END,
-        };
-        sd_bus* bus = nullptr;
-        const bool up =
-            sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
-            sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0 &&
-            sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/NetworkManager",
-                                     "org.freedesktop.NetworkManager", vtable, this) >= 0 &&
-            sd_bus_request_name(bus, "org.freedesktop.NetworkManager", 0) >= 0;
-        serving_.store(up);
-        ready_.store(true);
-        while (up && !stop_.load()) {
-            if (!paused.load() && sd_bus_process(bus, nullptr) > 0) {
-                continue;
-            }
-            sd_bus_wait(bus, 20'000);
-        }
-        sd_bus_flush_close_unref(bus);
-    }
-
-    std::atomic<bool> ready_{false};
-    std::atomic<bool> serving_{false};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)> bus_{nullptr,
+                                                                      &sd_bus_flush_close_unref};
+    bool serving_ = false;
+    std::jthread thread_;  // stopped and joined first
 };
 
 TEST(NetworkManagerMeteredProbeTest, OnlyYesAndGuessYesCountAsMetered) {

@@ -4,12 +4,10 @@
 
 #include <filesystem>
 
-#include "platform/linux/curl_test_support.hpp"
+#include "testing/storage_tree.hpp"
 
 namespace terrane::common {
 namespace {
-
-using test::ScratchDirectory;
 
 ResumeData sample(const std::string& localPath) {
     return ResumeData{"https://example.test/pack.zip", partialFilePathFor(localPath), 1234,
@@ -49,7 +47,7 @@ TEST(ResumeDataTest, OnlyWhatThisLibraryEncodedDecodes) {
 }
 
 TEST(ResumeDataTest, OnlyValidDataForTheSameUrlAndDestinationLoads) {
-    ScratchDirectory scratch;
+    test::TemporaryDirectory scratch;
     const std::string localPath = (scratch.path() / "pack.zip").string();
     DownloadOptions options(HttpRequest("https://example.test/pack.zip"), localPath, true);
     EXPECT_EQ(loadResumeData(options), nullopt);  // none stored
@@ -86,12 +84,9 @@ TEST(ResumeDataTest, OnlyValidDataForTheSameUrlAndDestinationLoads) {
     EXPECT_EQ(loadResumeData(options), nullopt);
     removeResumeData(localPath);
     EXPECT_TRUE(std::filesystem::is_directory(resumeDataPathFor(localPath)));
-}
-
-TEST(ResumeDataTest, StoringIntoAMissingDirectoryFailsWithTheSystemsText) {
-    const auto stored = storeResumeData("/nonexistent-dir/pack.zip", sample("/nonexistent-dir/p"));
-    ASSERT_FALSE(stored);
-    EXPECT_EQ(stored.error(), "No such file or directory");
+    // Storing into a missing directory fails with the system's text.
+    EXPECT_EQ(storeResumeData("/nonexistent-dir/pack.zip", data),
+              unexpected(std::string("No such file or directory")));
 }
 
 }  // namespace

@@ -3,24 +3,24 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "testing/namespaces.hpp"
 #include "util/file_descriptor.hpp"
 
 namespace terrane::common {
 namespace {
 
+namespace fs = std::filesystem;
 using base::io::FileDescriptor;
 
 struct Row {
@@ -30,15 +30,6 @@ struct Row {
     const char* priority;  // null: nothing is written
     std::string text;
 };
-
-constexpr int kSkip = 77;
-
-std::string escaped(std::string text) {
-    for (auto at = text.find('\n'); at != std::string::npos; at = text.find('\n', at)) {
-        text.replace(at, 1, "\\n");
-    }
-    return text;
-}
 
 // The journal's native datagram ("NAME=value\n" fields, or "NAME\n", a 64-bit little-endian
 // length, the value and "\n" for values with line breaks) as "NAME=value;" fields by name.
@@ -65,45 +56,6 @@ std::string journalText(const std::string& datagram) {
     return text;
 }
 
-// In a forked child, in a mount namespace of its own with empty /run and /dev: captures what a
-// fresh sink writes for every row where the journal listens, then at /dev/log with no journal.
-// Sends one line per datagram to `out`: the journal's fields, or the syslog line without its
-// time stamp.
-[[noreturn]] void captureInChild(int out, const std::vector<Row>& rows) {
-    if (!test::enterFreshNamespaces(CLONE_NEWNS) ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0 ||
-        ::mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0 || ::mkdir("/run/systemd", 0755) != 0 ||
-        ::mkdir("/run/systemd/journal", 0755) != 0) {
-        ::_exit(kSkip);
-    }
-    std::string captured;
-    for (const std::string path : {"/run/systemd/journal/socket", "/dev/log"}) {
-        const FileDescriptor capture(::socket(AF_UNIX, SOCK_DGRAM, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path.c_str());
-        if (::bind(capture.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            ::_exit(kSkip);
-        }
-        {
-            SystemLogBackend sink;
-            for (const Row& row : rows) {
-                sink.writeLog(row.level, row.message, row.category);
-            }
-        }
-        std::string datagram(64 * 1024, '\0');
-        for (ssize_t size;
-             (size = ::recv(capture.get(), datagram.data(), datagram.size(), MSG_DONTWAIT)) > 0;) {
-            std::string text = datagram.substr(0, static_cast<std::size_t>(size));
-            text = path == "/dev/log" ? text.erase(text.find('>') + 1, 15) : journalText(text);
-            captured += escaped(text) + "\n";
-        }
-        ::unlink(path.c_str());
-    }
-    ::_exit(base::io::writeAll(out, captured) == 0 ? 0 : 1);
-}
-
 TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
     const std::vector<Row> rows = {
         {LoggingLevel::Debug, "d", nullopt, "7", " d"},
@@ -112,43 +64,63 @@ TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
         {LoggingLevel::Error, "two\nlines", std::string("disk"), "3", "<disk> two\nlines"},
         {static_cast<LoggingLevel>(4), "x", nullopt, nullptr, ""},
     };
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(ends[0]);
-        captureInChild(ends[1], rows);
-    }
-    ::close(ends[1]);
-    const FileDescriptor reader(ends[0]);
-    std::string captured;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(reader.get(), buffer, sizeof buffer)) > 0;) {
-        captured.append(buffer, static_cast<std::size_t>(n));
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kSkip) {
+    // On a thread in a mount namespace of its own, with empty /run and /dev: what a fresh sink
+    // writes for every row where the journal listens, then at /dev/log with no journal. One entry
+    // a datagram: the journal's fields, or the syslog line without its time stamp.
+    std::vector<std::string> captured;
+    bool isolated = false;
+    std::thread([&] {
+        isolated = ::unshare(CLONE_NEWNS) == 0 &&
+                   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 &&
+                   ::mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0 &&
+                   fs::create_directories("/run/systemd/journal");
+        for (const std::string path : {"/run/systemd/journal/socket", "/dev/log"}) {
+            const FileDescriptor capture(::socket(AF_UNIX, SOCK_DGRAM, 0));
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strcpy(address.sun_path, path.c_str());
+            if (!isolated ||
+                ::bind(capture.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+                isolated = false;
+                return;
+            }
+            {
+                SystemLogBackend sink;
+                for (const Row& row : rows) {
+                    sink.writeLog(row.level, row.message, row.category);
+                }
+            }
+            std::string datagram(64 * 1024, '\0');
+            for (ssize_t size; (size = ::recv(capture.get(), datagram.data(), datagram.size(),
+                                              MSG_DONTWAIT)) > 0;) {
+                std::string text = datagram.substr(0, static_cast<std::size_t>(size));
+                captured.push_back(path == "/dev/log" ? text.erase(text.find('>') + 1, 15)
+                                                      : journalText(text));
+            }
+            ::unlink(path.c_str());
+        }
+        ::closelog();  // the socket it wrote to goes with the namespace
+    }).join();
+    if (!isolated) {
         GTEST_SKIP() << "no private mount namespace allowed here";
     }
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 
     const std::string program = program_invocation_short_name;
-    std::string journal;
-    std::string syslog;
+    std::vector<std::string> journal;
+    std::vector<std::string> syslog;
     for (const auto& row : rows) {
         if (row.priority != nullptr) {
             const bool tagged = row.category && !row.category->empty();
-            journal += escaped("MESSAGE=" + row.text + ";PRIORITY=" + row.priority +
-                               ";SYSLOG_IDENTIFIER=" + program + ";" +
-                               (tagged ? "TERRANE_CATEGORY=" + *row.category + ";" : "")) +
-                       "\n";
-            syslog += "<" + std::to_string(LOG_USER + std::stoi(row.priority)) + "> " + program +
-                      ": " + escaped(row.text) + "\n";
+            journal.push_back("MESSAGE=" + row.text + ";PRIORITY=" + row.priority +
+                              ";SYSLOG_IDENTIFIER=" + program + ";" +
+                              (tagged ? "TERRANE_CATEGORY=" + *row.category + ";" : ""));
+            syslog.push_back("<" + std::to_string(LOG_USER + std::stoi(row.priority)) + "> " +
+                             program + ": " + row.text);
         }
     }
-    EXPECT_EQ(captured, journal + syslog);
+    journal.insert(journal.end(), syslog.begin(), syslog.end());
+    EXPECT_EQ(captured, journal);
 }
 
 }  // namespace
