@@ -56,14 +56,15 @@ class PackLifecycleTest : public ::testing::Test {
         return described;
     }
 
-    // Starts the worker on the tree as it is now and lets it settle (onInitialized, onIdle).
-    void start(OfflineServiceObservers observers) {
+    // Starts the worker on the tree as it is now, lets it settle, and returns the lines of the
+    // start-up (the stored packs, onInitialized, onIdle).
+    Lines start(OfflineServiceObservers observers) {
         worker.reset();  // lets go of the tree first
         worker = std::make_unique<ManualWorker>(directory.path().string(), options,
                                                 std::move(observers));
-        settle();
+        return settled();
     }
-    void start() { start({recorder}); }
+    Lines start() { return start({recorder}); }
     // A real service (with its worker thread) on the tree, the recorder registered.
     std::shared_ptr<OfflineService> startService() {
         OfflineService::registerObserver(recorder);
@@ -75,6 +76,12 @@ class PackLifecycleTest : public ::testing::Test {
     void settle() {
         http->waitUntilDelivered();
         worker->runPending();
+    }
+
+    // settle(), then the lines that came of it.
+    Lines settled() {
+        settle();
+        return newLines();
     }
 
     // The observer lines since the last call.
