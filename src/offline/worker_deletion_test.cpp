@@ -28,7 +28,7 @@ class CancellationAndDeletionTest : public test::PackLifecycleTest {
     }
     void writePackFiles() {
         for (const auto& file : packFiles()) {
-            tree.writeFile(fs::relative(file, tree.root()), "x");
+            tree.writeFile(file, "x");
         }
     }
     std::vector<fs::path> packFilesLeft() const {
@@ -129,7 +129,7 @@ TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterD
     settled();
     writePackFiles();
     fs::remove(headerFile());
-    tree.writeFile(fs::relative(headerFile() / "inside", tree.root()), "x");
+    tree.writeFile(headerFile() / "inside", "x");
     {
         const test::ClosedDirectory closed(packFile().parent_path());
         if (!closed.refuses()) {
@@ -229,7 +229,8 @@ TEST_F(CancellationAndDeletionTest, WithoutObserversADeletionWaitsUntilThePackIs
 }
 
 TEST_F(CancellationAndDeletionTest, ThroughTheServiceAPackIsDownloadedAndDeletedEndToEnd) {
-    auto service = startService();
+    OfflineService::registerObserver(recorder);  // taken out by TearDown
+    auto service = OfflineService::getInstance(directory.path().string(), options);
     ASSERT_TRUE(recorder->waitFor("onIdle"));
     service->downloadPack(maps, region());
     http->nextDownload().finish(content);

@@ -198,7 +198,7 @@ TEST_F(RecoveryTest, WhatCannotBeReadIsReportedAndTheRestRecovered) {
 
     // A service path where no directory can be made recovers nothing.
     const auto blocked = directory.path() / "file";
-    tree.writeFile(fs::relative(blocked, tree.root()), "x");
+    tree.writeFile(blocked, "x");
     worker = std::make_unique<test::ManualWorker>(blocked.string(), options,
                                                   OfflineServiceObservers{recorder});
     worker->runPending();
@@ -244,10 +244,10 @@ TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUp) {
         bool downloadFileKept, recordKept;
     } rows[] = {
         {"matching", [] {}, line("onAvailable", pack, content.size()), false, true},
-        {"short", [&] { tree.writeFile(fs::relative(tmp, tree.root()), content.substr(1)); },
+        {"short", [&] { tree.writeFile(tmp, content.substr(1)); },
          line("onErrored", tmp, 0, "Corrupt, message=File doesn't have expected size"), true, true},
         // Never worth resuming: the file and its record go.
-        {"long", [&] { tree.writeFile(fs::relative(tmp, tree.root()), content + "!"); },
+        {"long", [&] { tree.writeFile(tmp, content + "!"); },
          line("onErrored", tmp, 0, "Corrupt, message=File doesn't have expected size"), false,
          false},
         // Exact text: the size matched, so the pack is told with it.
@@ -316,7 +316,7 @@ TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenIt
             tree.writeHeaders("region-a", "3", maps,
                               {util::TimePoint::max(), -1, "", 0, true, false});
         }
-        tree.writeFile(fs::relative(packFile(), tree.root()), row.onDisk);
+        tree.writeFile(packFile(), row.onDisk);
         EXPECT_THAT(start(), row.expected);
     }
 }

@@ -65,11 +65,6 @@ class PackLifecycleTest : public ::testing::Test {
         return settled();
     }
     Lines start() { return start({recorder}); }
-    // A real service (with its worker thread) on the tree, the recorder registered.
-    std::shared_ptr<OfflineService> startService() {
-        OfflineService::registerObserver(recorder);
-        return OfflineService::getInstance(directory.path().string(), options);
-    }
 
     // Waits until every answer given to the fake has reached the worker's queue, then works the
     // queue off.
@@ -128,7 +123,7 @@ class PackLifecycleTest : public ::testing::Test {
         tree.writeMetadata("3", region());
         tree.writeHeaders("region-a", "3", maps,
                           {expires, maxAge, std::move(etag), content.size(), true, true});
-        tree.writeFile(std::filesystem::relative(packFile(), tree.root()), content);
+        tree.writeFile(packFile(), content);
     }
 
     // A downloaded pack whose verification an earlier run did not finish; the download file
@@ -137,7 +132,7 @@ class PackLifecycleTest : public ::testing::Test {
                          util::TimePoint expires = util::TimePoint::max()) {
         tree.writeMetadata("3", region());
         tree.writeHeaders("region-a", "3", maps, {expires, -1, "", 0, true, false});
-        tree.writeFile(std::filesystem::relative(downloadFile(), tree.root()), downloaded);
+        tree.writeFile(downloadFile(), downloaded);
     }
 
     // Starts a download and leaves it in flight; the lines of the exchange are taken.
