@@ -136,17 +136,9 @@ TEST_F(LeaseTest, ARenewalAnswerForAPackDeletedMeanwhileIsDroppedButSettled) {
     EXPECT_FALSE(fs::exists(headerFile()));
 }
 
-class ReauthorisationTest : public LeaseTest {
-  protected:
-    // A pack whose lease ran out an hour ago, with its file and entity tag.
-    void SetUp() override {
-        LeaseTest::SetUp();
-        storeAvailable(fromNow(-1h), etag, 3600);
-        EXPECT_THAT(start(), ElementsAre(expired(), "onInitialized", "onIdle"));
-    }
-};
-
-TEST_F(ReauthorisationTest, AFileThatCannotBeRemovedIsLogged) {
+TEST_F(LeaseTest, AFileThatCannotBeRemovedAfterARefusedReauthorisationIsLogged) {
+    storeAvailable(fromNow(-1h), etag);
+    start();
     fs::remove(packFile());
     fs::create_directories(packFile() / "occupied");
     reauthorise().respond(404, "gone");
@@ -156,7 +148,9 @@ TEST_F(ReauthorisationTest, AFileThatCannotBeRemovedIsLogged) {
                             expired("NotFound, message=gone"), "onIdle"));
 }
 
-TEST_F(ReauthorisationTest, AnAnswerAfterTheCancellationOrDeletionIsDropped) {
+TEST_F(LeaseTest, AReauthorisationAnswerAfterTheCancellationOrDeletionIsDropped) {
+    storeAvailable(fromNow(-1h), etag);
+    start();
     auto request = reauthorise();
     cancelPackDownload();
     // The lease is still over, so the cancelled pack is Expired again, without error.
