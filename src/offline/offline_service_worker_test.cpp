@@ -34,11 +34,9 @@ class ObserverTest : public ::testing::Test {
 };
 
 TEST_F(ObserverTest, AThrowingObserverBecomesALogMessageAndTheOthersStillHear) {
-    // In the worker's (address) order.
-    std::vector observers{std::make_shared<RecordingObserver>(),
-                          std::make_shared<RecordingObserver>(),
-                          std::make_shared<RecordingObserver>()};
-    std::sort(observers.begin(), observers.end());
+    std::vector<std::shared_ptr<RecordingObserver>> observers(3);
+    std::ranges::generate(observers, std::make_shared<RecordingObserver>);
+    std::ranges::sort(observers);  // the worker's (address) order
     observers[1]->throwFrom("onAvailable", "boom");
     observers[1]->throwFrom("onPending", "not an std::exception", false);
     observers[1]->throwFrom("onLogMessage", "again");

@@ -77,17 +77,15 @@ TEST_F(StorageLockTest, ATreeHeldByAnotherProcessIsLeftAloneUntilItDies) {
 
     // Nothing is recovered (so nothing renewed or verified), every pack operation fails, and
     // the catalogue can still be read.
-    start();
-    EXPECT_THAT(newLines(), ElementsAre(log(inUse), "onInitialized", "onIdle"));
+    EXPECT_THAT(start(), ElementsAre(log(inUse), "onInitialized", "onIdle"));
     downloadPack();
     deletePack();
     cancelPackDownload();
     bool listed = false;
     (*worker)->listAvailableRegions([&listed](auto result) { listed = result.has_value(); });
     http->nextRequest().respond(200, "{}");
-    settle();
     const std::string failed = line("onErrored", "", 0, "Filesystem, message=" + inUse);
-    EXPECT_THAT(newLines(), ElementsAre(failed, failed, failed, "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(failed, failed, failed, "onIdle"));
     EXPECT_TRUE(listed);
     EXPECT_TRUE(http->downloads().empty());
     EXPECT_EQ(test::treeContents(directory.path()), before);
@@ -97,8 +95,7 @@ TEST_F(StorageLockTest, ATreeHeldByAnotherProcessIsLeftAloneUntilItDies) {
     other.kill();
     EXPECT_FALSE(OfflineService::findStorageHolder(directory.path().string(), options));
     downloadPack();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(line("onAvailable", packFile(), content.size()), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(available(), "onIdle"));
     EXPECT_TRUE(http->downloads().empty());
 }
 

@@ -30,7 +30,6 @@ class CatalogueTest : public test::PackLifecycleTest {
 
 TEST_F(CatalogueTest, AsksForTheUsersListingAndHandsOverTheSafeRegions) {
     start();
-    newLines();
     const auto regions = listAndAnswer([&](const test::FakeRequest& request) {
         EXPECT_EQ(request.url(), baseURL + "/offline-data/v1/alice/regions?access_token=tk");
         EXPECT_EQ(request.method(), HttpMethod::Get);
@@ -137,11 +136,9 @@ TEST_F(CatalogueTest, PackOperationsWithoutAUsablePackOnlyLogWhy) {
          {log(missing + "maps pack of revision 4294967295 of offline region 'elsewhere'")}},
     };
     start();
-    newLines();
     for (const auto& row : rows) {
         row.operation();
-        settle();
-        EXPECT_THAT(newLines(), row.expected);
+        EXPECT_THAT(settled(), row.expected);
     }
 }
 
@@ -150,16 +147,14 @@ TEST_F(CatalogueTest, PackOperationsRefuseRegionIdsThatAreNoDirectoryName) {
     const struct { std::string id, shown; } rows[] = {{".."s, ".."s}, {"a\0b"s, "a\\x00b"s}};
     start();
     const auto before = test::treeContents(directory.path());
-    newLines();
     for (const auto& row : rows) {
         auto hostile = region();
         hostile.id = row.id;
         (*worker)->downloadPack(maps, OfflineDataRegionMetadata(hostile));
         (*worker)->cancelPackDownload(maps, OfflineDataRegionMetadata(hostile));
         (*worker)->deletePack(maps, OfflineDataRegionMetadata(hostile));
-        settle();
         const std::string refusal = log("Invalid region id '" + row.shown + "'");
-        EXPECT_THAT(newLines(), ElementsAre(refusal, refusal, refusal));
+        EXPECT_THAT(settled(), ElementsAre(refusal, refusal, refusal));
     }
     EXPECT_TRUE((*worker)->getRegions().empty());
     EXPECT_EQ(test::treeContents(directory.path()), before);

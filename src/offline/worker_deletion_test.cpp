@@ -28,7 +28,7 @@ class CancellationAndDeletionTest : public test::PackLifecycleTest {
     }
     void writePackFiles() {
         for (const auto& file : packFiles()) {
-            tree.writeFile(fs::relative(file, tree.root()), "x");
+            tree.writeFile(file, "x");
         }
     }
     std::vector<fs::path> packFilesLeft() const {
@@ -46,6 +46,9 @@ class CancellationAndDeletionTest : public test::PackLifecycleTest {
         }
     }
     std::string deleting() const { return line("onDeleting", packFile(), content.size()); }
+    const std::string notDownloading =
+        log("Skipped cancellation of maps pack download of revision 3 of offline region "
+            "'region-a': Pack is not downloading");
 };
 
 TEST_F(CancellationAndDeletionTest, ACancelledDownloadKeepsItsFileAndSettlesOnceConfirmed) {
@@ -57,31 +60,13 @@ TEST_F(CancellationAndDeletionTest, ACancelledDownloadKeepsItsFileAndSettlesOnce
     http->waitUntilDelivered();
     http->answerCancellationsManually();
     cancelPackDownload();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(line("onDownloading", downloadFile(), 5),
-                                        line("onIncomplete", downloadFile(), 5)));
+    EXPECT_THAT(settled(), ElementsAre(line("onDownloading", downloadFile(), 5),
+                                       line("onIncomplete", downloadFile(), 5)));
     auto cancellation = http->nextCancellation();
     EXPECT_EQ(cancellation.id(), transfer.id());
     cancellation.answer(true);
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre("onIdle"));
+    EXPECT_THAT(settled(), ElementsAre("onIdle"));
     EXPECT_TRUE(downloadInFlight().resume());
-}
-
-TEST_F(CancellationAndDeletionTest, CancellingAPackThatIsNotDownloadingOnlySaysSo) {
-    const std::string notDownloading =
-        log("Skipped cancellation of maps pack download of revision 3 of offline region "
-            "'region-a': Pack is not downloading");
-    start();
-    newLines();
-    cancelPackDownload();  // Deleted
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(notDownloading, "onIdle"));
-    downloadToAvailable();
-    cancelPackDownload();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(notDownloading, "onIdle"));
-    EXPECT_EQ(http->cancellationCount(), 0u);
 }
 
 TEST_F(CancellationAndDeletionTest, ADownloadingPackIsDeletedAtOnceAndItsFilesGoOnceCancelled) {
@@ -90,15 +75,13 @@ TEST_F(CancellationAndDeletionTest, ADownloadingPackIsDeletedAtOnceAndItsFilesGo
     writePackFiles();
     http->answerCancellationsManually();
     deletePack();
-    settle();
     // Only the header record goes at once: without it the pack cannot come back.
-    EXPECT_THAT(newLines(), ElementsAre(deleted()));
+    EXPECT_THAT(settled(), ElementsAre(deleted()));
     EXPECT_THAT(packFilesLeft(), SizeIs(4u));
     auto cancellation = http->nextCancellation();
     EXPECT_EQ(cancellation.id(), transfer.id());
     cancellation.answer(false);
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre("onIdle"));
+    EXPECT_THAT(settled(), ElementsAre("onIdle"));
     EXPECT_THAT(packFilesLeft(), IsEmpty());
 }
 
@@ -113,10 +96,9 @@ TEST_F(CancellationAndDeletionTest,
     auto again = http->nextDownload();
     http->nextCancellation().answer(true);
     again.finish(content);
-    settle();
     // The outdated confirmation removed nothing, and the deletion stays counted: no onIdle.
-    EXPECT_THAT(newLines(), ElementsAre(deleted(), line("onPending", downloadFile(), 0),
-                                        line("onVerifying", downloadFile(), 0), available()));
+    EXPECT_THAT(settled(), ElementsAre(deleted(), line("onPending", downloadFile(), 0),
+                                       line("onVerifying", downloadFile(), 0), available()));
     EXPECT_EQ(base::io::readFile(packFile()), content);
 }
 
@@ -129,16 +111,14 @@ TEST_F(CancellationAndDeletionTest, APackNobodyCanBeReadingIsDeletedAtOnceWithEv
     for (const auto& prepare : {incomplete, errored}) {
         start();
         prepare();
-        settle();
+        settled();
         writePackFiles();
-        newLines();
         deletePack();
-        settle();
-        EXPECT_THAT(newLines(), ElementsAre(deleted(), "onIdle"));
+        EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
         EXPECT_THAT(packFilesLeft(), IsEmpty());
         deletePack();  // Deleted: nothing more
-        settle();
-        EXPECT_THAT(newLines(), ElementsAre("onIdle"));
+        cancelPackDownload();
+        EXPECT_THAT(settled(), ElementsAre(notDownloading, "onIdle"));
     }
 }
 
@@ -146,11 +126,10 @@ TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterD
     start();
     downloadInFlight();
     cancelPackDownload();
-    settle();
+    settled();
     writePackFiles();
     fs::remove(headerFile());
-    tree.writeFile(fs::relative(headerFile() / "inside", tree.root()), "x");
-    newLines();
+    tree.writeFile(headerFile() / "inside", "x");
     {
         const test::ClosedDirectory closed(packFile().parent_path());
         if (!closed.refuses()) {
@@ -168,8 +147,7 @@ TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterD
                             "onIdle"));
     EXPECT_THAT(packFilesLeft(), SizeIs(5u));
     deletePack();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleted(), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
     EXPECT_THAT(packFilesLeft(), IsEmpty());
 }
 
@@ -187,19 +165,16 @@ class AcknowledgedDeletionTest : public CancellationAndDeletionTest {
 TEST_F(AcknowledgedDeletionTest, TheFilesStayUntilEveryObserverHasAcknowledged) {
     deletePack();
     deletePack();  // already Deleting: nothing more
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleting()));
+    EXPECT_THAT(settled(), ElementsAre(deleting()));
     EXPECT_EQ(other->lines().back(), deleting());
     auto mine = recorder->takeAcknowledgements();
     ASSERT_THAT(mine, SizeIs(1u));
     mine[0]();
     mine[0]();  // counts once
-    settle();
-    EXPECT_THAT(newLines(), IsEmpty());
+    EXPECT_THAT(settled(), IsEmpty());
     EXPECT_EQ(base::io::readFile(packFile()), content);
     acknowledgeAll(*other);
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleted(), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
     EXPECT_THAT(packFilesLeft(), IsEmpty());
 }
 
@@ -207,29 +182,25 @@ TEST_F(AcknowledgedDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged)
     deletePack();
     settle();
     acknowledgeAll(*recorder);
-    settle();
-    newLines();
+    EXPECT_THAT(settled(), ElementsAre(deleting()));
     (*worker)->removeObserver(other);
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleted(), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
     acknowledgeAll(*other);  // after it left: changes nothing
-    settle();
-    EXPECT_THAT(newLines(), IsEmpty());
+    EXPECT_THAT(settled(), IsEmpty());
 }
 
 TEST_F(AcknowledgedDeletionTest, AskingForThePackAgainUndoesTheDeletion) {
+    cancelPackDownload();  // Available: nothing to cancel
     deletePack();
     downloadPack();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleting(), available(), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(notDownloading, deleting(), available(), "onIdle"));
+    EXPECT_EQ(http->cancellationCount(), 0u);
     acknowledgeAll(*recorder);
     acknowledgeAll(*other);
-    settle();
-    EXPECT_THAT(newLines(), IsEmpty());
+    EXPECT_THAT(settled(), IsEmpty());
     EXPECT_EQ(base::io::readFile(packFile()), content);
     deletePack();  // starts afresh
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleting()));
+    EXPECT_THAT(settled(), ElementsAre(deleting()));
 }
 
 TEST_F(CancellationAndDeletionTest,
@@ -237,12 +208,10 @@ TEST_F(CancellationAndDeletionTest,
     auto other = std::make_shared<test::RecordingObserver>();
     storeAvailable(fromNow(-1h), "\"v1\"");
     start({recorder, other});
-    newLines();
     deletePack();
     downloadPack();
     (*worker)->removeObserver(other);
-    settle();
-    EXPECT_THAT(newLines(),
+    EXPECT_THAT(settled(),
                 ElementsAre(deleting(), line("onExpired", packFile(), content.size()), "onIdle"));
     EXPECT_EQ(base::io::readFile(packFile()), content);
 }
@@ -254,15 +223,14 @@ TEST_F(CancellationAndDeletionTest, WithoutObserversADeletionWaitsUntilThePackIs
     settle();
     // An observer joining now hears of no pack, and of no idle service.
     (*worker)->addObserver(recorder);
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre("onInitialized"));
+    EXPECT_THAT(settled(), ElementsAre("onInitialized"));
     downloadPack();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(available(), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(available(), "onIdle"));
 }
 
 TEST_F(CancellationAndDeletionTest, ThroughTheServiceAPackIsDownloadedAndDeletedEndToEnd) {
-    auto service = startService();
+    OfflineService::registerObserver(recorder);  // taken out by TearDown
+    auto service = OfflineService::getInstance(directory.path().string(), options);
     ASSERT_TRUE(recorder->waitFor("onIdle"));
     service->downloadPack(maps, region());
     http->nextDownload().finish(content);

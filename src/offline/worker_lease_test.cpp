@@ -43,21 +43,24 @@ class LeaseTest : public test::PackLifecycleTest {
     // Asks for an Expired pack; it goes Downloading while the server is asked.
     test::FakeRequest reauthorise() {
         downloadPack();
-        settle();
-        EXPECT_THAT(newLines(), ElementsAre(line("onDownloading", packFile(), content.size())));
+        EXPECT_THAT(settled(), ElementsAre(line("onDownloading", packFile(), content.size())));
         EXPECT_THAT(http->downloads(), IsEmpty());
         return conditionalRequest();
     }
 };
 
 // Which leases are due is the holder's business; the start-up asks for those that are.
-TEST_F(LeaseTest, ALeaseDueForRenewalIsRenewedAtStart) {
+TEST_F(LeaseTest, ALeaseDueForRenewalIsRenewedAtStartAndOneWithoutTagIsNever) {
     storeAvailable(fromNow(-1min), etag);  // Expired: waits for a re-authorisation
     start();
     EXPECT_THAT(http->requests(), IsEmpty());
     storeAvailable(fromNow(1min), etag);
     start();
     conditionalRequest();
+    storeAvailable(fromNow(-1h), "");  // nothing to ask with: downloaded in full
+    start();
+    downloadInFlight();
+    EXPECT_THAT(http->requests(), SizeIs(1u));
 }
 
 // Both kinds of conditional request, the renewal of a lease at start-up and the re-authorisation
@@ -96,21 +99,17 @@ TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
         SCOPED_TRACE(row.error);
         storeAvailable(fromNow(1h), etag);
         start();
-        newLines();
         row.answer(conditionalRequest());
-        settle();
         const Lines renewal =
             row.failure.empty() ? Lines{"onIdle"} : Lines{extensionFailed(row.failure), "onIdle"};
-        EXPECT_EQ(newLines(), renewal);
+        EXPECT_EQ(settled(), renewal);
         EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.failure.empty());
         EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
 
         storeAvailable(fromNow(-1h), etag);
         start();
-        newLines();
         row.answer(reauthorise());
-        settle();
-        EXPECT_THAT(newLines(),
+        EXPECT_THAT(settled(),
                     ElementsAre(row.error.empty() ? available() : expired(row.error), "onIdle"));
         EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.error.empty());
         EXPECT_EQ(fs::exists(packFile()), row.error.empty());
@@ -124,7 +123,7 @@ TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
 
 TEST_F(LeaseTest, ARenewalAnswerForAPackDeletedMeanwhileIsDroppedButSettled) {
     storeAvailable(fromNow(1h), etag, 86400);
-    start();
+    EXPECT_THAT(start(), ElementsAre(available(), "onInitialized"));
     auto request = conditionalRequest();
     deletePack();
     settle();
@@ -132,52 +131,39 @@ TEST_F(LeaseTest, ARenewalAnswerForAPackDeletedMeanwhileIsDroppedButSettled) {
         acknowledge();
     }
     request.respond(304, "", {{"etag", etag}, {"cache-control", "max-age=86400"}});
-    settle();
-    EXPECT_THAT(newLines(),
-                ElementsAre(available(), "onInitialized",
-                            line("onDeleting", packFile(), content.size()), deleted(), "onIdle"));
+    EXPECT_THAT(settled(),
+                ElementsAre(line("onDeleting", packFile(), content.size()), deleted(), "onIdle"));
     EXPECT_FALSE(fs::exists(headerFile()));
 }
 
-class ReauthorisationTest : public LeaseTest {
-  protected:
-    // A pack whose lease ran out an hour ago, with its file and entity tag.
-    void SetUp() override {
-        LeaseTest::SetUp();
-        storeAvailable(fromNow(-1h), etag, 3600);
-        start();
-        EXPECT_THAT(newLines(), ElementsAre(expired(), "onInitialized", "onIdle"));
-    }
-};
-
-TEST_F(ReauthorisationTest, AFileThatCannotBeRemovedIsLogged) {
+TEST_F(LeaseTest, AFileThatCannotBeRemovedAfterARefusedReauthorisationIsLogged) {
+    storeAvailable(fromNow(-1h), etag);
+    start();
     fs::remove(packFile());
     fs::create_directories(packFile() / "occupied");
     reauthorise().respond(404, "gone");
-    settle();
-    EXPECT_THAT(newLines(),
+    EXPECT_THAT(settled(),
                 ElementsAre(log("Failed to delete maps pack of revision 3 of offline region "
                                 "'region-a': Directory not empty"),
                             expired("NotFound, message=gone"), "onIdle"));
 }
 
-TEST_F(ReauthorisationTest, AnAnswerAfterTheCancellationOrDeletionIsDropped) {
+TEST_F(LeaseTest, AReauthorisationAnswerAfterTheCancellationOrDeletionIsDropped) {
+    storeAvailable(fromNow(-1h), etag);
+    start();
     auto request = reauthorise();
     cancelPackDownload();
-    settle();
     // The lease is still over, so the cancelled pack is Expired again, without error.
-    EXPECT_THAT(newLines(), ElementsAre(expired(), "onIdle"));
+    EXPECT_THAT(settled(), ElementsAre(expired(), "onIdle"));
     EXPECT_EQ(http->nextCancellation().id(), request.id());
     EXPECT_EQ(base::io::readFile(packFile()), content);
 
     request = reauthorise();
     http->answerCancellationsManually();
     deletePack();
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre(deleted()));
+    EXPECT_THAT(settled(), ElementsAre(deleted()));
     http->nextCancellation().answer(true);
-    settle();
-    EXPECT_THAT(newLines(), ElementsAre("onIdle"));
+    EXPECT_THAT(settled(), ElementsAre("onIdle"));
     EXPECT_FALSE(fs::exists(packFile()));
     EXPECT_EQ(holder().status(), OfflineDataPackStatus::Deleted);
 }

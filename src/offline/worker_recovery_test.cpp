@@ -143,8 +143,7 @@ TEST_F(RecoveryTest, EveryStoredTreeGivesItsStartUpLines) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.files.front().first);
         build(row.files);
-        start();
-        const Lines lines = newLines();
+        const Lines lines = start();
         Lines tail{"onInitialized"};
         tail.insert(tail.end(), row.followUps.begin(), row.followUps.end());
         tail.push_back("onIdle");
@@ -189,8 +188,7 @@ TEST_F(RecoveryTest, TheConfigurationRecordIsWrittenOnceAndTemporariesOfInterrup
 TEST_F(RecoveryTest, WhatCannotBeReadIsReportedAndTheRestRecovered) {
     storeAvailable(fromNow(24h), "");
     fs::create_directory_symlink("5", tree.root() / "region-a" / "5");
-    start();
-    const auto lines = newLines();
+    const auto lines = start();
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_THAT(lines, ::testing::Contains(available()));
     EXPECT_THAT(lines, ::testing::Contains(
@@ -200,7 +198,7 @@ TEST_F(RecoveryTest, WhatCannotBeReadIsReportedAndTheRestRecovered) {
 
     // A service path where no directory can be made recovers nothing.
     const auto blocked = directory.path() / "file";
-    tree.writeFile(fs::relative(blocked, tree.root()), "x");
+    tree.writeFile(blocked, "x");
     worker = std::make_unique<test::ManualWorker>(blocked.string(), options,
                                                   OfflineServiceObservers{recorder});
     worker->runPending();
@@ -246,10 +244,10 @@ TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUp) {
         bool downloadFileKept, recordKept;
     } rows[] = {
         {"matching", [] {}, line("onAvailable", pack, content.size()), false, true},
-        {"short", [&] { tree.writeFile(fs::relative(tmp, tree.root()), content.substr(1)); },
+        {"short", [&] { tree.writeFile(tmp, content.substr(1)); },
          line("onErrored", tmp, 0, "Corrupt, message=File doesn't have expected size"), true, true},
         // Never worth resuming: the file and its record go.
-        {"long", [&] { tree.writeFile(fs::relative(tmp, tree.root()), content + "!"); },
+        {"long", [&] { tree.writeFile(tmp, content + "!"); },
          line("onErrored", tmp, 0, "Corrupt, message=File doesn't have expected size"), false,
          false},
         // Exact text: the size matched, so the pack is told with it.
@@ -283,9 +281,8 @@ TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUp) {
         fs::remove_all(tree.root() / "region-a");
         storeUnverified(content);
         row.prepare();
-        start();
-        EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", tmp, 0), "onInitialized",
-                                            row.outcome, "onIdle"));
+        EXPECT_THAT(start(), ElementsAre(line("onVerifying", tmp, 0), "onInitialized", row.outcome,
+                                         "onIdle"));
         EXPECT_EQ(fs::exists(fs::symlink_status(tmp)), row.downloadFileKept);
         EXPECT_EQ(fs::exists(headerFile()), row.recordKept);
     }
@@ -319,39 +316,31 @@ TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenIt
             tree.writeHeaders("region-a", "3", maps,
                               {util::TimePoint::max(), -1, "", 0, true, false});
         }
-        tree.writeFile(fs::relative(packFile(), tree.root()), row.onDisk);
-        start();
-        EXPECT_THAT(newLines(), row.expected);
+        tree.writeFile(packFile(), row.onDisk);
+        EXPECT_THAT(start(), row.expected);
     }
 }
 
-TEST_F(PackVerificationTest, ARecordThatCannotBeWrittenAfterTheRenameIsAFilesystemError) {
-    storeUnverified(content);
-    worker = std::make_unique<test::ManualWorker>(directory.path().string(), options,
-                                                  OfflineServiceObservers{recorder});
-    fs::remove(headerFile());
-    fs::create_directories(headerFile() / "occupied");
-    worker->runPending();
-    EXPECT_THAT(newLines(), ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized",
-                                        line("onErrored", downloadFile(), content.size(),
-                                             "Filesystem, message=Is a directory"),
-                                        "onIdle"));
-}
-
-TEST_F(PackVerificationTest, AQueuedVerificationIsDroppedByAnOperationOrTheShutdown) {
-    const std::function<void()> before[] = {
-        [&] { cancelPackDownload(); },
-        [&] { downloadPack(); },  // Verifying already: changes nothing
-        [&] { deletePack(); },
-        [&] { worker->beginShutdown(); },
+// What happens between the start-up and its queued verification.
+TEST_F(PackVerificationTest, AQueuedVerificationMeetsWhatCameMeanwhile) {
+    const struct {
+        std::function<void()> meanwhile;
+        Lines after;
+    } rows[] = {
+        {[&] { cancelPackDownload(); }, {line("onIncomplete", downloadFile(), 0), "onIdle"}},
+        {[&] { downloadPack(); }, {available(), "onIdle"}},  // Verifying already: changes nothing
+        {[&] { deletePack(); }, {deleted(), "onIdle"}},
+        // The record cannot be written after the rename.
+        {[&] {
+             fs::remove(headerFile());
+             fs::create_directories(headerFile() / "occupied");
+         },
+         {line("onErrored", downloadFile(), content.size(), "Filesystem, message=Is a directory"),
+          "onIdle"}},
+        {[&] { worker->beginShutdown(); }, {"onIdle"}},
     };
-    const Lines after[] = {
-        {line("onIncomplete", downloadFile(), 0), "onIdle"},
-        {available(), "onIdle"},
-        {deleted(), "onIdle"},
-        {"onIdle"},
-    };
-    for (std::size_t i = 0; i < std::size(before); ++i) {
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.after.front());
         fs::remove_all(tree.root() / "region-a");
         storeUnverified(content);
         worker.reset();
@@ -359,9 +348,9 @@ TEST_F(PackVerificationTest, AQueuedVerificationIsDroppedByAnOperationOrTheShutd
                                                       OfflineServiceObservers{recorder});
         EXPECT_THAT(newLines(),
                     ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized"));
-        before[i]();
+        row.meanwhile();
         worker->runPending();
-        EXPECT_THAT(newLines(), after[i]) << i;
+        EXPECT_THAT(newLines(), row.after);
     }
     EXPECT_FALSE(storedHeaders().verified);  // left for the next start
 }

@@ -55,10 +55,6 @@ struct FakeHttpState {
     // Waits until ready holds, giving up after the guard timeout.
     void waitLocked(std::unique_lock<std::mutex>& lock, const char* what,
                     const std::function<bool()>& ready) {
-        if (std::this_thread::get_id() == deliveryThread) {
-            throw std::logic_error(std::string("FakeHttpService: waiting for ") + what +
-                                   " inside one of its own callbacks would never end");
-        }
         if (!changed.wait_for(lock, FakeHttpService::kDefaultGuardTimeout, ready)) {
             throw std::runtime_error(std::string("FakeHttpService: gave up waiting for ") + what);
         }
@@ -116,7 +112,6 @@ struct FakeHttpState {
     std::deque<std::function<void()>> deliveries;
     bool delivering = false;
     bool closing = false;
-    std::thread::id deliveryThread;
 
     std::map<std::uint64_t, Exchange> exchanges;
     // The ids of requests [0] and downloads [1] not yet returned by nextRequest/nextDownload.
@@ -126,11 +121,6 @@ struct FakeHttpState {
     bool manualCancellations = false;
     std::vector<std::pair<std::string, HttpResponseData>> canned;
 };
-
-FakeExchange::FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t id,
-                           DownloadOptions options)
-    : state_(std::move(state)), id_(id), options_(std::move(options)) {
-}
 
 void FakeExchange::respond(std::int64_t code, std::string_view body, HttpHeaders headers) const {
     std::lock_guard lock(state_->mutex);
@@ -162,11 +152,6 @@ void FakeExchange::script(const std::function<void(DownloadStatus&)>& change) co
     state_->enqueueLocked([callback = std::move(callback), status = exchange.status]() mutable {
         (*callback)(std::move(status));
     });
-}
-
-void FakeExchange::start() const {
-    script([](DownloadStatus& status) { status.state = DownloadState::Pending; });
-    progress(0);
 }
 
 void FakeExchange::progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes) const {
@@ -205,13 +190,11 @@ void FakeExchange::fail(DownloadErrorCode code, std::string message) const {
     });
 }
 
-void FakeExchange::report(DownloadStatus status) const {
-    script([&](DownloadStatus& record) { record = std::move(status); });
-}
-
-FakeCancellation::FakeCancellation(std::shared_ptr<FakeHttpState> state, std::size_t index,
-                                   std::uint64_t id)
-    : state_(std::move(state)), index_(index), id_(id) {
+void FakeExchange::report(DownloadState state, optional<HttpResult> result) const {
+    script([&](DownloadStatus& status) {
+        status.state = state;
+        status.httpResult = std::move(result);
+    });
 }
 
 void FakeCancellation::answer(bool answer) const {
@@ -222,8 +205,6 @@ void FakeCancellation::answer(bool answer) const {
 FakeHttpService::FakeHttpService()
     : state_(std::make_shared<FakeHttpState>()),
       delivery_([state = state_.get()] { state->runDeliveries(); }) {
-    std::lock_guard lock(state_->mutex);
-    state_->deliveryThread = delivery_.get_id();
 }
 
 FakeHttpService::~FakeHttpService() {
@@ -288,14 +269,6 @@ FakeExchange FakeHttpService::next(bool download) {
     return FakeExchange(state_, id, state_->exchanges.at(id).status.downloadOptions);
 }
 
-FakeRequest FakeHttpService::nextRequest() {
-    return next(false);
-}
-
-FakeDownload FakeHttpService::nextDownload() {
-    return next(true);
-}
-
 FakeCancellation FakeHttpService::nextCancellation() {
     std::unique_lock lock(state_->mutex);
     auto& cancellations = state_->cancellations;
@@ -320,14 +293,6 @@ std::vector<FakeExchange> FakeHttpService::recorded(bool downloads) const {
         }
     }
     return result;
-}
-
-std::vector<FakeRequest> FakeHttpService::requests() const {
-    return recorded(false);
-}
-
-std::vector<FakeDownload> FakeHttpService::downloads() const {
-    return recorded(true);
 }
 
 std::size_t FakeHttpService::cancellationCount() const {

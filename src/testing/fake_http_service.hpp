@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "terrane/expected.hpp"
@@ -42,8 +43,6 @@ class FakeExchange {
     const DownloadOptions& options() const { return options_; }
     const std::string& localPath() const { return options_.localPath; }
     bool resume() const { return options_.resume; }
-    // Pending, then Downloading with nothing received yet, as a download that starts afresh.
-    void start() const;
     // Downloading with this many bytes received (and the expected size, once known).
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
     // Writes content to localPath (replacing any file there), then reports Finished with all
@@ -53,12 +52,14 @@ class FakeExchange {
     void finish(std::string_view content, optional<std::int64_t> code = nullopt,
                 HttpHeaders headers = {}) const;
     void fail(DownloadErrorCode code, std::string message) const;
-    // Delivers a status record exactly as given, for cases the helpers above do not cover.
-    void report(DownloadStatus status) const;
+    // Delivers the record with this state and HTTP result, for cases the helpers above do not
+    // cover.
+    void report(DownloadState state, optional<HttpResult> result = nullopt) const;
 
   private:
     friend class FakeHttpService;
-    FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options);
+    FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options)
+        : state_(std::move(state)), id_(id), options_(std::move(options)) {}
     // Applies change to the download's record and delivers a copy, unless it was cancelled.
     void script(const std::function<void(DownloadStatus&)>& change) const;
 
@@ -80,7 +81,8 @@ class FakeCancellation {
 
   private:
     friend class FakeHttpService;
-    FakeCancellation(std::shared_ptr<FakeHttpState> state, std::size_t index, std::uint64_t id);
+    FakeCancellation(std::shared_ptr<FakeHttpState> state, std::size_t index, std::uint64_t id)
+        : state_(std::move(state)), index_(index), id_(id) {}
 
     std::shared_ptr<FakeHttpState> state_;
     std::size_t index_;
@@ -125,15 +127,15 @@ class FakeHttpService final : public HttpServiceInterface {
 
     // Waiting for the code under test. Each returns the oldest exchange not yet returned by an
     // earlier call; requests answered automatically are skipped. Not from the delivery thread.
-    FakeRequest nextRequest();
-    FakeDownload nextDownload();
+    FakeRequest nextRequest() { return next(false); }
+    FakeDownload nextDownload() { return next(true); }
     FakeCancellation nextCancellation();
     // Blocks until every answer given so far has been delivered and its callback has returned.
     void waitUntilDelivered();
 
     // Everything recorded so far, in the order of the calls. Any thread.
-    std::vector<FakeRequest> requests() const;
-    std::vector<FakeDownload> downloads() const;
+    std::vector<FakeRequest> requests() const { return recorded(false); }
+    std::vector<FakeDownload> downloads() const { return recorded(true); }
     std::size_t cancellationCount() const;
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.

@@ -45,22 +45,26 @@ class ManualWorker {
     // left (idle checks too). Returns how many ran.
     std::size_t runPending() {
         std::size_t total = 0;
-        for (;;) {
-            // The marker goes in at the lowest priority, behind everything queued now; what a
-            // task queues at that priority meanwhile comes after it and waits for the next round.
-            const std::size_t ran = runUntil(putMarker());
-            if (ran == 0) {
-                return total;
+        for (std::size_t ran = 1; ran > 0; total += ran) {
+            // A marker at the lowest priority ends the round: what a task queues at that priority
+            // meanwhile comes after it and waits for the next round.
+            auto marker = std::make_unique<Marker>();
+            const Task* mine = marker.get();
+            queue->put(std::move(marker));
+            ran = 0;
+            for (auto task = queue->get(); task.get() != mine; task = queue->get()) {
+                (*task)();
+                ran += dynamic_cast<Marker*>(task.get()) == nullptr;  // runOne's leftovers
             }
-            total += ran;
         }
+        return total;
     }
 
     // Runs the first queued task only; a marker keeps get() from waiting on an empty queue, and
-    // one left behind is passed over by the next run. Returns whether a task ran.
+    // one left behind is passed over later. Returns whether a task ran.
     bool runOne() {
-        putMarker();
-        std::unique_ptr<Task> task = queue->get();
+        queue->put(std::make_unique<Marker>());
+        const auto task = queue->get();
         (*task)();
         return dynamic_cast<Marker*>(task.get()) == nullptr;
     }
@@ -69,36 +73,10 @@ class ManualWorker {
     void beginShutdown() { queue->stop(); }
 
   private:
-    // Sets its flag when it runs; otherwise does nothing.
-    class Marker final : public Task {
-      public:
-        explicit Marker(std::shared_ptr<bool> reached_)
-            : Task(TaskPriority::Idle), reached(std::move(reached_)) {}
-        void operator()() override { *reached = true; }
-
-      private:
-        std::shared_ptr<bool> reached;
+    struct Marker final : Task {
+        Marker() : Task(TaskPriority::Idle) {}
+        void operator()() override {}
     };
-
-    std::shared_ptr<bool> putMarker() {
-        auto reached = std::make_shared<bool>(false);
-        queue->put(std::make_unique<Marker>(reached));
-        return reached;
-    }
-
-    // Runs tasks until the marker behind `reached` has run; returns how many of them were not
-    // markers.
-    std::size_t runUntil(const std::shared_ptr<bool>& reached) {
-        std::size_t ran = 0;
-        while (!*reached) {
-            std::unique_ptr<Task> task = queue->get();
-            if (dynamic_cast<Marker*>(task.get()) == nullptr) {
-                ++ran;
-            }
-            (*task)();
-        }
-        return ran;
-    }
 
     std::shared_ptr<TaskQueue> queue;
     alignas(OfflineServiceWorker) std::byte storage[sizeof(OfflineServiceWorker)];

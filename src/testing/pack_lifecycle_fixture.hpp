@@ -56,25 +56,27 @@ class PackLifecycleTest : public ::testing::Test {
         return described;
     }
 
-    // Starts the worker on the tree as it is now and lets it settle (onInitialized, onIdle).
-    void start(OfflineServiceObservers observers) {
+    // Starts the worker on the tree as it is now, lets it settle, and returns the lines of the
+    // start-up (the stored packs, onInitialized, onIdle).
+    Lines start(OfflineServiceObservers observers) {
         worker.reset();  // lets go of the tree first
         worker = std::make_unique<ManualWorker>(directory.path().string(), options,
                                                 std::move(observers));
-        settle();
+        return settled();
     }
-    void start() { start({recorder}); }
-    // A real service (with its worker thread) on the tree, the recorder registered.
-    std::shared_ptr<OfflineService> startService() {
-        OfflineService::registerObserver(recorder);
-        return OfflineService::getInstance(directory.path().string(), options);
-    }
+    Lines start() { return start({recorder}); }
 
     // Waits until every answer given to the fake has reached the worker's queue, then works the
     // queue off.
     void settle() {
         http->waitUntilDelivered();
         worker->runPending();
+    }
+
+    // settle(), then the lines that came of it.
+    Lines settled() {
+        settle();
+        return newLines();
     }
 
     // The observer lines since the last call.
@@ -121,7 +123,7 @@ class PackLifecycleTest : public ::testing::Test {
         tree.writeMetadata("3", region());
         tree.writeHeaders("region-a", "3", maps,
                           {expires, maxAge, std::move(etag), content.size(), true, true});
-        tree.writeFile(std::filesystem::relative(packFile(), tree.root()), content);
+        tree.writeFile(packFile(), content);
     }
 
     // A downloaded pack whose verification an earlier run did not finish; the download file
@@ -130,7 +132,7 @@ class PackLifecycleTest : public ::testing::Test {
                          util::TimePoint expires = util::TimePoint::max()) {
         tree.writeMetadata("3", region());
         tree.writeHeaders("region-a", "3", maps, {expires, -1, "", 0, true, false});
-        tree.writeFile(std::filesystem::relative(downloadFile(), tree.root()), downloaded);
+        tree.writeFile(downloadFile(), downloaded);
     }
 
     // Starts a download and leaves it in flight; the lines of the exchange are taken.

@@ -78,12 +78,12 @@ void StorageTree::writeMetadata(std::string_view revisionName,
 
 void StorageTree::writeHeaders(std::string_view regionId, std::string_view revisionName,
                                OfflineDataDomain domain, const OfflineDataPackHeaders& headers) {
-    const auto record = headerFilePath(packFile(regionId, revisionName, domain));
-    writeFile(std::filesystem::relative(record, root_), serializePackHeaders(headers));
+    writeFile(headerFilePath(packFile(regionId, revisionName, domain)),
+              serializePackHeaders(headers));
 }
 
-void StorageTree::writeFile(const std::filesystem::path& relative, std::string_view contents) {
-    const auto path = root_ / relative;
+void StorageTree::writeFile(const std::filesystem::path& file, std::string_view contents) {
+    const auto path = root_ / file;  // an absolute `file` stays as it is
     std::filesystem::create_directories(path.parent_path());
     if (auto written = base::io::writeFileAtomically(path, contents); !written) {
         throw std::runtime_error("cannot write " + path.string() + ": " + written.error());

@@ -51,8 +51,8 @@ class StorageTree {
     // The pack's header record.
     void writeHeaders(std::string_view regionId, std::string_view revisionName,
                       OfflineDataDomain domain, const OfflineDataPackHeaders& headers);
-    // Any file below the root, with any content.
-    void writeFile(const std::filesystem::path& relative, std::string_view contents);
+    // Any file, with any content; a relative path is taken from the root.
+    void writeFile(const std::filesystem::path& file, std::string_view contents);
 
   private:
     std::filesystem::path root_;
