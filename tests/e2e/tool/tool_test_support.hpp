@@ -82,7 +82,7 @@ struct RunResult {
 // The tool (as built alongside these tests) with `arguments` as a child process with stdout and
 // stderr going to files in `work`, and TERRANE_ACCESS_TOKEN unset unless `environment` sets it
 // (env(1) sets the environment, then becomes the tool). The destructor kills (SIGKILL) and reaps a
-// child that still runs.
+// child that still runs. Held by a unique_ptr, never copied.
 class ChildProcess {
   public:
     ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
@@ -116,8 +116,6 @@ class ChildProcess {
         signal(SIGKILL);
         wait(10s);
     }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return pid_; }
     void signal(int number) {
