@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,14 +43,28 @@ class NginxServer {
     // sendBuffer (for example "32k") caps the socket's send buffer, which on loopback would
     // otherwise take megabytes in one burst before any rate limit applies. Throws
     // std::runtime_error when nginx does not come up.
-    NginxServer(std::filesystem::path root, std::filesystem::path work, std::string slowRate = "2m",
-                std::string sendBuffer = "", Compression compression = Compression::Off)
-        : root_(std::move(root)),
-          work_(std::move(work)),
-          slowRate_(std::move(slowRate)),
-          sendBuffer_(std::move(sendBuffer)),
-          compression_(compression) {
+    NginxServer(const std::filesystem::path& root, std::filesystem::path work,
+                const std::string& slowRate = "2m", const std::string& sendBuffer = "",
+                Compression compression = Compression::Off)
+        : work_(std::move(work)),
+          listenOptions_(sendBuffer.empty() ? "" : " sndbuf=" + sendBuffer) {
         std::filesystem::create_directories(work_);
+        // Relative paths are below the work directory, the address in a file of its own that
+        // each start on a fresh port rewrites.
+        std::ofstream(work_ / "nginx.conf")
+            << "daemon off;\nmaster_process off;\npid nginx.pid;\n"
+            << "events { worker_connections 1024; }\nhttp {\n  access_log off;\n"
+            << "  client_body_temp_path body;\n  proxy_temp_path proxy;\n"
+            << "  fastcgi_temp_path fastcgi;\n  uwsgi_temp_path uwsgi;\n  scgi_temp_path scgi;\n"
+            << "  default_type application/octet-stream;\n"
+            << "  sendfile on;\n  tcp_nopush on;\n  keepalive_requests 100000;\n"
+            << (compression == Compression::GzipEverything
+                    ? "  gzip on;\n  gzip_types *;\n  gzip_min_length 1;\n  gzip_proxied any;\n"
+                    : "")
+            << "  server {\n    include listen.conf;\n    root " << root.string() << ";\n"
+            << "    location / { add_header Cache-Control \"max-age=3600\"; }\n"
+            << "    location /slow/ { alias " << root.string() << "/; limit_rate " << slowRate
+            << "; }\n  }\n}\n";
         start(5, true);
     }
 
@@ -71,7 +84,8 @@ class NginxServer {
     void stop() { end(SIGTERM); }
 
   private:
-    // Tries to launch nginx, on a fresh port each time when asked; throws when it never comes up.
+    // Launches nginx until it listens, on a fresh port each time when asked; throws when it never
+    // does.
     void start(int attempts, bool freshPort) {
         for (int attempt = 0; attempt < attempts && pid_ <= 0; ++attempt) {
             if (freshPort) {
@@ -95,40 +109,14 @@ class NginxServer {
         }
     }
 
-    void writeConfiguration() const {
-        const std::string work = work_.string();
-        std::ofstream out(work_ / "nginx.conf", std::ios::trunc);
-        out << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-            << "pid " << work << "/nginx.pid;\n"
-            << "error_log " << work << "/error.log warn;\n"
-            << "events { worker_connections 1024; }\n"
-            << "http {\n"
-            << "  access_log off;\n";
-        for (const char* temporary : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
-            out << "  " << temporary << "_temp_path " << work << "/" << temporary << ";\n";
-        }
-        out << "  default_type application/octet-stream;\n"
-            << "  sendfile on;\n  tcp_nopush on;\n  keepalive_requests 100000;\n"
-            << (compression_ == Compression::GzipEverything
-                    ? "  gzip on;\n  gzip_types *;\n  gzip_min_length 1;\n  gzip_proxied any;\n"
-                    : "")
-            << "  server {\n"
-            << "    listen 127.0.0.1:" << port_
-            << (sendBuffer_.empty() ? std::string() : " sndbuf=" + sendBuffer_) << ";\n"
-            << "    root " << root_.string() << ";\n"
-            << "    location / { add_header Cache-Control \"max-age=3600\"; }\n"
-            << "    location /slow/ { alias " << root_.string() << "/; limit_rate " << slowRate_
-            << "; }\n"
-            << "  }\n"
-            << "}\n";
-    }
-
-    // Starts the child and waits until it accepts connections; false when it exited instead.
+    // Starts the child and waits until it listens, which it does before it writes its pid file;
+    // false when it exited or took too long.
     bool launch() {
-        writeConfiguration();
+        std::ofstream(work_ / "listen.conf")
+            << "listen 127.0.0.1:" << port_ << listenOptions_ << ";\n";
+        const std::filesystem::path pidFile = work_ / "nginx.pid";
+        std::filesystem::remove(pidFile);
         const std::string prefix = work_.string() + "/";
-        const std::string configuration = (work_ / "nginx.conf").string();
-        const std::string errorLog = (work_ / "error.log").string();
         pid_ = ::fork();
         if (pid_ == 0) {
             // Dies with its parent, even one that crashed, and keeps none of its pipes open.
@@ -137,25 +125,14 @@ class NginxServer {
             ::dup2(null, STDIN_FILENO);
             ::dup2(null, STDOUT_FILENO);
             ::dup2(null, STDERR_FILENO);
-            ::execl(kExecutable, kExecutable, "-p", prefix.c_str(), "-c", configuration.c_str(),
-                    "-e", errorLog.c_str(), static_cast<char*>(nullptr));
+            ::execl(kExecutable, kExecutable, "-p", prefix.c_str(), "-c", "nginx.conf", "-e",
+                    "error.log", static_cast<char*>(nullptr));
             ::_exit(127);
         }
-        if (pid_ < 0) {
-            return false;
-        }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
+        for (int wait = 0; wait < 1000 && pid_ > 0; ++wait) {
             if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
                 pid_ = -1;
-                return false;
-            }
-            const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-            const sockaddr_in address = loopbackAddress(port_);
-            const bool accepts =
-                ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-            ::close(probe);
-            if (accepts) {
+            } else if (std::filesystem::exists(pidFile)) {
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -163,11 +140,8 @@ class NginxServer {
         return false;
     }
 
-    std::filesystem::path root_;
     std::filesystem::path work_;
-    std::string slowRate_;
-    std::string sendBuffer_;
-    Compression compression_;
+    std::string listenOptions_;
     std::uint16_t port_ = 0;
     pid_t pid_ = -1;
 };

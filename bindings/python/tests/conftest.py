@@ -48,13 +48,13 @@ class UrllibService:
     def _fetch(self, request):
         method = t.HttpMethod(request.method).name.upper()
         try:
-            with urllib.request.urlopen(urllib.request.Request(
-                    request.url, method=method, headers=request.headers), timeout=10) as answer:
-                code, headers, body = answer.status, answer.headers, answer.read()
+            answer = urllib.request.urlopen(urllib.request.Request(
+                request.url, method=method, headers=request.headers), timeout=10)
         except urllib.error.HTTPError as error:
-            code, headers, body = error.code, error.headers, error.read()
-        return t.HttpResponseData(code=code, data=body,
-                                  headers={k.lower(): v for k, v in headers.items()})
+            answer = error
+        with answer:
+            return t.HttpResponseData(code=answer.status, data=answer.read(), headers={
+                k.lower(): v for k, v in answer.headers.items()})
 
     def _start(self, work):
         self.threads.append(threading.Thread(target=work, daemon=True))
@@ -82,22 +82,22 @@ class UrllibService:
 
 
 class Recorder:
-    """An observer that records (callback, pack) and keeps acknowledgements."""
+    """An observer that records (callback, its last argument or True) and keeps
+    acknowledgements."""
 
     def __init__(self, acknowledge=True):
-        self.events, self.messages, self.acks = [], [], []
-        self.acknowledge = acknowledge
+        self.events, self.acks, self.acknowledge = [], [], acknowledge
         self.changed = threading.Condition()
 
-    def _add(self, name, pack=None):
+    def _add(self, name, argument):
         with self.changed:
-            self.events.append((name, pack))
+            self.events.append((name, argument))
             self.changed.notify_all()
 
     def __getattr__(self, name):
         if not name.startswith("on_"):
             raise AttributeError(name)
-        return lambda domain=None, region=None, pack=None: self._add(name, pack)
+        return lambda *arguments: self._add(name, arguments[-1] if arguments else True)
 
     def on_deleting(self, domain, region, pack, acknowledge):
         self.acks.append(acknowledge)
@@ -105,13 +105,10 @@ class Recorder:
             acknowledge()
         self._add("on_deleting", pack)
 
-    def on_log_message(self, message):
-        self.messages.append(message)
-
     def wait(self, name, timeout=20):
         with self.changed:
             assert self.changed.wait_for(lambda: self.find(name), timeout), (name, self.events)
             return self.find(name)
 
     def find(self, name):
-        return next((pack or True for event, pack in self.events if event == name), None)
+        return next((argument for event, argument in self.events if event == name), None)

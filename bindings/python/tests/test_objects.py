@@ -45,27 +45,6 @@ def test_feature_identifier_and_properties(text, identifier):
     assert identifier is None or feature.identifier == identifier
 
 
-def build_url(*calls):
-    builder = t.UrlBuilder()
-    for name, *arguments in calls:
-        getattr(builder, name)(*arguments)
-    return builder.build()
-
-
-@pytest.mark.parametrize("made, shown", [
-    (t.OfflineDataError(code=t.OfflineDataErrorCode.NotFound, message="gone"),
-     "OfflineDataError(code=<OfflineDataErrorCode.NotFound: 1>, message='gone')"),
-    (t.ValueConverter.from_json(""), "Expected(error='Parse error at offset 0: The document is "
-     "empty.')"),
-    (build_url(), "Expected(error='Host is not set')"),
-    (build_url(("host", "example.com"), ("add_query_parameter", "q", "")).value.get_string(),
-     "'https://example.com/?q'"),
-    (len(t.TokenGenerator.get_sku_token(t.SKUIdentifier.Code04)), "43"),
-])
-def test_records_enums_and_small_services(made, shown):
-    assert repr(made) == shown
-
-
 @pytest.mark.parametrize("call, error, message", [
     (lambda: t.OfflineService.get_instance("x", None), TypeError, "object must not be nil"),
     (lambda: t.LogConfiguration().register_log_writer_backend(None), TypeError, "must not be nil"),

@@ -14,17 +14,7 @@ from conftest import PACK, Recorder, UrllibService
 D = t.OfflineDataDomain
 
 
-@pytest.fixture
-def python_http():
-    service = UrllibService()
-    t.HttpServiceFactory.set_user_defined(service)
-    yield service
-    t.HttpServiceFactory.set_user_defined(None)
-    for thread in service.threads:
-        thread.join()
-
-
-def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
+def test_python_http_service_and_observers(tmp_path, catalogue):
     # Bridges whose Python object is gone go to nothing.
     dropped_http, dropped_observer = UrllibService(), Recorder()
     t.HttpServiceFactory.set_user_defined(dropped_http)
@@ -32,6 +22,7 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
     del dropped_http, dropped_observer
     gc.collect()
     assert t.HttpServiceFactory.get_instance() is None
+    python_http = UrllibService()
     t.HttpServiceFactory.set_user_defined(python_http)
 
     recorder = Recorder(acknowledge=False)
@@ -54,7 +45,8 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
         pack = recorder.wait("on_available")
         with open(pack.path, "rb") as file:
             assert file.read() == PACK
-        assert "Uncaught exception in observer: ValueError: boom" in raising.messages
+        assert ("on_log_message", "Uncaught exception in observer: ValueError: boom") in \
+            raising.events
         service.delete_pack(D.Maps, region)
         recorder.wait("on_deleting")
         assert os.path.exists(pack.path) and recorder.find("on_deleted") is None
@@ -65,6 +57,9 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
         t.OfflineService.unregister_observer(recorder)
         t.OfflineService.unregister_observer(raising)
         del service
+        t.HttpServiceFactory.set_user_defined(None)
+        for thread in python_http.threads:
+            thread.join()
 
 
 @pytest.mark.parametrize("script", [

@@ -4,6 +4,7 @@
 
 #include <signal.h>
 
+#include <limits>
 #include <tuple>
 
 #include "tool_test_support.hpp"
@@ -31,10 +32,9 @@ class ToolFlowTest : public ToolTest {
         std::string logged;
         std::string path;
         Logged entry;
-        std::string rest;
         // A line: METHOD PATH STATUS BYTES range=VALUE, then the other header fields; "-" for none.
         while (log >> logged >> path >> entry.status >> entry.bytes >> entry.range &&
-               std::getline(log, rest)) {
+               log.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
             entry.range = entry.range.ends_with("=-") ? "" : entry.range.substr(6);
             if (logged == method && path.ends_with("/harbour/2/" + domain + ".pack")) {
                 found.push_back(entry);
@@ -63,8 +63,7 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     auto child = startDownload(512 * 1024);
     child->signal(SIGINT);
     ASSERT_EQ(child->wait(30s), 130) << child->err();
-    EXPECT_NE(child->err().find("interrupted; the downloads were cancelled"), std::string::npos)
-        << child->err();
+    EXPECT_TRUE(child->err().contains("interrupted; the downloads were cancelled")) << child->err();
     EXPECT_EQ(stored()["2/maps"], "Incomplete");
     child = startDownload(1536 * 1024);
     child->signal(SIGKILL);
@@ -76,12 +75,10 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     RunResult result = tool({"download", "harbour"});
     const auto downloaded = std::chrono::steady_clock::now();
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.out.find("maps pack of harbour/2 is available"), std::string::npos);
-    EXPECT_NE(result.out.find("navigation pack of harbour/2 failed: Corrupt: Failed to verify "
-                              "checksum"),
-              std::string::npos)
-        << result.out;
-    EXPECT_NE(result.err.find("1 of 2 packs did not become available"), std::string::npos);
+    EXPECT_TRUE(result.out.contains("maps pack of harbour/2 is available")) << result.out;
+    EXPECT_TRUE(result.out.contains(
+        "navigation pack of harbour/2 failed: Corrupt: Failed to verify checksum"));
+    EXPECT_TRUE(result.err.contains("1 of 2 packs did not become available"));
     // Each run after the first asked for the rest only; the last one got all of it.
     const auto gets = requests("maps");
     ASSERT_EQ(gets.size(), 3u);
@@ -100,13 +97,13 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     // A corrupt pack can be deleted, and is fetched again from the start once fixed. A trailing
     // slash names the same account.
     result = tool({"delete", "harbour", "--domain", "navigation"});
-    EXPECT_NE(result.out.find("deleted navigation pack of harbour/2"), std::string::npos);
+    EXPECT_TRUE(result.out.contains("deleted navigation pack of harbour/2"));
     writeFile(servedPack(2, "navigation"), navigation);
     baseUrl_ += "/";
     result = tool({"download", "harbour"});
     baseUrl_.pop_back();
     EXPECT_EQ(result.status, 0) << result.out << result.err;
-    EXPECT_NE(result.out.find("maps pack of harbour/2 is already available"), std::string::npos);
+    EXPECT_TRUE(result.out.contains("maps pack of harbour/2 is already available"));
     EXPECT_EQ(requests("maps").size(), 3u);
     ASSERT_FALSE(requests("navigation").empty());
     EXPECT_EQ(requests("navigation").back().range, "");
@@ -124,13 +121,12 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     EXPECT_FALSE(fs::exists(paths["2/maps"] + ".json"));
     child = startDownload(512 * 1024);
     server_.reset();  // killed
-    ASSERT_TRUE(
-        eventually([&] { return child->out().find("trying again") != std::string::npos; }, 20s))
+    ASSERT_TRUE(eventually([&] { return child->out().contains("trying again"); }, 20s))
         << child->out();
     serve(baseUrl_.substr(baseUrl_.rfind(':') + 1));
     ASSERT_EQ(child->wait(60s), 0) << child->out() << child->err();
-    EXPECT_NE(child->out().find("maps pack of harbour/2 is available"), std::string::npos);
-    EXPECT_EQ(tool({"status"}).out.find("is out"), std::string::npos);
+    EXPECT_TRUE(child->out().contains("maps pack of harbour/2 is available"));
+    EXPECT_FALSE(tool({"status"}).out.contains("is out"));
 
     std::string regions = readFile(source() / "regions.json");
     regions.replace(regions.find("\"revision\": 2"), 13, "\"revision\": 3");
@@ -149,7 +145,7 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     for (const auto& row : rows) {
         result = tool(row.command);
         EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_NE(result.out.find(row.says), std::string::npos) << result.out;
+        EXPECT_TRUE(result.out.contains(row.says)) << result.out;
     }
     EXPECT_EQ(stored(), (Packs{{"3/maps", "Available"}, {"3/navigation", "Available"}}));
     ASSERT_EQ(tool({"delete", "harbour"}).status, 0);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -19,31 +20,21 @@ bool shell(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-// Each test runs the tool in a fresh network namespace with only loopback up, and keeps a
-// NetworkManager of the machine out of its answers.
-class ToolNetworkTest : public ToolTest {
-  protected:
-    void SetUp() override {
-        original_ = ::open("/proc/thread-self/ns/net", O_RDONLY);
-        if (::unshare(CLONE_NEWNET) != 0 || !shell("ip link set lo up")) {
-            GTEST_SKIP() << "no network namespace allowed here";
-        }
-    }
-    void TearDown() override {
-        if (original_ >= 0) {
-            ::setns(original_, CLONE_NEWNET);
-            ::close(original_);
-        }
-    }
-
-    const std::vector<std::string> environment_{
-        "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent/terrane-test-bus"};
-
-  private:
-    int original_ = -1;
-};
+using ToolNetworkTest = ToolTest;
 
 TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUntilCtrlC) {
+    // The test moves to a fresh network namespace with only loopback up, and back at its end; a
+    // NetworkManager of the machine is kept out of the tool's answers.
+    const int original = ::open("/proc/thread-self/ns/net", O_RDONLY);
+    const std::shared_ptr<void> back(nullptr, [original](void*) {
+        ::setns(original, CLONE_NEWNET);
+        ::close(original);
+    });
+    if (::unshare(CLONE_NEWNET) != 0 || !shell("ip link set lo up")) {
+        GTEST_SKIP() << "no network namespace allowed here";
+    }
+    const std::vector<std::string> environment{
+        "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent/terrane-test-bus"};
     const struct {
         std::vector<std::string> arguments;
         std::string out;
@@ -54,7 +45,7 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
         {{"network", "192.0.2.1"}, "192.0.2.1: not reachable\n", 1},
     };
     for (const auto& row : rows) {
-        const RunResult result = run(row.arguments, environment_);
+        const RunResult result = run(row.arguments, environment);
         const std::string err = "terrane-offline: " + row.arguments.back() + " cannot be reached\n";
         EXPECT_EQ(std::tuple(result.status, result.out, result.err),
                   std::tuple(row.status, row.out, row.status == 0 ? "" : err));
@@ -64,7 +55,7 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
         !shell("ip link add x0 type veth peer name x1 && ip link set x1 up")) {
         GTEST_SKIP() << "neither dummy nor veth links can be made here";
     }
-    const auto watch = start({"network", "--watch"}, environment_);
+    const auto watch = start({"network", "--watch"}, environment);
     std::string expected = "network: not reachable\n";
     EXPECT_TRUE(eventually([&] { return watch->out() == expected; }, 10s)) << watch->out();
     for (const auto& [change, line] : {

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -46,9 +47,7 @@ bool eventually(Condition condition, std::chrono::milliseconds limit) {
 
 inline std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream contents;
-    contents << in.rdbuf();
-    return contents.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 inline void writeFile(const fs::path& path, const std::string& contents) {
@@ -60,9 +59,7 @@ inline void writeFile(const fs::path& path, const std::string& contents) {
 inline std::string patternBytes(std::size_t size, unsigned seed) {
     std::minstd_rand random(seed);
     std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(random());
-    }
+    std::ranges::generate(bytes, [&] { return static_cast<char>(random()); });
     return bytes;
 }
 
@@ -83,22 +80,24 @@ struct RunResult {
 };
 
 // The tool (as built alongside these tests) with `arguments` as a child process with stdout and
-// stderr going to files in `work`, and TERRANE_ACCESS_TOKEN unset unless `environment` sets it.
-// The destructor kills (SIGKILL) and reaps a child that still runs.
+// stderr going to files in `work`, and TERRANE_ACCESS_TOKEN unset unless `environment` sets it
+// (env(1) sets the environment, then becomes the tool). The destructor kills (SIGKILL) and reaps a
+// child that still runs. Held by a unique_ptr, never copied.
 class ChildProcess {
   public:
     ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
                  const std::vector<std::string>& environment) {
-        fs::create_directories(work);
         static int counter = 0;
-        const std::string stem = "child-" + std::to_string(++counter);
-        outPath_ = work / (stem + ".out");
-        errPath_ = work / (stem + ".err");
-        std::vector<std::string> copies{TERRANE_OFFLINE_TOOL};
-        copies.insert(copies.end(), arguments.begin(), arguments.end());
+        const std::string stem = (work / "child-").string() + std::to_string(++counter);
+        outPath_ = stem + ".out";
+        errPath_ = stem + ".err";
+        std::vector<std::string> words{"/usr/bin/env", "-u", "TERRANE_ACCESS_TOKEN"};
+        words.insert(words.end(), environment.begin(), environment.end());
+        words.push_back(TERRANE_OFFLINE_TOOL);
+        words.insert(words.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv;
-        for (std::string& argument : copies) {
-            argv.push_back(argument.data());
+        for (std::string& word : words) {
+            argv.push_back(word.data());
         }
         argv.push_back(nullptr);
         pid_ = ::fork();
@@ -106,10 +105,6 @@ class ChildProcess {
             ::dup2(::open("/dev/null", O_RDONLY), 0);
             ::dup2(::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
             ::dup2(::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-            ::unsetenv("TERRANE_ACCESS_TOKEN");
-            for (const std::string& variable : environment) {
-                ::putenv(::strdup(variable.c_str()));
-            }
             ::execv(argv[0], argv.data());
             ::_exit(127);
         }
@@ -121,8 +116,6 @@ class ChildProcess {
         signal(SIGKILL);
         wait(10s);
     }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return pid_; }
     void signal(int number) {
@@ -158,12 +151,10 @@ class ChildProcess {
 // and a storage for the tool.
 class ToolTest : public ::testing::Test {
   protected:
+    // Each test runs in a process of its own.
     ToolTest() {
-        std::string pattern = (fs::temp_directory_path() / "terrane-tool-e2e-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        scratch_ = pattern;
+        fs::remove_all(scratch_);
+        fs::create_directories(scratch_);
     }
     ~ToolTest() override {
         server_.reset();
@@ -207,19 +198,18 @@ class ToolTest : public ::testing::Test {
                                          accessLog().string()};
         command.insert(command.end(), options.begin(), options.end());
         server_ = start(command);
-        // It announces "http://127.0.0.1:PORT" on stdout.
-        const std::string prefix = "http://127.0.0.1:";
-        if (!eventually([&] { return server_->out().find(prefix) != std::string::npos; }, 10s)) {
+        // It says "Serving ROOT on URL (loopback only; ...".
+        std::string out;
+        if (!eventually([&] { return (out = server_->out()).ends_with(")\n"); }, 10s)) {
             throw std::runtime_error("no server address announced: " + server_->err());
         }
-        const std::string out = server_->out();
-        baseUrl_ = prefix + std::to_string(std::stoi(out.substr(out.find(prefix) + prefix.size())));
+        baseUrl_ = out.substr(out.find(" on ") + 4, out.find(" (") - out.find(" on ") - 4);
     }
 
     // The tool in the background.
     std::unique_ptr<ChildProcess> start(const std::vector<std::string>& arguments,
                                         const std::vector<std::string>& environment = {}) const {
-        return std::make_unique<ChildProcess>(arguments, scratch_ / "runs", environment);
+        return std::make_unique<ChildProcess>(arguments, scratch_, environment);
     }
     // The tool to its end (killed after two minutes, which fails the test).
     RunResult run(const std::vector<std::string>& arguments,
@@ -252,22 +242,30 @@ class ToolTest : public ::testing::Test {
         }
         return packs;
     }
-    // The largest regular file in the storage (0 when there is none): how far a download came,
-    // whatever names the HTTP layer gives its partial files.
-    std::uint64_t largestStoredFile() const {
-        std::uint64_t largest = 0;
+    // The regular files below the storage now, while the tool may be renaming and removing them.
+    std::vector<fs::path> storedFiles() const {
+        std::vector<fs::path> files;
         std::error_code error;
         for (fs::recursive_directory_iterator entry(storage(), error), end; !error && entry != end;
              entry.increment(error)) {
-            std::error_code sizeError;
-            if (entry->is_regular_file(sizeError)) {
-                largest = std::max<std::uint64_t>(largest, entry->file_size(sizeError));
+            if (entry->is_regular_file(error)) {
+                files.push_back(entry->path());
             }
+        }
+        return files;
+    }
+    // The size of the largest of them: how far a download came, whatever names the HTTP layer
+    // gives its partial files.
+    std::size_t largestStoredFile() const {
+        std::size_t largest = 0;
+        for (const fs::path& file : storedFiles()) {
+            largest = std::max(largest, readFile(file).size());
         }
         return largest;
     }
 
-    fs::path scratch_;
+    const fs::path scratch_ =
+        fs::temp_directory_path() / ("terrane-tool-e2e-" + std::to_string(::getpid()));
     std::unique_ptr<ChildProcess> server_;
     std::string baseUrl_;
 };
