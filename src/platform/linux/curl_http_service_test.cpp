@@ -42,6 +42,8 @@ using test::TestFile;
 using States = std::vector<DownloadState>;
 
 using enum DownloadState;
+using enum DownloadErrorCode;
+using enum HttpRequestErrorType;
 
 // The states reported, each run of one state counted once.
 States phasesOf(const std::vector<DownloadStatus>& statuses) {
@@ -279,7 +281,7 @@ TEST_F(CurlHttpServiceTest, ACancelFromACallbackIsAnsweredBeforeItReturns) {
     });
     outer.waitFor(1);
     EXPECT_TRUE(answer);
-    EXPECT_EQ(held.waitFor(1).result.error().type, HttpRequestErrorType::RequestCancelled);
+    EXPECT_EQ(held.waitFor(1).result.error().type, RequestCancelled);
     EXPECT_EQ(started.waitFor(1).result->code, 404);
 
     // A finished request, like an unknown one, names nothing any more; the answer comes from the
@@ -314,7 +316,7 @@ TEST_F(CurlHttpServiceTest, RequestsBeyondTheCapsWaitTheirTurnAndCanBeCancelled)
             last = service->request(HttpRequest(server.url("/hold")), inbox.callback());
         }
         EXPECT_TRUE(test::cancel(*service, last));
-        EXPECT_EQ(inbox.waitFor(1).result.error().type, HttpRequestErrorType::RequestCancelled);
+        EXPECT_EQ(inbox.waitFor(1).result.error().type, RequestCancelled);
         waitUntil([&] { return server.heldNow() == row.connected; });
         // Room for connections beyond the cap to show up, if the cap did not hold.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -511,7 +513,7 @@ TEST_F(CurlHttpServiceTest, AnUnwritableDestinationIsAFileSystemError) {
         StatusInbox inbox;
         start("/pack", inbox);
         const auto final = test::waitForFinal(inbox);
-        EXPECT_EQ(final.error, (DownloadError{DownloadErrorCode::FileSystemError, row.message}));
+        EXPECT_EQ(final.error, (DownloadError{FileSystemError, row.message}));
         EXPECT_EQ(phasesOf(inbox.items()), row.states);
         EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.states.size() - 2);
         EXPECT_FALSE(fs::exists(part()));
@@ -611,76 +613,74 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         manyLines.headers.emplace_back("X-Padding-" + std::to_string(line), std::string(100, 'p'));
     }
     const auto always = 1 << 30;
-    const auto timedOut = HttpRequestErrorType::RequestTimedOut;
-    const auto connection = HttpRequestErrorType::ConnectionError;
-    const auto other = HttpRequestErrorType::OtherError;
-    const auto network = DownloadErrorCode::NetworkError;
-    const auto tooLarge = DownloadErrorCode::SizeExceeded;
     const std::string kilobytes64 = test::testContent(64 * 1024);
     const std::string kTimedOut = "Request timed out.";
+    const std::string kBeyondCap = "limit of 1048576 bytes";
     struct Row {
-        const char* name;
         std::string target;  // a path (served the file, if any) or a URL
         optional<TestFile> file;
         HttpRequestErrorType requestError;
-        std::string requestMessagePart;
+        // Part of the request's message, and of the download's unless that timed out or went
+        // beyond the cap.
+        std::string message;
         DownloadErrorCode downloadError;
-        std::string downloadMessagePart;
         // The partial file and its resume data stay for a later resume.
         bool keepsPartial;
         std::uint64_t timeout = 0;  // of the request itself, in seconds
     };
     const Row rows[] = {
-        {"head and 16 KiB, then silence", "/stall",
+        // Head and 16 KiB, then silence.
+        {"/stall",
          TestFile{.content = kilobytes64, .stallAfter = 16 * 1024, .faultyResponses = always},
-         timedOut, "too slow", network, kTimedOut, true},
-        {"connection accepted, never answered", "/hold", nullopt, timedOut, "too slow", network,
-         kTimedOut, false},
-        {"connection never accepted", unaccepting.url(), nullopt, timedOut, "Failed to connect",
-         network, kTimedOut, false},
-        // While the engine serves others.
-        {"no head within the request's own timeout", "/hold", nullopt, timedOut, "timed out after",
-         network, kTimedOut, false, 1},
-        {"a body without a length beyond the cap", "/endless",
-         TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true}, other,
-         "Response body too large.", tooLarge, "limit of 1048576 bytes", false},
-        {"a length beyond the cap", "/beyond",
-         TestFile{.content = "x", .announcedLength = std::size_t{1} << 30}, connection, "",
-         tooLarge, "limit of 1048576 bytes", false},
-        {"a length longer than the body", "/longer",
+         RequestTimedOut, "too slow", NetworkError, true},
+        // The connection accepted, never answered.
+        {"/hold", nullopt, RequestTimedOut, "too slow", NetworkError, false},
+        // The connection never accepted.
+        {unaccepting.url(), nullopt, RequestTimedOut, "Failed to connect", NetworkError, false},
+        // No head within the request's own timeout, while the engine serves others.
+        {"/hold", nullopt, RequestTimedOut, "timed out after", NetworkError, false, 1},
+        // A body without a length beyond the cap.
+        {"/endless", TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true},
+         OtherError, "Response body too large.", SizeExceeded, false},
+        // A length beyond the cap.
+        {"/beyond", TestFile{.content = "x", .announcedLength = std::size_t{1} << 30},
+         ConnectionError, "", SizeExceeded, false},
+        // A length longer than the body.
+        {"/longer",
          TestFile{.content = test::testContent(32 * 1024),
                   .headers = {{"Content-Encoding", "identity"}},
                   .announcedLength = 64 * 1024},
-         connection, "bytes remaining", network, "bytes remaining", true},
-        // Decoded bytes have no place in the server's ranges: nothing is kept to resume.
-        {"a compressed body cut off", "/gzip",
+         ConnectionError, "bytes remaining", NetworkError, true},
+        // A compressed body cut off. Decoded bytes have no place in the server's ranges: nothing
+        // is kept to resume.
+        {"/gzip",
          TestFile{.content = test::gzipEncode(kilobytes64),
                   .headers = {{"Content-Encoding", "gzip"}},
                   .dropAfter = 16 * 1024,
                   .faultyResponses = always},
-         connection, "", network, "", false},
-        {"a 4 MiB header", "/huge",
-         TestFile{.headers = {{"X-Padding", std::string(4 * 1024 * 1024, 'p')}}}, other,
-         "Response header too large.", network, "Response header too large.", false},
-        {"5000 header lines", "/lines", manyLines, other, "Response header too large.", network,
-         "Response header too large.", false},
-        {"a redirect to file:", "/to-file",
-         TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}}, other, "file",
-         network, "file", false},
-        {"nothing listening", test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt, connection,
-         "127.0.0.1", network, "127.0.0.1", false},
-        {"a plain server asked for TLS", "https" + server_.url("/echo").substr(4), nullopt,
-         HttpRequestErrorType::SSLError, "", network, "", false},
-        // A loop ends the same way.
-        {"eleven redirects", redirect(11), {}, other, "redirects", network, "redirects", false},
+         ConnectionError, "", NetworkError, false},
+        // A 4 MiB header, and 5000 header lines.
+        {"/huge", TestFile{.headers = {{"X-Padding", std::string(4 * 1024 * 1024, 'p')}}},
+         OtherError, "Response header too large.", NetworkError, false},
+        {"/lines", manyLines, OtherError, "Response header too large.", NetworkError, false},
+        // A redirect to file:.
+        {"/to-file", TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}},
+         OtherError, "file", NetworkError, false},
+        // Nothing listening.
+        {test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt, ConnectionError, "127.0.0.1",
+         NetworkError, false},
+        // A plain server asked for TLS.
+        {"https" + server_.url("/echo").substr(4), nullopt, SSLError, "", NetworkError, false},
+        // Eleven redirects: a loop ends the same way.
+        {redirect(11), {}, OtherError, "redirects", NetworkError, false},
         // Only http and https are fetched.
-        {"a file: URL", "file:///etc/hostname", {}, other, "", network, "", false},
+        {"file:///etc/hostname", {}, OtherError, "", NetworkError, false},
     };
     // The first rows stall, so a short window finds them quickly; the others must not depend on
     // the speed of a loaded (or sanitized) machine sending a huge head.
     constexpr std::ptrdiff_t kStallingRows = 3;
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.target);
         if (row.file) {
             server_.serve(row.target, *row.file);
         }
@@ -699,15 +699,18 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         const auto response = responses.waitFor(1);
         ASSERT_FALSE(response.result.has_value());
         EXPECT_EQ(response.result.error().type, row.requestError);
-        EXPECT_NE(response.result.error().message.find(row.requestMessagePart), std::string::npos)
+        EXPECT_NE(response.result.error().message.find(row.message), std::string::npos)
             << response.result.error().message;
         ASSERT_EQ(final.state, Failed);
         EXPECT_EQ(final.error->code, row.downloadError);
-        EXPECT_NE(final.error->message.find(row.downloadMessagePart), std::string::npos)
-            << final.error->message;
-        if (final.error->message == kTimedOut) {
+        const bool timedOut = row.requestError == RequestTimedOut;
+        const std::string& expected = timedOut                            ? kTimedOut
+                                      : row.downloadError == SizeExceeded ? kBeyondCap
+                                                                          : row.message;
+        EXPECT_NE(final.error->message.find(expected), std::string::npos) << final.error->message;
+        if (timedOut) {
             EXPECT_EQ(*final.httpResult,
-                      HttpResult(unexpected(HttpRequestError{timedOut, kTimedOut})));
+                      HttpResult(unexpected(HttpRequestError{RequestTimedOut, kTimedOut})));
         }
         if (row.keepsPartial) {
             EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
@@ -736,8 +739,7 @@ TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes
     const std::string content = test::testContent(1024 * 1024, 22);
     server_.serve("/pack", TestFile{.content = content});
 
-    EXPECT_EQ(download("/pack").error,
-              (DownloadError{DownloadErrorCode::FileSystemError, "No space left on device"}));
+    EXPECT_EQ(download("/pack").error, (DownloadError{FileSystemError, "No space left on device"}));
     const auto kept = fs::file_size(part());
     EXPECT_GT(kept, 0u);
     ASSERT_TRUE(loadResumeData(DownloadOptions(HttpRequest(server_.url("/pack")), destination_)));
