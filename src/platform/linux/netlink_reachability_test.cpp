@@ -126,5 +126,14 @@ TEST_F(NetlinkReachabilityTest, EveryChangeOfTheRoutesReachesTheListeners) {
     }
 }
 
+// Runs after the test above in a namespace of its own: the monitor must have stopped with the
+// services above and start afresh here, not keep watching the namespace they lived in.
+TEST_F(NetlinkReachabilityTest, AServiceStartedAfterOthersStoppedWatchesItsOwnNamespace) {
+    Heard heard;
+    auto service = startService(nullopt, heard);
+    ASSERT_TRUE(shell("ip link set x0 up && ip route add default dev x0"));
+    EXPECT_TRUE(latestIs(heard, NetworkStatus::ReachableViaWiFi));
+}
+
 }  // namespace
 }  // namespace terrane::common
