@@ -40,11 +40,6 @@ class CancellationAndDeletionTest : public test::PackLifecycleTest {
         }
         return left;
     }
-    static void acknowledgeAll(test::RecordingObserver& observer) {
-        for (const auto& acknowledge : observer.takeAcknowledgements()) {
-            acknowledge();
-        }
-    }
     std::string deleting() const { return line("onDeleting", packFile(), content.size()); }
     const std::string notDownloading =
         log("Skipped cancellation of maps pack download of revision 3 of offline region "
@@ -103,10 +98,7 @@ TEST_F(CancellationAndDeletionTest,
 }
 
 TEST_F(CancellationAndDeletionTest, APackNobodyCanBeReadingIsDeletedAtOnceWithEverythingBesideIt) {
-    const std::function<void()> incomplete = [&] {
-        downloadInFlight();
-        cancelPackDownload();
-    };
+    const std::function<void()> incomplete = [&] { downloadToIncomplete(); };
     const std::function<void()> errored = [&] { downloadInFlight().finish("not the pack"); };
     for (const auto& prepare : {incomplete, errored}) {
         start();
@@ -124,9 +116,7 @@ TEST_F(CancellationAndDeletionTest, APackNobodyCanBeReadingIsDeletedAtOnceWithEv
 
 TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterDeleteRetries) {
     start();
-    downloadInFlight();
-    cancelPackDownload();
-    settled();
+    downloadToIncomplete();
     writePackFiles();
     fs::remove(headerFile());
     tree.writeFile(headerFile() / "inside", "x");

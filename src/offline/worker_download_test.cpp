@@ -39,7 +39,7 @@ TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailable
     EXPECT_THAT(settled(), ElementsAre(line("onPending", downloadFile(), 0)));
     auto transfer = http->nextDownload();
     EXPECT_EQ(transfer.url(), packURL);
-    EXPECT_EQ(transfer.localPath(), downloadFile().string());
+    EXPECT_EQ(transfer.options().localPath, downloadFile().string());
     EXPECT_TRUE(transfer.resume());
     EXPECT_EQ(transfer.options().maxBytes, content.size());
 
@@ -307,8 +307,7 @@ TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredAndItsVerificationLeftFor
 }
 
 TEST_F(PackDownloadTest, AtShutdownNoNewExchangeStarts) {
-    storeAvailable(fromNow(-1h), "\"e\"");
-    start();
+    startExpired("\"e\"");
     worker->beginShutdown();
     downloadPack();
     (*worker)->listAvailableRegions([](auto) { ADD_FAILURE(); });

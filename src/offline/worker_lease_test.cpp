@@ -25,9 +25,9 @@ class LeaseTest : public test::PackLifecycleTest {
     // The conditional request the worker sent last, checked for what both kinds share.
     test::FakeRequest conditionalRequest() {
         auto request = http->nextRequest();
-        EXPECT_EQ(request.method(), HttpMethod::Head);
+        EXPECT_EQ(request.request().method, HttpMethod::Head);
         EXPECT_EQ(request.url(), packURL);
-        EXPECT_EQ(request.headers(),
+        EXPECT_EQ(request.request().headers,
                   (HttpHeaders{{"If-None-Match", etag}, {"Accept-Encoding", "identity"}}));
         return request;
     }
@@ -57,8 +57,7 @@ TEST_F(LeaseTest, ALeaseDueForRenewalIsRenewedAtStartAndOneWithoutTagIsNever) {
     storeAvailable(fromNow(1min), etag);
     start();
     conditionalRequest();
-    storeAvailable(fromNow(-1h), "");  // nothing to ask with: downloaded in full
-    start();
+    startExpired("");  // nothing to ask with: downloaded in full
     downloadInFlight();
     EXPECT_THAT(http->requests(), SizeIs(1u));
 }
@@ -106,8 +105,7 @@ TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
         EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.failure.empty());
         EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
 
-        storeAvailable(fromNow(-1h), etag);
-        start();
+        startExpired(etag);
         row.answer(reauthorise());
         EXPECT_THAT(settled(),
                     ElementsAre(row.error.empty() ? available() : expired(row.error), "onIdle"));
@@ -127,9 +125,7 @@ TEST_F(LeaseTest, ARenewalAnswerForAPackDeletedMeanwhileIsDroppedButSettled) {
     auto request = conditionalRequest();
     deletePack();
     settle();
-    for (const auto& acknowledge : recorder->takeAcknowledgements()) {
-        acknowledge();
-    }
+    acknowledgeAll(*recorder);
     request.respond(304, "", {{"etag", etag}, {"cache-control", "max-age=86400"}});
     EXPECT_THAT(settled(),
                 ElementsAre(line("onDeleting", packFile(), content.size()), deleted(), "onIdle"));
@@ -137,8 +133,7 @@ TEST_F(LeaseTest, ARenewalAnswerForAPackDeletedMeanwhileIsDroppedButSettled) {
 }
 
 TEST_F(LeaseTest, AFileThatCannotBeRemovedAfterARefusedReauthorisationIsLogged) {
-    storeAvailable(fromNow(-1h), etag);
-    start();
+    startExpired(etag);
     fs::remove(packFile());
     fs::create_directories(packFile() / "occupied");
     reauthorise().respond(404, "gone");
@@ -149,8 +144,7 @@ TEST_F(LeaseTest, AFileThatCannotBeRemovedAfterARefusedReauthorisationIsLogged) 
 }
 
 TEST_F(LeaseTest, AReauthorisationAnswerAfterTheCancellationOrDeletionIsDropped) {
-    storeAvailable(fromNow(-1h), etag);
-    start();
+    startExpired(etag);
     auto request = reauthorise();
     cancelPackDownload();
     // The lease is still over, so the cancelled pack is Expired again, without error.

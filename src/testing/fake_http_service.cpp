@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <fstream>
@@ -13,6 +14,10 @@
 #include "terrane/http/request_id.hpp"
 
 namespace terrane::common::test {
+
+namespace {
+constexpr std::chrono::seconds kGuardTimeout{30};
+}
 
 // Everything the fake knows, shared with the handles so that a handle never dangles. One mutex
 // guards it all; callbacks are only ever called on the delivery thread and never under the mutex,
@@ -55,7 +60,7 @@ struct FakeHttpState {
     // Waits until ready holds, giving up after the guard timeout.
     void waitLocked(std::unique_lock<std::mutex>& lock, const char* what,
                     const std::function<bool()>& ready) {
-        if (!changed.wait_for(lock, FakeHttpService::kDefaultGuardTimeout, ready)) {
+        if (!changed.wait_for(lock, kGuardTimeout, ready)) {
             throw std::runtime_error(std::string("FakeHttpService: gave up waiting for ") + what);
         }
     }
@@ -95,17 +100,6 @@ struct FakeHttpState {
         }
     }
 
-    std::uint64_t recordLocked(DownloadOptions options, bool download) {
-        const auto id = nextHttpRequestId();
-        auto& exchange = exchanges[id];
-        exchange.status.downloadId = id;
-        exchange.status.downloadOptions = std::move(options);
-        exchange.download = download;
-        unclaimed[download].push_back(id);
-        changed.notify_all();
-        return id;
-    }
-
     std::mutex mutex;
     // Signalled on every change: a call recorded, an answer queued or delivered, the closing.
     std::condition_variable changed;
@@ -123,16 +117,16 @@ struct FakeHttpState {
 };
 
 void FakeExchange::respond(std::int64_t code, std::string_view body, HttpHeaders headers) const {
-    std::lock_guard lock(state_->mutex);
-    state_->answerLocked(
-        state_->exchanges.at(id_),
-        HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())});
+    answer(HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())});
 }
 
 void FakeExchange::fail(HttpRequestErrorType type, std::string message) const {
+    answer(unexpected(HttpRequestError{type, std::move(message)}));
+}
+
+void FakeExchange::answer(HttpResult result) const {
     std::lock_guard lock(state_->mutex);
-    state_->answerLocked(state_->exchanges.at(id_),
-                         unexpected(HttpRequestError{type, std::move(message)}));
+    state_->answerLocked(state_->exchanges.at(id_), std::move(result));
 }
 
 void FakeExchange::script(const std::function<void(DownloadStatus&)>& change) const {
@@ -165,13 +159,13 @@ void FakeExchange::progress(std::uint64_t receivedBytes, optional<std::uint64_t>
 void FakeExchange::finish(std::string_view content, optional<std::int64_t> code,
                           HttpHeaders headers) const {
     script([&](DownloadStatus& status) {
-        std::ofstream out(localPath(), std::ios::binary | std::ios::trunc);
+        std::ofstream out(options_.localPath, std::ios::binary | std::ios::trunc);
         out << content;
         out.close();
         if (out.fail()) {
             status.state = DownloadState::Failed;
             status.error = DownloadError{DownloadErrorCode::FileSystemError,
-                                         localPath() + " is not writable."};
+                                         options_.localPath + " is not writable."};
             return;
         }
         if (code || !status.httpResult) {
@@ -217,27 +211,38 @@ FakeHttpService::~FakeHttpService() {
 }
 
 std::uint64_t FakeHttpService::request(HttpRequest&& request, HttpResponseCallback&& callback) {
-    std::lock_guard lock(state_->mutex);
     DownloadOptions options;
     options.request = std::move(request);
-    const auto id = state_->recordLocked(std::move(options), false);
-    auto& exchange = state_->exchanges[id];
-    exchange.onResponse = std::make_shared<HttpResponseCallback>(std::move(callback));
-    for (const auto& [prefix, response] : state_->canned) {
-        if (exchange.status.downloadOptions.request.url.starts_with(prefix)) {
-            state_->unclaimed[0].pop_back();
-            state_->answerLocked(exchange, response);
-            break;
-        }
-    }
-    return id;
+    return record(std::move(options), false, std::move(callback), nullptr);
 }
 
 std::uint64_t FakeHttpService::download(DownloadOptions&& options,
                                         DownloadStatusCallback&& callback) {
+    return record(std::move(options), true, nullptr, std::move(callback));
+}
+
+std::uint64_t FakeHttpService::record(DownloadOptions options, bool download,
+                                      HttpResponseCallback onResponse,
+                                      DownloadStatusCallback onStatus) {
     std::lock_guard lock(state_->mutex);
-    const auto id = state_->recordLocked(std::move(options), true);
-    state_->exchanges[id].onStatus = std::make_shared<DownloadStatusCallback>(std::move(callback));
+    const auto id = nextHttpRequestId();
+    auto& exchange = state_->exchanges[id];
+    exchange.status.downloadId = id;
+    exchange.status.downloadOptions = std::move(options);
+    exchange.download = download;
+    if (download) {
+        exchange.onStatus = std::make_shared<DownloadStatusCallback>(std::move(onStatus));
+    } else {
+        exchange.onResponse = std::make_shared<HttpResponseCallback>(std::move(onResponse));
+    }
+    state_->changed.notify_all();
+    for (const auto& [prefix, response] : state_->canned) {
+        if (!download && exchange.status.downloadOptions.request.url.starts_with(prefix)) {
+            state_->answerLocked(exchange, response);
+            return id;
+        }
+    }
+    state_->unclaimed[download].push_back(id);
     return id;
 }
 

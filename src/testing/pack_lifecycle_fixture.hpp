@@ -126,6 +126,12 @@ class PackLifecycleTest : public ::testing::Test {
         tree.writeFile(packFile(), content);
     }
 
+    // A pack stored by an earlier run whose lease ran out an hour ago; returns the start-up lines.
+    Lines startExpired(const std::string& etag) {
+        storeAvailable(fromNow(std::chrono::hours(-1)), etag);
+        return start();
+    }
+
     // A downloaded pack whose verification an earlier run did not finish; the download file
     // holds `downloaded`.
     void storeUnverified(const std::string& downloaded,
@@ -149,6 +155,21 @@ class PackLifecycleTest : public ::testing::Test {
         downloadInFlight().finish(content, 200, std::move(headers));
         settle();
         newLines();
+    }
+
+    // A download started and cancelled: the pack is Incomplete. The lines of the exchange are
+    // taken.
+    void downloadToIncomplete() {
+        downloadInFlight();
+        cancelPackDownload();
+        settled();
+    }
+
+    // Calls every acknowledgement of a deletion that `observer` has received so far.
+    static void acknowledgeAll(RecordingObserver& observer) {
+        for (const auto& acknowledge : observer.takeAcknowledgements()) {
+            acknowledge();
+        }
     }
 
     static util::TimePoint fromNow(std::chrono::milliseconds offset) {
