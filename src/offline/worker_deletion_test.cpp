@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,11 +35,8 @@ class CancellationAndDeletionTest : public test::PackLifecycleTest {
     }
     std::vector<fs::path> packFilesLeft() const {
         std::vector<fs::path> left;
-        for (const auto& file : packFiles()) {
-            if (fs::exists(file)) {
-                left.push_back(file);
-            }
-        }
+        std::ranges::copy_if(packFiles(), std::back_inserter(left),
+                             [](const fs::path& file) { return fs::exists(file); });
         return left;
     }
     std::string deleting() const { return line("onDeleting", packFile(), content.size()); }

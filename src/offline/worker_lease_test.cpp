@@ -143,7 +143,7 @@ TEST_F(LeaseTest, AFileThatCannotBeRemovedAfterARefusedReauthorisationIsLogged) 
                             expired("NotFound, message=gone"), "onIdle"));
 }
 
-TEST_F(LeaseTest, AReauthorisationAnswerAfterTheCancellationOrDeletionIsDropped) {
+TEST_F(LeaseTest, AReauthorisationIsCancelledLikeADownloadAndLeavesThePackExpired) {
     startExpired(etag);
     auto request = reauthorise();
     cancelPackDownload();
@@ -151,15 +151,6 @@ TEST_F(LeaseTest, AReauthorisationAnswerAfterTheCancellationOrDeletionIsDropped)
     EXPECT_THAT(settled(), ElementsAre(expired(), "onIdle"));
     EXPECT_EQ(http->nextCancellation().id(), request.id());
     EXPECT_EQ(base::io::readFile(packFile()), content);
-
-    request = reauthorise();
-    http->answerCancellationsManually();
-    deletePack();
-    EXPECT_THAT(settled(), ElementsAre(deleted()));
-    http->nextCancellation().answer(true);
-    EXPECT_THAT(settled(), ElementsAre("onIdle"));
-    EXPECT_FALSE(fs::exists(packFile()));
-    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Deleted);
 }
 
 }  // namespace
