@@ -293,7 +293,7 @@ TEST_F(PackDownloadTest, ARevisionZeroIsRefusedBeforeAnythingIsStored) {
     EXPECT_FALSE(fs::exists(tree.root() / "region-a"));
 }
 
-TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredAndItsVerificationLeftForTheNextStart) {
+TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredAndNoNewExchangeStarts) {
     start();
     downloadInFlight().finish(content, 200, {{"etag", "\"e\""}});
     http->waitUntilDelivered();
@@ -304,9 +304,8 @@ TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredAndItsVerificationLeftFor
     EXPECT_THAT(start(), ElementsAre(line("onVerifying", downloadFile(), 0), "onInitialized",
                                      available(), "onIdle"));
     EXPECT_EQ(storedHeaders().etag, "\"e\"");
-}
 
-TEST_F(PackDownloadTest, AtShutdownNoNewExchangeStarts) {
+    // No new exchange starts.
     startExpired("\"e\"");
     worker->beginShutdown();
     downloadPack();
