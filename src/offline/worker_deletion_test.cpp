@@ -140,34 +140,12 @@ TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterD
     EXPECT_THAT(packFilesLeft(), IsEmpty());
 }
 
-class AcknowledgedDeletionTest : public CancellationAndDeletionTest {
-  protected:
-    // Two observers, `recorder` and `other`, and an Available pack.
-    void SetUp() override {
-        CancellationAndDeletionTest::SetUp();
-        start({recorder, other});
-        downloadToAvailable();
-    }
-    std::shared_ptr<test::RecordingObserver> other = std::make_shared<test::RecordingObserver>();
-};
-
-TEST_F(AcknowledgedDeletionTest, TheFilesStayUntilEveryObserverHasAcknowledged) {
-    deletePack();
-    deletePack();  // already Deleting: nothing more
-    EXPECT_THAT(settled(), ElementsAre(deleting()));
-    EXPECT_EQ(other->lines().back(), deleting());
-    auto mine = recorder->takeAcknowledgements();
-    ASSERT_THAT(mine, SizeIs(1u));
-    mine[0]();
-    mine[0]();  // counts once
-    EXPECT_THAT(settled(), IsEmpty());
-    EXPECT_EQ(base::io::readFile(packFile()), content);
-    acknowledgeAll(*other);
-    EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
-    EXPECT_THAT(packFilesLeft(), IsEmpty());
-}
-
-TEST_F(AcknowledgedDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged) {
+// The last acknowledgement owed completes the deletion; one that comes after its observer left
+// changes nothing.
+TEST_F(CancellationAndDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged) {
+    auto other = std::make_shared<test::RecordingObserver>();
+    start({recorder, other});
+    downloadToAvailable();
     deletePack();
     settle();
     acknowledgeAll(*recorder);
@@ -176,19 +154,6 @@ TEST_F(AcknowledgedDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged)
     EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
     acknowledgeAll(*other);  // after it left: changes nothing
     EXPECT_THAT(settled(), IsEmpty());
-}
-
-TEST_F(AcknowledgedDeletionTest, AskingForThePackAgainUndoesTheDeletion) {
-    deletePack();
-    downloadPack();
-    EXPECT_THAT(settled(), ElementsAre(deleting(), available(), "onIdle"));
-    EXPECT_EQ(http->cancellationCount(), 0u);
-    acknowledgeAll(*recorder);
-    acknowledgeAll(*other);
-    EXPECT_THAT(settled(), IsEmpty());
-    EXPECT_EQ(base::io::readFile(packFile()), content);
-    deletePack();  // starts afresh
-    EXPECT_THAT(settled(), ElementsAre(deleting()));
 }
 
 TEST_F(CancellationAndDeletionTest,
