@@ -100,6 +100,25 @@ struct FakeHttpState {
         }
     }
 
+    // Records a call of the code under test; a request that a canned answer matches is answered
+    // at once and never handed to the test.
+    std::uint64_t record(Exchange added) {
+        std::lock_guard lock(mutex);
+        const auto id = nextHttpRequestId();
+        auto& exchange = exchanges[id] = std::move(added);
+        exchange.status.downloadId = id;
+        changed.notify_all();
+        for (const auto& [prefix, response] : canned) {
+            if (!exchange.download &&
+                exchange.status.downloadOptions.request.url.starts_with(prefix)) {
+                answerLocked(exchange, response);
+                return id;
+            }
+        }
+        unclaimed[exchange.download].push_back(id);
+        return id;
+    }
+
     std::mutex mutex;
     // Signalled on every change: a call recorded, an answer queued or delivered, the closing.
     std::condition_variable changed;
@@ -211,39 +230,19 @@ FakeHttpService::~FakeHttpService() {
 }
 
 std::uint64_t FakeHttpService::request(HttpRequest&& request, HttpResponseCallback&& callback) {
-    DownloadOptions options;
-    options.request = std::move(request);
-    return record(std::move(options), false, std::move(callback), nullptr);
+    FakeHttpState::Exchange exchange;
+    exchange.status.downloadOptions.request = std::move(request);
+    exchange.onResponse = std::make_shared<HttpResponseCallback>(std::move(callback));
+    return state_->record(std::move(exchange));
 }
 
 std::uint64_t FakeHttpService::download(DownloadOptions&& options,
                                         DownloadStatusCallback&& callback) {
-    return record(std::move(options), true, nullptr, std::move(callback));
-}
-
-std::uint64_t FakeHttpService::record(DownloadOptions options, bool download,
-                                      HttpResponseCallback onResponse,
-                                      DownloadStatusCallback onStatus) {
-    std::lock_guard lock(state_->mutex);
-    const auto id = nextHttpRequestId();
-    auto& exchange = state_->exchanges[id];
-    exchange.status.downloadId = id;
+    FakeHttpState::Exchange exchange;
     exchange.status.downloadOptions = std::move(options);
-    exchange.download = download;
-    if (download) {
-        exchange.onStatus = std::make_shared<DownloadStatusCallback>(std::move(onStatus));
-    } else {
-        exchange.onResponse = std::make_shared<HttpResponseCallback>(std::move(onResponse));
-    }
-    state_->changed.notify_all();
-    for (const auto& [prefix, response] : state_->canned) {
-        if (!download && exchange.status.downloadOptions.request.url.starts_with(prefix)) {
-            state_->answerLocked(exchange, response);
-            return id;
-        }
-    }
-    state_->unclaimed[download].push_back(id);
-    return id;
+    exchange.onStatus = std::make_shared<DownloadStatusCallback>(std::move(callback));
+    exchange.download = true;
+    return state_->record(std::move(exchange));
 }
 
 void FakeHttpService::cancelRequest(std::uint64_t id, ResultCallback&& callback) {
@@ -305,9 +304,9 @@ std::size_t FakeHttpService::cancellationCount() const {
     return state_->cancellations.size();
 }
 
-void FakeHttpService::answerCancellationsManually(bool manual) {
+void FakeHttpService::answerCancellationsManually() {
     std::lock_guard lock(state_->mutex);
-    state_->manualCancellations = manual;
+    state_->manualCancellations = true;
 }
 
 void FakeHttpService::respondToUrlsStartingWith(std::string prefix, std::int64_t code,

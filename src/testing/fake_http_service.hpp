@@ -134,7 +134,7 @@ class FakeHttpService final : public HttpServiceInterface {
     std::size_t cancellationCount() const;
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.
-    void answerCancellationsManually(bool manual = true);
+    void answerCancellationsManually();
     // Later requests whose URL starts with prefix are answered at once with this response. The
     // first matching rule wins.
     void respondToUrlsStartingWith(std::string prefix, std::int64_t code, std::string body,
@@ -143,8 +143,6 @@ class FakeHttpService final : public HttpServiceInterface {
     void clearAutomaticAnswers();
 
   private:
-    std::uint64_t record(DownloadOptions options, bool download, HttpResponseCallback onResponse,
-                         DownloadStatusCallback onStatus);
     FakeExchange next(bool download);
     std::vector<FakeExchange> recorded(bool downloads) const;
 

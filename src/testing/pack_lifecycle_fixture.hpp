@@ -151,8 +151,8 @@ class PackLifecycleTest : public ::testing::Test {
 
     // Starts a download and answers it with the whole content; the pack ends up Available.
     // The lines of the exchange are taken.
-    void downloadToAvailable(HttpHeaders headers = {}) {
-        downloadInFlight().finish(content, 200, std::move(headers));
+    void downloadToAvailable() {
+        downloadInFlight().finish(content);
         settle();
         newLines();
     }
