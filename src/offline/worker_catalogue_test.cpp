@@ -32,8 +32,8 @@ TEST_F(CatalogueTest, AsksForTheUsersListingAndHandsOverTheSafeRegions) {
     start();
     const auto regions = listAndAnswer([&](const test::FakeRequest& request) {
         EXPECT_EQ(request.url(), baseURL + "/offline-data/v1/alice/regions?access_token=tk");
-        EXPECT_EQ(request.method(), HttpMethod::Get);
-        EXPECT_THAT(request.headers(), IsEmpty());
+        EXPECT_EQ(request.request().method, HttpMethod::Get);
+        EXPECT_THAT(request.request().headers, IsEmpty());
         request.respond(200, R"({"../x": {"revision": 1, "configuration": {}},
             "\u001b[2J": {"revision": 1, "configuration": {}},
             "region-a": {"revision": 3, "configuration": {}, "packs": [{"domain": "maps",

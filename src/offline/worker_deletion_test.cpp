@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,17 +35,9 @@ class CancellationAndDeletionTest : public test::PackLifecycleTest {
     }
     std::vector<fs::path> packFilesLeft() const {
         std::vector<fs::path> left;
-        for (const auto& file : packFiles()) {
-            if (fs::exists(file)) {
-                left.push_back(file);
-            }
-        }
+        std::ranges::copy_if(packFiles(), std::back_inserter(left),
+                             [](const fs::path& file) { return fs::exists(file); });
         return left;
-    }
-    static void acknowledgeAll(test::RecordingObserver& observer) {
-        for (const auto& acknowledge : observer.takeAcknowledgements()) {
-            acknowledge();
-        }
     }
     std::string deleting() const { return line("onDeleting", packFile(), content.size()); }
     const std::string notDownloading =
@@ -103,10 +97,7 @@ TEST_F(CancellationAndDeletionTest,
 }
 
 TEST_F(CancellationAndDeletionTest, APackNobodyCanBeReadingIsDeletedAtOnceWithEverythingBesideIt) {
-    const std::function<void()> incomplete = [&] {
-        downloadInFlight();
-        cancelPackDownload();
-    };
+    const std::function<void()> incomplete = [&] { downloadToIncomplete(); };
     const std::function<void()> errored = [&] { downloadInFlight().finish("not the pack"); };
     for (const auto& prepare : {incomplete, errored}) {
         start();
@@ -124,9 +115,7 @@ TEST_F(CancellationAndDeletionTest, APackNobodyCanBeReadingIsDeletedAtOnceWithEv
 
 TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterDeleteRetries) {
     start();
-    downloadInFlight();
-    cancelPackDownload();
-    settled();
+    downloadToIncomplete();
     writePackFiles();
     fs::remove(headerFile());
     tree.writeFile(headerFile() / "inside", "x");
@@ -151,34 +140,12 @@ TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterD
     EXPECT_THAT(packFilesLeft(), IsEmpty());
 }
 
-class AcknowledgedDeletionTest : public CancellationAndDeletionTest {
-  protected:
-    // Two observers, `recorder` and `other`, and an Available pack.
-    void SetUp() override {
-        CancellationAndDeletionTest::SetUp();
-        start({recorder, other});
-        downloadToAvailable();
-    }
-    std::shared_ptr<test::RecordingObserver> other = std::make_shared<test::RecordingObserver>();
-};
-
-TEST_F(AcknowledgedDeletionTest, TheFilesStayUntilEveryObserverHasAcknowledged) {
-    deletePack();
-    deletePack();  // already Deleting: nothing more
-    EXPECT_THAT(settled(), ElementsAre(deleting()));
-    EXPECT_EQ(other->lines().back(), deleting());
-    auto mine = recorder->takeAcknowledgements();
-    ASSERT_THAT(mine, SizeIs(1u));
-    mine[0]();
-    mine[0]();  // counts once
-    EXPECT_THAT(settled(), IsEmpty());
-    EXPECT_EQ(base::io::readFile(packFile()), content);
-    acknowledgeAll(*other);
-    EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
-    EXPECT_THAT(packFilesLeft(), IsEmpty());
-}
-
-TEST_F(AcknowledgedDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged) {
+// The last acknowledgement owed completes the deletion; one that comes after its observer left
+// changes nothing.
+TEST_F(CancellationAndDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged) {
+    auto other = std::make_shared<test::RecordingObserver>();
+    start({recorder, other});
+    downloadToAvailable();
     deletePack();
     settle();
     acknowledgeAll(*recorder);
@@ -187,20 +154,6 @@ TEST_F(AcknowledgedDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged)
     EXPECT_THAT(settled(), ElementsAre(deleted(), "onIdle"));
     acknowledgeAll(*other);  // after it left: changes nothing
     EXPECT_THAT(settled(), IsEmpty());
-}
-
-TEST_F(AcknowledgedDeletionTest, AskingForThePackAgainUndoesTheDeletion) {
-    cancelPackDownload();  // Available: nothing to cancel
-    deletePack();
-    downloadPack();
-    EXPECT_THAT(settled(), ElementsAre(notDownloading, deleting(), available(), "onIdle"));
-    EXPECT_EQ(http->cancellationCount(), 0u);
-    acknowledgeAll(*recorder);
-    acknowledgeAll(*other);
-    EXPECT_THAT(settled(), IsEmpty());
-    EXPECT_EQ(base::io::readFile(packFile()), content);
-    deletePack();  // starts afresh
-    EXPECT_THAT(settled(), ElementsAre(deleting()));
 }
 
 TEST_F(CancellationAndDeletionTest,

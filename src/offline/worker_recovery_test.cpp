@@ -217,7 +217,6 @@ TEST_F(RecoveryTest, ALateObserverIsToldTheStoredPacksInRegionOrderThenInitializ
            {"a/9/maps/1.json", record(4096, true, true)}});
     start(OfflineServiceObservers{});
     (*worker)->addObserver(recorder);
-    (*worker)->addObserver(recorder);  // already attached: told nothing more
     // Revision 9 sorts before 10 as a number, though not as a name.
     EXPECT_THAT(newLines(),
                 ElementsAre(said("onAvailable", "a", "9", 4096),

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <fstream>
@@ -13,6 +14,10 @@
 #include "terrane/http/request_id.hpp"
 
 namespace terrane::common::test {
+
+namespace {
+constexpr std::chrono::seconds kGuardTimeout{30};
+}
 
 // Everything the fake knows, shared with the handles so that a handle never dangles. One mutex
 // guards it all; callbacks are only ever called on the delivery thread and never under the mutex,
@@ -55,7 +60,7 @@ struct FakeHttpState {
     // Waits until ready holds, giving up after the guard timeout.
     void waitLocked(std::unique_lock<std::mutex>& lock, const char* what,
                     const std::function<bool()>& ready) {
-        if (!changed.wait_for(lock, FakeHttpService::kDefaultGuardTimeout, ready)) {
+        if (!changed.wait_for(lock, kGuardTimeout, ready)) {
             throw std::runtime_error(std::string("FakeHttpService: gave up waiting for ") + what);
         }
     }
@@ -95,14 +100,22 @@ struct FakeHttpState {
         }
     }
 
-    std::uint64_t recordLocked(DownloadOptions options, bool download) {
+    // Records a call of the code under test; a request that a canned answer matches is answered
+    // at once and never handed to the test.
+    std::uint64_t record(Exchange added) {
+        std::lock_guard lock(mutex);
         const auto id = nextHttpRequestId();
-        auto& exchange = exchanges[id];
+        auto& exchange = exchanges[id] = std::move(added);
         exchange.status.downloadId = id;
-        exchange.status.downloadOptions = std::move(options);
-        exchange.download = download;
-        unclaimed[download].push_back(id);
         changed.notify_all();
+        for (const auto& [prefix, response] : canned) {
+            if (!exchange.download &&
+                exchange.status.downloadOptions.request.url.starts_with(prefix)) {
+                answerLocked(exchange, response);
+                return id;
+            }
+        }
+        unclaimed[exchange.download].push_back(id);
         return id;
     }
 
@@ -123,16 +136,16 @@ struct FakeHttpState {
 };
 
 void FakeExchange::respond(std::int64_t code, std::string_view body, HttpHeaders headers) const {
-    std::lock_guard lock(state_->mutex);
-    state_->answerLocked(
-        state_->exchanges.at(id_),
-        HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())});
+    answer(HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())});
 }
 
 void FakeExchange::fail(HttpRequestErrorType type, std::string message) const {
+    answer(unexpected(HttpRequestError{type, std::move(message)}));
+}
+
+void FakeExchange::answer(HttpResult result) const {
     std::lock_guard lock(state_->mutex);
-    state_->answerLocked(state_->exchanges.at(id_),
-                         unexpected(HttpRequestError{type, std::move(message)}));
+    state_->answerLocked(state_->exchanges.at(id_), std::move(result));
 }
 
 void FakeExchange::script(const std::function<void(DownloadStatus&)>& change) const {
@@ -165,13 +178,13 @@ void FakeExchange::progress(std::uint64_t receivedBytes, optional<std::uint64_t>
 void FakeExchange::finish(std::string_view content, optional<std::int64_t> code,
                           HttpHeaders headers) const {
     script([&](DownloadStatus& status) {
-        std::ofstream out(localPath(), std::ios::binary | std::ios::trunc);
+        std::ofstream out(options_.localPath, std::ios::binary | std::ios::trunc);
         out << content;
         out.close();
         if (out.fail()) {
             status.state = DownloadState::Failed;
             status.error = DownloadError{DownloadErrorCode::FileSystemError,
-                                         localPath() + " is not writable."};
+                                         options_.localPath + " is not writable."};
             return;
         }
         if (code || !status.httpResult) {
@@ -217,28 +230,19 @@ FakeHttpService::~FakeHttpService() {
 }
 
 std::uint64_t FakeHttpService::request(HttpRequest&& request, HttpResponseCallback&& callback) {
-    std::lock_guard lock(state_->mutex);
-    DownloadOptions options;
-    options.request = std::move(request);
-    const auto id = state_->recordLocked(std::move(options), false);
-    auto& exchange = state_->exchanges[id];
+    FakeHttpState::Exchange exchange;
+    exchange.status.downloadOptions.request = std::move(request);
     exchange.onResponse = std::make_shared<HttpResponseCallback>(std::move(callback));
-    for (const auto& [prefix, response] : state_->canned) {
-        if (exchange.status.downloadOptions.request.url.starts_with(prefix)) {
-            state_->unclaimed[0].pop_back();
-            state_->answerLocked(exchange, response);
-            break;
-        }
-    }
-    return id;
+    return state_->record(std::move(exchange));
 }
 
 std::uint64_t FakeHttpService::download(DownloadOptions&& options,
                                         DownloadStatusCallback&& callback) {
-    std::lock_guard lock(state_->mutex);
-    const auto id = state_->recordLocked(std::move(options), true);
-    state_->exchanges[id].onStatus = std::make_shared<DownloadStatusCallback>(std::move(callback));
-    return id;
+    FakeHttpState::Exchange exchange;
+    exchange.status.downloadOptions = std::move(options);
+    exchange.onStatus = std::make_shared<DownloadStatusCallback>(std::move(callback));
+    exchange.download = true;
+    return state_->record(std::move(exchange));
 }
 
 void FakeHttpService::cancelRequest(std::uint64_t id, ResultCallback&& callback) {
@@ -300,9 +304,9 @@ std::size_t FakeHttpService::cancellationCount() const {
     return state_->cancellations.size();
 }
 
-void FakeHttpService::answerCancellationsManually(bool manual) {
+void FakeHttpService::answerCancellationsManually() {
     std::lock_guard lock(state_->mutex);
-    state_->manualCancellations = manual;
+    state_->manualCancellations = true;
 }
 
 void FakeHttpService::respondToUrlsStartingWith(std::string prefix, std::int64_t code,

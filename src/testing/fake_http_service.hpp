@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -29,9 +28,7 @@ class FakeExchange {
   public:
     std::uint64_t id() const { return id_; }
     const HttpRequest& request() const { return options_.request; }
-    HttpMethod method() const { return request().method; }
     const std::string& url() const { return request().url; }
-    const HttpHeaders& headers() const { return request().headers; }
 
     // A request. Answers with an HTTP response; 4xx and 5xx statuses are responses too.
     void respond(std::int64_t code, std::string_view body = {}, HttpHeaders headers = {}) const;
@@ -41,7 +38,6 @@ class FakeExchange {
     // A download. The fake keeps one status record per download, as a real service does: every
     // call below updates it and delivers a copy. Nothing is delivered on its own.
     const DownloadOptions& options() const { return options_; }
-    const std::string& localPath() const { return options_.localPath; }
     bool resume() const { return options_.resume; }
     // Downloading with this many bytes received (and the expected size, once known).
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
@@ -60,6 +56,7 @@ class FakeExchange {
     friend class FakeHttpService;
     FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options)
         : state_(std::move(state)), id_(id), options_(std::move(options)) {}
+    void answer(HttpResult result) const;
     // Applies change to the download's record and delivers a copy, unless it was cancelled.
     void script(const std::function<void(DownloadStatus&)>& change) const;
 
@@ -111,8 +108,6 @@ class FakeCancellation {
 // must not be destroyed by one of its own callbacks.
 class FakeHttpService final : public HttpServiceInterface {
   public:
-    static constexpr std::chrono::milliseconds kDefaultGuardTimeout{30'000};
-
     FakeHttpService();
     ~FakeHttpService() override;
     FakeHttpService(const FakeHttpService&) = delete;
@@ -139,7 +134,7 @@ class FakeHttpService final : public HttpServiceInterface {
     std::size_t cancellationCount() const;
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.
-    void answerCancellationsManually(bool manual = true);
+    void answerCancellationsManually();
     // Later requests whose URL starts with prefix are answered at once with this response. The
     // first matching rule wins.
     void respondToUrlsStartingWith(std::string prefix, std::int64_t code, std::string body,

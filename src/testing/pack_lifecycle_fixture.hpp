@@ -126,6 +126,12 @@ class PackLifecycleTest : public ::testing::Test {
         tree.writeFile(packFile(), content);
     }
 
+    // A pack stored by an earlier run whose lease ran out an hour ago; returns the start-up lines.
+    Lines startExpired(const std::string& etag) {
+        storeAvailable(fromNow(std::chrono::hours(-1)), etag);
+        return start();
+    }
+
     // A downloaded pack whose verification an earlier run did not finish; the download file
     // holds `downloaded`.
     void storeUnverified(const std::string& downloaded,
@@ -145,10 +151,25 @@ class PackLifecycleTest : public ::testing::Test {
 
     // Starts a download and answers it with the whole content; the pack ends up Available.
     // The lines of the exchange are taken.
-    void downloadToAvailable(HttpHeaders headers = {}) {
-        downloadInFlight().finish(content, 200, std::move(headers));
+    void downloadToAvailable() {
+        downloadInFlight().finish(content);
         settle();
         newLines();
+    }
+
+    // A download started and cancelled: the pack is Incomplete. The lines of the exchange are
+    // taken.
+    void downloadToIncomplete() {
+        downloadInFlight();
+        cancelPackDownload();
+        settled();
+    }
+
+    // Calls every acknowledgement of a deletion that `observer` has received so far.
+    static void acknowledgeAll(RecordingObserver& observer) {
+        for (const auto& acknowledge : observer.takeAcknowledgements()) {
+            acknowledge();
+        }
     }
 
     static util::TimePoint fromNow(std::chrono::milliseconds offset) {

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <dirent.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace terrane::common::test {
@@ -36,12 +35,9 @@ class ClosedDirectory {
 
     // Whether the directory really is closed to this thread.
     bool refuses() const {
-        DIR* opened = ::opendir(directory.c_str());
-        if (opened == nullptr) {
-            return errno == EACCES;
-        }
-        ::closedir(opened);
-        return false;
+        std::error_code error;
+        std::filesystem::directory_iterator(directory, error);
+        return error == std::errc::permission_denied;
     }
 
   private:
