@@ -108,9 +108,9 @@ struct FakeHttpState {
         auto& exchange = exchanges[id] = std::move(added);
         exchange.status.downloadId = id;
         changed.notify_all();
+        const auto& url = exchange.status.downloadOptions.request.url;
         for (const auto& [prefix, response] : canned) {
-            if (!exchange.download &&
-                exchange.status.downloadOptions.request.url.starts_with(prefix)) {
+            if (!exchange.download && url.starts_with(prefix)) {
                 answerLocked(exchange, response);
                 return id;
             }

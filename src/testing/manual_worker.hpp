@@ -45,17 +45,8 @@ class ManualWorker {
     // left (idle checks too). Returns how many ran.
     std::size_t runPending() {
         std::size_t total = 0;
-        for (std::size_t ran = 1; ran > 0; total += ran) {
-            // A marker at the lowest priority ends the round: what a task queues at that priority
-            // meanwhile comes after it and waits for the next round.
-            auto marker = std::make_unique<Marker>();
-            const Task* mine = marker.get();
-            queue->put(std::move(marker));
-            ran = 0;
-            for (auto task = queue->get(); task.get() != mine; task = queue->get()) {
-                (*task)();
-                ran += dynamic_cast<Marker*>(task.get()) == nullptr;  // runOne's leftovers
-            }
+        while (const std::size_t ran = runRound()) {
+            total += ran;
         }
         return total;
     }
@@ -73,6 +64,21 @@ class ManualWorker {
     void beginShutdown() { queue->stop(); }
 
   private:
+    // Runs tasks until a marker put in at the lowest priority comes back: what a task queues at
+    // that priority meanwhile comes after it and waits for the next round. Returns how many ran,
+    // markers that runOne() left behind not counted.
+    std::size_t runRound() {
+        auto marker = std::make_unique<Marker>();
+        const Task* mine = marker.get();
+        queue->put(std::move(marker));
+        std::size_t ran = 0;
+        for (auto task = queue->get(); task.get() != mine; task = queue->get()) {
+            (*task)();
+            ran += dynamic_cast<Marker*>(task.get()) == nullptr;
+        }
+        return ran;
+    }
+
     struct Marker final : Task {
         Marker() : Task(TaskPriority::Idle) {}
         void operator()() override {}

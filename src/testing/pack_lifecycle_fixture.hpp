@@ -153,8 +153,7 @@ class PackLifecycleTest : public ::testing::Test {
     // The lines of the exchange are taken.
     void downloadToAvailable() {
         downloadInFlight().finish(content);
-        settle();
-        newLines();
+        settled();
     }
 
     // A download started and cancelled: the pack is Incomplete. The lines of the exchange are
