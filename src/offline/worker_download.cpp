@@ -192,6 +192,7 @@ void OfflineServiceWorker::downloadPackInternal(Context& context) {
     DownloadOptions options(std::move(request), paths.downloadFile.string(), resume);
     // A server that sends more than the catalogue promised is stopped there, not stored.
     options.maxBytes = context.pack.bytes;
+    options.recordDigest = true;  // verification asks md5File right after
     holder.downloadId =
         http->download(std::move(options), [proxy = proxy, key](DownloadStatus&& status) {
             proxy.post(TaskPriority::Normal, &OfflineServiceWorker::updatePackDownloadProgress, key,

@@ -42,6 +42,7 @@ TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailable
     EXPECT_EQ(transfer.options().localPath, downloadFile().string());
     EXPECT_TRUE(transfer.resume());
     EXPECT_EQ(transfer.options().maxBytes, content.size());
+    EXPECT_TRUE(transfer.options().recordDigest);
 
     transfer.report(DownloadState::Pending);  // already told
     transfer.progress(0);

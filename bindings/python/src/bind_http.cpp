@@ -171,7 +171,8 @@ void bindHttp(py::module_& module) {
         .field("request", &DownloadOptions::request)
         .field("local_path", &DownloadOptions::localPath)
         .field("resume", &DownloadOptions::resume)
-        .field("max_bytes", &DownloadOptions::maxBytes);
+        .field("max_bytes", &DownloadOptions::maxBytes)
+        .field("record_digest", &DownloadOptions::recordDigest);
     RecordBinder<DownloadStatus>(module, "DownloadStatus", "The state of one download.")
         .field("download_id", &DownloadStatus::downloadId)
         .field("state", &DownloadStatus::state)

@@ -37,6 +37,7 @@ class DownloadOptions:
     __hash__: ClassVar[None]  # type: ignore[assignment]
     local_path: str
     max_bytes: Optional[int]
+    record_digest: bool
     request: HttpRequest
     resume: bool
     def __copy__(self) -> DownloadOptions: ...

@@ -52,6 +52,10 @@ struct DownloadOptions {
     // soon as the body would grow beyond it, or the response head announces more, and fails with
     // SizeExceeded; empty: no limit.
     optional<std::uint64_t> maxBytes;
+    // Take the MD5 of the bytes as they land and keep it for the finished file, so that
+    // util::md5File answers for it without reading it again. It costs about a core's worth of
+    // hashing while the transfer runs, so ask for it only when the file will be verified.
+    bool recordDigest = false;
 
     DownloadOptions() = default;
 

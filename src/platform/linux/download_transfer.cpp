@@ -331,7 +331,9 @@ bool DownloadTransfer::openPartialFile(bool truncate) {
         fileError_ = systemErrorText(errno);
         return false;
     }
-    digest_ = FileDigestFollower::start(partial_.get(), static_cast<std::uint64_t>(end));
+    if (status_.downloadOptions.recordDigest) {
+        digest_ = FileDigestFollower::start(partial_.get(), static_cast<std::uint64_t>(end));
+    }
     return true;
 }
 

@@ -27,16 +27,16 @@ namespace terrane::common {
 // Failed. Nothing after the final report or after a cancellation.
 //
 // Files: the bytes go to "<localPath>.part" (mode 0600), which on success is flushed and renamed
-// over localPath. Their MD5 digest is taken as they arrive (a resumed file's earlier bytes
-// included) and recorded in the process's digest cache for the file as renamed, so that
-// util::md5File answers for it without reading it while nothing changes it. An answer outside 2xx
-// still ends Finished but leaves the destination alone; its body (at most kMaxErrorBody bytes) is
-// the data of httpResult. Resume data ("<localPath>.rd") is written as soon as the head of a
-// resumable answer (2xx with a strong ETag or a Last-Modified date, body not content-encoded)
-// arrives, and refreshed with the byte count when the download is cancelled, fails in transport or
-// on a full disk, or is abandoned, so that a download cut off even by a crash can resume. A partial
-// file that cannot be resumed is removed when the download ends. The request goes out with
-// "Accept-Encoding: identity", whatever the caller's headers say.
+// over localPath. When the options ask for it, their MD5 digest is taken as they arrive (a resumed
+// file's earlier bytes included) and recorded in the process's digest cache for the file as
+// renamed, so that util::md5File answers for it without reading it while nothing changes it. An
+// answer outside 2xx still ends Finished but leaves the destination alone; its body (at most
+// kMaxErrorBody bytes) is the data of httpResult. Resume data ("<localPath>.rd") is written as soon
+// as the head of a resumable answer (2xx with a strong ETag or a Last-Modified date, body not
+// content-encoded) arrives, and refreshed with the byte count when the download is cancelled, fails
+// in transport or on a full disk, or is abandoned, so that a download cut off even by a crash can
+// resume. A partial file that cannot be resumed is removed when the download ends. The request goes
+// out with "Accept-Encoding: identity", whatever the caller's headers say.
 //
 // Size: with options.maxBytes, a download ends with SizeExceeded as soon as the bytes it holds
 // (a resumed offset included) would exceed it, or the response head announces more; its partial
