@@ -20,9 +20,9 @@ TERRANE_EXPORT std::string md5String(const std::string& data);
 // text (the failed operation, the path in quotes and the system's error message, as in
 // `open "/x/y": No such file or directory`) instead of a digest, so a bad path never blocks the
 // caller. A file that is still being written is read up to the end it has at that moment.
-// A file that this process's HTTP service downloaded, and that nobody has changed in any way
-// since (same inode, size, modification and change times), is not read again: its digest was
-// taken as the bytes arrived.
+// A file that this process's HTTP service downloaded with DownloadOptions::recordDigest, and
+// that nobody has changed in any way since (same inode, size, modification and change times), is
+// not read again: its digest was taken as the bytes arrived.
 TERRANE_EXPORT expected<std::string, std::string> md5File(const std::string& path);
 
 }  // namespace terrane::common::util
