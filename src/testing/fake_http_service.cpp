@@ -15,117 +15,44 @@
 
 namespace terrane::common::test {
 
-namespace {
-constexpr std::chrono::seconds kGuardTimeout{30};
-}
-
 // Everything the fake knows, shared with the handles so that a handle never dangles. One mutex
-// guards it all; callbacks are only ever called on the delivery thread and never under the mutex,
-// so they may call back into the fake.
+// guards it all; callbacks are taken out under it and called after it is released, so they may
+// call back into the fake.
 struct FakeHttpState {
     struct Exchange {
         // A plain request keeps its request in status.downloadOptions.
         DownloadStatus status;
         // Set until the request is answered, or until the download is over or cancelled.
-        std::shared_ptr<HttpResponseCallback> onResponse;
-        std::shared_ptr<DownloadStatusCallback> onStatus;
+        HttpResponseCallback onResponse;
+        DownloadStatusCallback onStatus;
         bool download = false;
         bool cancelled = false;
     };
     struct Cancellation {
         std::uint64_t id = 0;
-        std::shared_ptr<ResultCallback> callback;  // set until answered
+        ResultCallback callback;  // set until answered
     };
 
-    void runDeliveries() {
-        std::unique_lock lock(mutex);
-        for (;;) {
-            changed.wait(lock, [this] { return closing || !deliveries.empty(); });
-            if (deliveries.empty()) {
-                return;
-            }
-            auto delivery = std::move(deliveries.front());
-            deliveries.pop_front();
-            delivering = true;
-            lock.unlock();
-            delivery();
-            // The closure may hold the last reference to the callback; let it go unlocked.
-            delivery = nullptr;
-            lock.lock();
-            delivering = false;
-            changed.notify_all();
-        }
-    }
-
-    // Waits until ready holds, giving up after the guard timeout.
-    void waitLocked(std::unique_lock<std::mutex>& lock, const char* what,
-                    const std::function<bool()>& ready) {
-        if (!changed.wait_for(lock, kGuardTimeout, ready)) {
+    // Waits until ready holds, giving up after a guard timeout.
+    void wait(std::unique_lock<std::mutex>& lock, const char* what,
+              const std::function<bool()>& ready) {
+        if (!changed.wait_for(lock, std::chrono::seconds(30), ready)) {
             throw std::runtime_error(std::string("FakeHttpService: gave up waiting for ") + what);
         }
     }
 
-    void enqueueLocked(std::function<void()> delivery) {
-        deliveries.push_back(std::move(delivery));
-        changed.notify_all();
-    }
-
-    void answerLocked(Exchange& exchange, HttpResult result) {
-        if (!exchange.onResponse) {
-            ADD_FAILURE() << "FakeHttpService: request " << exchange.status.downloadId
-                          << " was already answered";
-            return;
-        }
-        enqueueLocked([callback = std::move(exchange.onResponse),
-                       response = HttpResponse{exchange.status.downloadOptions.request,
-                                               std::move(result)}]() mutable {
-            (*callback)(std::move(response));
-        });
-    }
-
-    void answerCancellationLocked(std::size_t index, bool answer) {
-        auto& cancellation = cancellations.at(index);
-        if (!cancellation.callback) {
-            ADD_FAILURE() << "FakeHttpService: the cancellation of " << cancellation.id
-                          << " was already answered";
-            return;
-        }
-        enqueueLocked(
-            [callback = std::move(cancellation.callback), answer] { (*callback)(answer); });
-        // As on a real service, the cancelled request learns of it after the canceller.
-        if (auto found = exchanges.find(cancellation.id);
-            answer && found != exchanges.end() && found->second.onResponse) {
-            answerLocked(found->second, unexpected(HttpRequestError{
-                                            HttpRequestErrorType::RequestCancelled, "cancelled"}));
-        }
-    }
-
-    // Records a call of the code under test; a request that a canned answer matches is answered
-    // at once and never handed to the test.
-    std::uint64_t record(Exchange added) {
-        std::lock_guard lock(mutex);
-        const auto id = nextHttpRequestId();
-        auto& exchange = exchanges[id] = std::move(added);
-        exchange.status.downloadId = id;
-        changed.notify_all();
-        const auto& url = exchange.status.downloadOptions.request.url;
-        for (const auto& [prefix, response] : canned) {
-            if (!exchange.download && url.starts_with(prefix)) {
-                answerLocked(exchange, response);
-                return id;
-            }
-        }
-        unclaimed[exchange.download].push_back(id);
-        return id;
+    void answer(std::uint64_t id, HttpResult result) {
+        std::unique_lock lock(mutex);
+        auto& exchange = exchanges.at(id);
+        auto callback = std::exchange(exchange.onResponse, nullptr);
+        auto request = exchange.status.downloadOptions.request;
+        lock.unlock();
+        ASSERT_TRUE(callback) << "FakeHttpService: request " << id << " was already answered";
+        callback(HttpResponse{std::move(request), std::move(result)});
     }
 
     std::mutex mutex;
-    // Signalled on every change: a call recorded, an answer queued or delivered, the closing.
-    std::condition_variable changed;
-    std::deque<std::function<void()>> deliveries;
-    bool delivering = false;
-    bool closing = false;
-
+    std::condition_variable changed;  // signalled whenever a call is recorded
     std::map<std::uint64_t, Exchange> exchanges;
     // The ids of requests [0] and downloads [1] not yet returned by nextRequest/nextDownload.
     std::deque<std::uint64_t> unclaimed[2];
@@ -136,35 +63,28 @@ struct FakeHttpState {
 };
 
 void FakeExchange::respond(std::int64_t code, std::string_view body, HttpHeaders headers) const {
-    answer(HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())});
+    state_->answer(id_,
+                   HttpResponseData{std::move(headers), code, HttpBody(body.begin(), body.end())});
 }
 
 void FakeExchange::fail(HttpRequestErrorType type, std::string message) const {
-    answer(unexpected(HttpRequestError{type, std::move(message)}));
-}
-
-void FakeExchange::answer(HttpResult result) const {
-    std::lock_guard lock(state_->mutex);
-    state_->answerLocked(state_->exchanges.at(id_), std::move(result));
+    state_->answer(id_, unexpected(HttpRequestError{type, std::move(message)}));
 }
 
 void FakeExchange::script(const std::function<void(DownloadStatus&)>& change) const {
-    std::lock_guard lock(state_->mutex);
+    std::unique_lock lock(state_->mutex);
     auto& exchange = state_->exchanges.at(id_);
     if (exchange.cancelled) {
         return;
     }
-    if (!exchange.onStatus) {
-        ADD_FAILURE() << "FakeHttpService: download " << id_ << " of " << url()
-                      << " was scripted after its final state";
-        return;
-    }
+    ASSERT_TRUE(exchange.onStatus) << "FakeHttpService: download " << id_ << " of " << url()
+                                   << " was scripted after its final state";
     change(exchange.status);
+    auto status = exchange.status;
     auto callback =
-        isFinal(exchange.status.state) ? std::move(exchange.onStatus) : exchange.onStatus;
-    state_->enqueueLocked([callback = std::move(callback), status = exchange.status]() mutable {
-        (*callback)(std::move(status));
-    });
+        isFinal(status.state) ? std::exchange(exchange.onStatus, nullptr) : exchange.onStatus;
+    lock.unlock();
+    callback(std::move(status));
 }
 
 void FakeExchange::progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes) const {
@@ -211,63 +131,88 @@ void FakeExchange::report(DownloadState state, optional<HttpResult> result) cons
 }
 
 void FakeCancellation::answer(bool answer) const {
-    std::lock_guard lock(state_->mutex);
-    state_->answerCancellationLocked(index_, answer);
-}
-
-FakeHttpService::FakeHttpService()
-    : state_(std::make_shared<FakeHttpState>()),
-      delivery_([state = state_.get()] { state->runDeliveries(); }) {
-}
-
-FakeHttpService::~FakeHttpService() {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->closing = true;
+    std::unique_lock lock(state_->mutex);
+    auto callback = std::exchange(state_->cancellations.at(index_).callback, nullptr);
+    ASSERT_TRUE(callback) << "FakeHttpService: the cancellation of " << id_
+                          << " was already answered";
+    HttpResponseCallback cancelled;
+    HttpRequest request;
+    if (auto found = state_->exchanges.find(id_); answer && found != state_->exchanges.end()) {
+        cancelled = std::exchange(found->second.onResponse, nullptr);
+        request = found->second.status.downloadOptions.request;
     }
+    lock.unlock();
+    callback(answer);
+    // As on a real service, the cancelled request learns of it after the canceller.
+    if (cancelled) {
+        cancelled(HttpResponse{
+            std::move(request),
+            unexpected(HttpRequestError{HttpRequestErrorType::RequestCancelled, "cancelled"})});
+    }
+}
+
+FakeHttpService::FakeHttpService() : state_(std::make_shared<FakeHttpState>()) {
+}
+
+// Records a call of the code under test; a request that a canned answer matches is answered at
+// once and never handed to the test.
+std::uint64_t FakeHttpService::record(DownloadOptions options, HttpResponseCallback onResponse,
+                                      DownloadStatusCallback onStatus) {
+    std::unique_lock lock(state_->mutex);
+    const auto id = nextHttpRequestId();
+    auto& exchange = state_->exchanges[id];
+    exchange.status.downloadId = id;
+    exchange.status.downloadOptions = std::move(options);
+    exchange.onResponse = std::move(onResponse);
+    exchange.onStatus = std::move(onStatus);
     state_->changed.notify_all();
-    delivery_.join();
+    const auto& url = exchange.status.downloadOptions.request.url;
+    exchange.download = exchange.onStatus != nullptr;
+    for (const auto& [prefix, response] : state_->canned) {
+        if (!exchange.download && url.starts_with(prefix)) {
+            HttpResult answer = response;
+            lock.unlock();
+            state_->answer(id, std::move(answer));
+            return id;
+        }
+    }
+    state_->unclaimed[exchange.download].push_back(id);
+    return id;
 }
 
 std::uint64_t FakeHttpService::request(HttpRequest&& request, HttpResponseCallback&& callback) {
-    FakeHttpState::Exchange exchange;
-    exchange.status.downloadOptions.request = std::move(request);
-    exchange.onResponse = std::make_shared<HttpResponseCallback>(std::move(callback));
-    return state_->record(std::move(exchange));
+    return record(DownloadOptions(std::move(request), ""), std::move(callback), nullptr);
 }
 
 std::uint64_t FakeHttpService::download(DownloadOptions&& options,
                                         DownloadStatusCallback&& callback) {
-    FakeHttpState::Exchange exchange;
-    exchange.status.downloadOptions = std::move(options);
-    exchange.onStatus = std::make_shared<DownloadStatusCallback>(std::move(callback));
-    exchange.download = true;
-    return state_->record(std::move(exchange));
+    return record(std::move(options), nullptr, std::move(callback));
 }
 
 void FakeHttpService::cancelRequest(std::uint64_t id, ResultCallback&& callback) {
-    // Declared before the lock so that a dropped download callback dies unlocked.
-    std::shared_ptr<DownloadStatusCallback> stopped;
-    std::lock_guard lock(state_->mutex);
+    DownloadStatusCallback stopped;  // declared before the lock, so that it dies unlocked
+    std::unique_lock lock(state_->mutex);
     bool live = false;
     if (auto found = state_->exchanges.find(id); found != state_->exchanges.end()) {
         auto& exchange = found->second;
         live = exchange.onResponse || exchange.onStatus;
         // A cancelled download never reports again, whatever the answer says.
         exchange.cancelled = exchange.cancelled || exchange.onStatus != nullptr;
-        stopped = std::move(exchange.onStatus);
+        stopped = std::exchange(exchange.onStatus, nullptr);
     }
-    state_->cancellations.push_back({id, std::make_shared<ResultCallback>(std::move(callback))});
+    state_->cancellations.push_back({id, std::move(callback)});
     state_->changed.notify_all();
+    const FakeCancellation cancellation(state_, state_->cancellations.size() - 1, id);
     if (!state_->manualCancellations) {
-        state_->answerCancellationLocked(state_->cancellations.size() - 1, live);
+        lock.unlock();
+        cancellation.answer(live);
     }
 }
 
 FakeExchange FakeHttpService::next(bool download) {
     std::unique_lock lock(state_->mutex);
     auto& queue = state_->unclaimed[download];
-    state_->waitLocked(lock, download ? "a download" : "a request", [&] { return !queue.empty(); });
+    state_->wait(lock, download ? "a download" : "a request", [&] { return !queue.empty(); });
     const auto id = queue.front();
     queue.pop_front();
     return FakeExchange(state_, id, state_->exchanges.at(id).status.downloadOptions);
@@ -275,17 +220,10 @@ FakeExchange FakeHttpService::next(bool download) {
 
 FakeCancellation FakeHttpService::nextCancellation() {
     std::unique_lock lock(state_->mutex);
-    auto& cancellations = state_->cancellations;
     auto& claimed = state_->claimedCancellations;
-    state_->waitLocked(lock, "a cancellation", [&] { return claimed < cancellations.size(); });
+    state_->wait(lock, "a cancellation", [&] { return claimed < state_->cancellations.size(); });
     const std::size_t index = claimed++;
-    return FakeCancellation(state_, index, cancellations[index].id);
-}
-
-void FakeHttpService::waitUntilDelivered() {
-    std::unique_lock lock(state_->mutex);
-    state_->waitLocked(lock, "the answers to be delivered",
-                       [&] { return state_->deliveries.empty() && !state_->delivering; });
+    return FakeCancellation(state_, index, state_->cancellations[index].id);
 }
 
 std::vector<FakeExchange> FakeHttpService::recorded(bool downloads) const {

@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,14 +20,17 @@ struct FakeHttpState;
 
 // A request or a download issued by the code under test, and the means to answer it. A handle:
 // copies refer to the same exchange, every member may be called from any thread, and handles may
-// outlive their service (answers given then are dropped). Answering a request twice, or scripting
-// a download after its final state, is a test failure; scripting a download after it has been
-// cancelled is silently dropped (the cancellation may have crossed the answer).
+// outlive their service. Answering a request twice, or scripting a download after its final
+// state, is a test failure; scripting a download after it has been cancelled is silently dropped
+// (the cancellation may have crossed the answer).
 class FakeExchange {
   public:
     std::uint64_t id() const { return id_; }
+    // A plain request has only its request.
+    const DownloadOptions& options() const { return options_; }
     const HttpRequest& request() const { return options_.request; }
     const std::string& url() const { return request().url; }
+    bool resume() const { return options_.resume; }
 
     // A request. Answers with an HTTP response; 4xx and 5xx statuses are responses too.
     void respond(std::int64_t code, std::string_view body = {}, HttpHeaders headers = {}) const;
@@ -37,8 +39,6 @@ class FakeExchange {
 
     // A download. The fake keeps one status record per download, as a real service does: every
     // call below updates it and delivers a copy. Nothing is delivered on its own.
-    const DownloadOptions& options() const { return options_; }
-    bool resume() const { return options_.resume; }
     // Downloading with this many bytes received (and the expected size, once known).
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
     // Writes content to localPath (replacing any file there), then reports Finished with all
@@ -56,13 +56,12 @@ class FakeExchange {
     friend class FakeHttpService;
     FakeExchange(std::shared_ptr<FakeHttpState> state, std::uint64_t id, DownloadOptions options)
         : state_(std::move(state)), id_(id), options_(std::move(options)) {}
-    void answer(HttpResult result) const;
     // Applies change to the download's record and delivers a copy, unless it was cancelled.
     void script(const std::function<void(DownloadStatus&)>& change) const;
 
     std::shared_ptr<FakeHttpState> state_;
     std::uint64_t id_;
-    DownloadOptions options_;  // a plain request has only its request
+    DownloadOptions options_;
 };
 using FakeRequest = FakeExchange;
 using FakeDownload = FakeExchange;
@@ -88,8 +87,8 @@ class FakeCancellation {
 
 // A scriptable in-memory HttpServiceInterface. It records every call of the code under test, lets
 // a test wait for the next request, download or cancellation, and answer each later from any
-// thread. Answers are delivered in the order they were given, on one delivery thread owned by the
-// fake (never the caller's thread), as a real service's serial queue would.
+// thread. Every answer is delivered at once on the thread that gives it (never under a lock of
+// the fake), so it has reached the code under test when the answering call returns:
 //
 //     auto http = std::make_shared<FakeHttpService>();
 //     HttpServiceFactory::setUserDefined(http);
@@ -98,20 +97,16 @@ class FakeCancellation {
 //     EXPECT_EQ(listing.url(), "https://example.test/offline-data/v1/alice/regions");
 //     listing.respond(200, R"({"region": {}})");
 //
-// Cancellations are answered at once by default: false for an id that names nothing in flight,
+// Canned answers (respondToUrlsStartingWith) and cancellations are answered within the call of
+// the code under test. A cancellation is answered false for an id that names nothing in flight,
 // true for a live exchange. A cancelled download reports nothing more; a plain request cancelled
 // with true then receives RequestCancelled. In manual mode the test answers each cancellation.
 //
 // Waiting calls give up after a generous guard timeout and throw std::runtime_error, which fails
-// the test at that line instead of hanging it. Destroying the fake delivers the answers already
-// given, then joins the delivery thread; exchanges never answered end without a callback. The fake
-// must not be destroyed by one of its own callbacks.
+// the test at that line instead of hanging it. Exchanges never answered end without a callback.
 class FakeHttpService final : public HttpServiceInterface {
   public:
     FakeHttpService();
-    ~FakeHttpService() override;
-    FakeHttpService(const FakeHttpService&) = delete;
-    FakeHttpService& operator=(const FakeHttpService&) = delete;
 
     // HttpServiceInterface: callable from any thread, including the fake's callbacks.
     void setMaxRequestsPerHost(std::uint8_t) override {}
@@ -121,12 +116,10 @@ class FakeHttpService final : public HttpServiceInterface {
     std::uint64_t download(DownloadOptions&& options, DownloadStatusCallback&& callback) override;
 
     // Waiting for the code under test. Each returns the oldest exchange not yet returned by an
-    // earlier call; requests answered automatically are skipped. Not from the delivery thread.
+    // earlier call; requests answered automatically are skipped.
     FakeRequest nextRequest() { return next(false); }
     FakeDownload nextDownload() { return next(true); }
     FakeCancellation nextCancellation();
-    // Blocks until every answer given so far has been delivered and its callback has returned.
-    void waitUntilDelivered();
 
     // Everything recorded so far, in the order of the calls. Any thread.
     std::vector<FakeRequest> requests() const { return recorded(false); }
@@ -143,11 +136,12 @@ class FakeHttpService final : public HttpServiceInterface {
     void clearAutomaticAnswers();
 
   private:
+    std::uint64_t record(DownloadOptions options, HttpResponseCallback onResponse,
+                         DownloadStatusCallback onStatus);
     FakeExchange next(bool download);
     std::vector<FakeExchange> recorded(bool downloads) const;
 
     std::shared_ptr<FakeHttpState> state_;
-    std::thread delivery_;
 };
 
 }  // namespace terrane::common::test

@@ -19,8 +19,7 @@ namespace terrane::common::test {
 //
 //     ManualWorker worker(path, options, {recorder});
 //     worker->downloadPack(OfflineDataDomain::Maps, region);   // a call, as the facade posts it
-//     http->nextDownload().finish(content);                    // the answer
-//     http->waitUntilDelivered();                              // now queued for the worker
+//     http->nextDownload().finish(content);                    // the answer, queued for it
 //     worker.runPending();                                     // and handled, idle check included
 //
 // Use from one test thread; the queue itself takes posts from any thread.

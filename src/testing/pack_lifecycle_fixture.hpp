@@ -26,11 +26,13 @@ namespace terrane::common::test {
 
 // The stage for the worker tests: a worker worked off step by step on the test thread
 // (ManualWorker), the scriptable HTTP service in force, a recording observer, and the storage
-// tree of one region revision ("region-a", revision 3) whose maps pack is `content`.
+// tree of one region revision ("region-a", revision 3) whose maps pack is `content` (38 bytes).
 //
-// A test reads as the exchange it checks: a call on the worker, the HTTP answer, then settle()
-// and the observer lines that came of it (newLines()), and the files on disk. "onIdle" closes
-// the lines only when no download, deletion or cancellation is outstanding.
+// A test reads as the exchange it checks: a call on the worker, the HTTP answer, then settled()
+// and the observer lines that came of it, joined by " | ". Paths in them are relative to the
+// storage root, and a line about the maps pack of region-a/3 names only the pack's file below the
+// revision directory: "onPending maps/1.tmp bytes=0". "onIdle" closes the lines only when no
+// download, deletion or cancellation is outstanding.
 class PackLifecycleTest : public ::testing::Test {
   protected:
     using Lines = RecordingObserver::Lines;
@@ -56,35 +58,49 @@ class PackLifecycleTest : public ::testing::Test {
         return described;
     }
 
-    // Starts the worker on the tree as it is now, lets it settle, and returns the lines of the
-    // start-up (the stored packs, onInitialized, onIdle).
-    Lines start(OfflineServiceObservers observers) {
+    // Starts the worker on the tree as it is now and returns the settled lines of the start-up.
+    Lines startLines(OfflineServiceObservers observers) {
         worker.reset();  // lets go of the tree first
         worker = std::make_unique<ManualWorker>(directory.path().string(), options,
                                                 std::move(observers));
-        return settled();
-    }
-    Lines start() { return start({recorder}); }
-
-    // Waits until every answer given to the fake has reached the worker's queue, then works the
-    // queue off.
-    void settle() {
-        http->waitUntilDelivered();
-        worker->runPending();
-    }
-
-    // settle(), then the lines that came of it.
-    Lines settled() {
         settle();
         return newLines();
     }
+    std::string start(OfflineServiceObservers observers) {
+        return joined(startLines(std::move(observers)));
+    }
+    std::string start() { return start({recorder}); }
 
-    // The observer lines since the last call.
+    // Works off the worker's queue: the answers given to the fake are in it already.
+    void settle() { worker->runPending(); }
+    std::string settled() {
+        settle();
+        return joined(newLines());
+    }
+
+    // The observer lines since the last call, shortened as described above.
     Lines newLines() {
         const Lines all = recorder->lines();
         Lines fresh(all.begin() + static_cast<std::ptrdiff_t>(seen), all.end());
         seen = all.size();
+        const std::string root = tree.root().string() + "/";
+        const std::string ours = " maps region-a/3 path=region-a/3/";
+        for (auto& line : fresh) {
+            for (auto at = line.find(root); at != std::string::npos; at = line.find(root)) {
+                line.erase(at, root.size());
+            }
+            if (const auto at = line.find(ours); at != std::string::npos) {
+                line.replace(at, ours.size(), " ");
+            }
+        }
         return fresh;
+    }
+    static std::string joined(const Lines& lines) {
+        std::string text;
+        for (const auto& line : lines) {
+            text += (text.empty() ? "" : " | ") + line;
+        }
+        return text;
     }
 
     // The three public operations on the maps pack, as the facade would post them.
@@ -97,16 +113,29 @@ class PackLifecycleTest : public ::testing::Test {
     std::filesystem::path headerFile() const { return packFile().string() + ".json"; }
     std::filesystem::path partialFile() const { return downloadFile().string() + ".part"; }
     std::filesystem::path resumeFile() const { return downloadFile().string() + ".rd"; }
-
-    // "onAvailable maps region-a/3 path=<path> bytes=<bytes>[ error=...]"
-    static std::string line(const std::string& callback, const std::filesystem::path& path,
-                            std::uint64_t bytes, const std::string& error = {}) {
-        return callback + " maps region-a/3 path=" + path.string() +
-               " bytes=" + std::to_string(bytes) + (error.empty() ? "" : " error=" + error);
-    }
-    std::string available() const { return line("onAvailable", packFile(), content.size()); }
-    static std::string deleted() { return "onDeleted maps region-a/3"; }
     static std::string log(const std::string& message) { return "onLogMessage " + message; }
+
+    // The pack's files that exist, by name, of "1 1.tmp 1.tmp.part 1.tmp.rd 1.json".
+    std::string packFiles() const {
+        std::string names;
+        for (const auto& file :
+             {packFile(), downloadFile(), partialFile(), resumeFile(), headerFile()}) {
+            if (std::filesystem::exists(std::filesystem::symlink_status(file))) {
+                names += (names.empty() ? "" : " ") + file.filename().string();
+            }
+        }
+        return names;
+    }
+
+    // How the worker asked for the pack: "GET <url> resume" or "HEAD <url> <headers>".
+    static std::string asked(const FakeExchange& exchange) {
+        std::string text = (exchange.request().method == HttpMethod::Head ? "HEAD " : "GET ") +
+                           exchange.url() + (exchange.resume() ? " resume" : "");
+        for (const auto& [name, value] : exchange.request().headers) {
+            text += " " + name + ": " + value;
+        }
+        return text;
+    }
 
     const OfflineDataPackHolder& holder() const {
         return (*worker)->getRegions().at({"region-a", 3}).mapsHolder;
@@ -127,7 +156,7 @@ class PackLifecycleTest : public ::testing::Test {
     }
 
     // A pack stored by an earlier run whose lease ran out an hour ago; returns the start-up lines.
-    Lines startExpired(const std::string& etag) {
+    std::string startExpired(const std::string& etag) {
         storeAvailable(fromNow(std::chrono::hours(-1)), etag);
         return start();
     }
@@ -144,24 +173,8 @@ class PackLifecycleTest : public ::testing::Test {
     // Starts a download and leaves it in flight; the lines of the exchange are taken.
     FakeDownload downloadInFlight() {
         downloadPack();
-        settle();
-        newLines();
+        settled();
         return http->nextDownload();
-    }
-
-    // Starts a download and answers it with the whole content; the pack ends up Available.
-    // The lines of the exchange are taken.
-    void downloadToAvailable() {
-        downloadInFlight().finish(content);
-        settled();
-    }
-
-    // A download started and cancelled: the pack is Incomplete. The lines of the exchange are
-    // taken.
-    void downloadToIncomplete() {
-        downloadInFlight();
-        cancelPackDownload();
-        settled();
     }
 
     // Calls every acknowledgement of a deletion that `observer` has received so far.
