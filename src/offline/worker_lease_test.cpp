@@ -61,43 +61,40 @@ TEST_F(LeaseTest, AnExpiredLeaseIsNotRenewedAtStartAndOneWithoutTagIsDownloadedI
 TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
     const std::string masked = baseURL + "/offline-data/v1/maps.bin?access_token=***";
     const struct {
-        std::function<void(const test::FakeRequest&)> answer;
-        std::string failure, error;  // empty: renewed
+        std::int64_t code;  // 0: a transport failure
+        HttpHeaders headers;
+        std::string body, failure, error;  // empty: renewed
     } rows[] = {
         // A 304 is the server's word that the tag matches, whatever tag it repeats.
-        {[](auto& r) {
-             r.respond(304, "", {{"etag", "\"other\""}, {"cache-control", "max-age=86400"}});
-         },
-         "", ""},
-        {[](auto& r) {
-             r.respond(200, "", {{"etag", "W/" + etag}, {"cache-control", "max-age=86400"}});
-         },
-         "", ""},
-        {[](auto& r) {
-             r.respond(204, "", {{"ETag", etag}, {"Cache-Control", "max-age=86400"}});
-         },
-         "", ""},
-        {[](auto& r) {
-             r.respond(200, "", {{"etag", "W/\"v2\""}});
-         },
-         changed, "Corrupt, message=" + changed},
-        {[](auto& r) { r.respond(401, R"({"message": "Invalid Token"})"); }, "Invalid Token",
+        {304, {{"etag", "\"other\""}, {"cache-control", "max-age=86400"}}, "", "", ""},
+        {200, {{"etag", "W/" + etag}, {"cache-control", "max-age=86400"}}, "", "", ""},
+        {204, {{"ETag", etag}, {"Cache-Control", "max-age=86400"}}, "", "", ""},
+        {200, {{"etag", "W/\"v2\""}}, "", changed, "Corrupt, message=" + changed},
+        {401,
+         {},
+         R"({"message": "Invalid Token"})",
+         "Invalid Token",
          "Unauthorized, message=Invalid Token"},
-        {[](auto& r) { r.fail(HttpRequestErrorType::ConnectionError, "at " + r.url()); },
-         "at " + masked, "Connection, message=at " + masked},
+        {0, {}, "", "at " + masked, "Connection, message=at " + masked},
+    };
+    const auto answer = [](const auto& row, const test::FakeRequest& request) {
+        if (row.code == 0) {
+            return request.fail(HttpRequestErrorType::ConnectionError, "at " + request.url());
+        }
+        request.respond(row.code, row.body, row.headers);
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.error);
         storeAvailable(fromNow(1h), etag);
         start();
-        row.answer(conditionalRequest());
+        answer(row, conditionalRequest());
         EXPECT_EQ(settled(),
                   row.failure.empty() ? "onIdle" : extensionFailed(row.failure) + " | onIdle");
         EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.failure.empty());
         EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
 
         startExpired(etag);
-        row.answer(reauthorise());
+        answer(row, reauthorise());
         EXPECT_EQ(settled(), (row.error.empty() ? "onAvailable maps/1 bytes=38"
                                                 : expired + " error=" + row.error) +
                                  " | onIdle");
