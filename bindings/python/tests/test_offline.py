@@ -59,7 +59,6 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
 @pytest.mark.parametrize("script", [
     # The last reference goes while an observer callback waits for the interpreter lock.
     """
-    import threading, time
     entered = threading.Event()
     class Slow:
         def on_initialized(self):
@@ -73,9 +72,6 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
     """,
     # The interpreter ends while the default service's download crawls.
     """
-    import asyncio
-    from conftest import Recorder
-    from terrane_common import aio
     recorder = Recorder()
     t.OfflineService.register_observer(recorder)
     service = t.OfflineService.get_instance(STORAGE, t.OfflineServiceOptions(
@@ -86,7 +82,6 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
     """,
     # The last reference to a client goes on its own thread, with the callback that held it.
     """
-    import threading
     finished = threading.Event()
     class Job:
         def __init__(self):
@@ -103,8 +98,10 @@ def test_python_http_service_and_observers(tmp_path, catalogue, python_http):
     """,
 ])
 def test_release_and_shutdown_do_not_hang(tmp_path, catalogue, script):
-    code = "import sys, time, terrane_common as t; sys.path.insert(0, %r); STORAGE, FAST_URL, " \
-        "SLOW_URL = %r, %r, %r\n" % (os.path.dirname(__file__), str(tmp_path), *catalogue)
+    code = "import asyncio, sys, threading, time, terrane_common as t; sys.path.insert(0, %r)\n" \
+        "from conftest import Recorder; from terrane_common import aio\n" \
+        "STORAGE, FAST_URL, SLOW_URL = %r, %r, %r\n" % (os.path.dirname(__file__), str(tmp_path),
+                                                        *catalogue)
     finished = subprocess.run([sys.executable, "-c", code + textwrap.dedent(script) +
                                "print('released')\n"], capture_output=True, text=True, timeout=60)
     assert (finished.returncode, finished.stdout) == (0, "released\n"), finished.stderr

@@ -4,7 +4,7 @@
 
 #include <signal.h>
 
-#include <limits>
+#include <regex>
 #include <tuple>
 
 #include "tool_test_support.hpp"
@@ -19,30 +19,27 @@ constexpr std::size_t kMapsSize = 3 * 1024 * 1024;
 struct Logged {
     int status = 0;
     std::uint64_t bytes = 0;
-    std::string range;
+    // Where a range request started; empty for a request of the whole pack.
+    std::string from;
 };
 
 class ToolFlowTest : public ToolTest {
   protected:
-    // The requests for harbour's `domain` pack with `method`, as the server logged them.
+    // The requests for harbour's `domain` pack with `method`, as the server logged them: a line is
+    // METHOD PATH STATUS BYTES range=VALUE, then the other header fields ("-" for none).
     std::vector<Logged> requests(const std::string& domain,
                                  const std::string& method = "GET") const {
+        const std::regex request("^" + method + R"( \S+/harbour/2/)" + domain +
+                                 R"(\.pack (\d+) (\d+) range=(bytes=(\d+)-)?)");
         std::vector<Logged> found;
         std::istringstream log(readFile(accessLog()));
-        std::string logged;
-        std::string path;
-        Logged entry;
-        // A line: METHOD PATH STATUS BYTES range=VALUE, then the other header fields; "-" for none.
-        while (log >> logged >> path >> entry.status >> entry.bytes >> entry.range &&
-               log.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
-            entry.range = entry.range.ends_with("=-") ? "" : entry.range.substr(6);
-            if (logged == method && path.ends_with("/harbour/2/" + domain + ".pack")) {
-                found.push_back(entry);
+        for (std::string line; std::getline(log, line);) {
+            if (std::smatch field; std::regex_search(line, field, request)) {
+                found.push_back({std::stoi(field[1]), std::stoull(field[2]), field[4]});
             }
         }
         return found;
     }
-
     // A member of every stored pack as `status --json` lists it, by "revision/domain" ("" for
     // null); for the error, its code.
     std::map<std::string, std::string> stored(const std::string& key = "state") {
@@ -97,9 +94,9 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     // Each run after the first asked for the rest only; the last one got all of it.
     const auto gets = requests("maps");
     ASSERT_EQ(gets.size(), 3u);
-    const std::uint64_t afterCtrlC = std::stoull(gets[1].range.substr(6));
-    const std::uint64_t afterKill = std::stoull(gets[2].range.substr(6));
-    EXPECT_EQ(std::tuple(gets[0].range, gets[1].status, gets[2].status, afterKill + gets[2].bytes),
+    const std::uint64_t afterCtrlC = std::stoull(gets[1].from);
+    const std::uint64_t afterKill = std::stoull(gets[2].from);
+    EXPECT_EQ(std::tuple(gets[0].from, gets[1].status, gets[2].status, afterKill + gets[2].bytes),
               std::tuple("", 206, 206, kMapsSize));
     EXPECT_GE(afterCtrlC, 512u * 1024);
     EXPECT_GT(afterKill, afterCtrlC);
@@ -121,7 +118,7 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     EXPECT_TRUE(result->out().contains("maps pack of harbour/2 is already available"));
     EXPECT_EQ(requests("maps").size(), 3u);
     ASSERT_FALSE(requests("navigation").empty());
-    EXPECT_EQ(requests("navigation").back().range, "");
+    EXPECT_EQ(requests("navigation").back().from, "");
 
     // Half the lease gone: the next start renews it with a conditional request.
     std::this_thread::sleep_until(downloaded + 5s + 700ms);
