@@ -180,11 +180,9 @@ class ToolTest : public ::testing::Test {
         ASSERT_EQ(result->status(), 0) << result->err();
     }
     // Serves the published tree with `serve` plus `options`, logging to accessLog().
-    void serve(const std::vector<std::string>& options) {
-        std::vector<std::string> command{"serve", www().string(), "--access-log",
-                                         accessLog().string()};
-        command.insert(command.end(), options.begin(), options.end());
-        server_ = start(command);
+    void serve(std::vector<std::string> options) {
+        options.insert(options.begin(), {"serve", www().string(), "--access-log", accessLog()});
+        server_ = start(options);
         // It says "Serving ROOT on URL (loopback only; ...".
         std::string out;
         if (!eventually([&] { return (out = server_->out()).ends_with(")\n"); }, 10s)) {
@@ -210,11 +208,10 @@ class ToolTest : public ::testing::Test {
         return child;
     }
     // The tool with this storage, the served catalogue and user "alice".
-    std::vector<std::string> withGlobals(const std::vector<std::string>& words) const {
-        std::vector<std::string> arguments{"--storage", storage().string(), "--base-url",
-                                           baseUrl_,    "--user",           "alice"};
-        arguments.insert(arguments.end(), words.begin(), words.end());
-        return arguments;
+    std::vector<std::string> withGlobals(std::vector<std::string> words) const {
+        words.insert(words.begin(),
+                     {"--storage", storage(), "--base-url", baseUrl_, "--user", "alice"});
+        return words;
     }
     Child tool(const std::vector<std::string>& words) { return run(withGlobals(words)); }
     // The regular files below the storage now and their sizes, while the tool may be renaming and
