@@ -1,6 +1,7 @@
 """Shared pieces: a catalogue served by terrane-offline on 127.0.0.1, a Python HTTP service over
 urllib, a recording observer."""
 
+import concurrent.futures
 import os
 import re
 import shutil
@@ -40,10 +41,10 @@ def catalogue(tmp_path_factory):
 
 class UrllibService:
     """An HttpServiceInterface in Python with only the methods it needs (the bridge skips the
-    others): every exchange on a thread of its own."""
+    others): every exchange on a thread of its pool, which shutdown() joins."""
 
     def __init__(self):
-        self.threads = []
+        self.pool = concurrent.futures.ThreadPoolExecutor()
 
     def _fetch(self, request):
         method = t.HttpMethod(request.method).name.upper()
@@ -56,12 +57,8 @@ class UrllibService:
             return t.HttpResponseData(code=answer.status, data=answer.read(), headers={
                 k.lower(): v for k, v in answer.headers.items()})
 
-    def _start(self, work):
-        self.threads.append(threading.Thread(target=work, daemon=True))
-        self.threads[-1].start()
-
     def request(self, request, callback):
-        self._start(lambda: callback(t.HttpResponse(
+        self.pool.submit(lambda: callback(t.HttpResponse(
             request=request, result=t.Expected(value=self._fetch(request)))))
         return t.next_http_request_id()
 
@@ -71,39 +68,31 @@ class UrllibService:
         def run():
             data = self._fetch(options.request)
             with open(options.local_path, "wb") as file:
-                file.write(data.data)
-            size, data.data = len(data.data), b""
+                size = file.write(data.data)
             callback(t.DownloadStatus(download_id=download_id, state=t.DownloadState.Finished,
                                       total_bytes=size, received_bytes=size,
                                       download_options=options,
                                       http_result=t.Expected(value=data)))
-        self._start(run)
+        self.pool.submit(run)
         return download_id
 
 
 class Recorder:
-    """An observer that records (callback, its last argument or True) and keeps
-    acknowledgements."""
+    """An observer that records (callback, its last argument or True): for on_deleting, the
+    acknowledgement, which the test calls."""
 
-    def __init__(self, acknowledge=True):
-        self.events, self.acks, self.acknowledge = [], [], acknowledge
-        self.changed = threading.Condition()
-
-    def _add(self, name, argument):
-        with self.changed:
-            self.events.append((name, argument))
-            self.changed.notify_all()
+    def __init__(self):
+        self.events, self.changed = [], threading.Condition()
 
     def __getattr__(self, name):
         if not name.startswith("on_"):
             raise AttributeError(name)
-        return lambda *arguments: self._add(name, arguments[-1] if arguments else True)
 
-    def on_deleting(self, domain, region, pack, acknowledge):
-        self.acks.append(acknowledge)
-        if self.acknowledge:
-            acknowledge()
-        self._add("on_deleting", pack)
+        def record(*arguments):
+            with self.changed:
+                self.events.append((name, arguments[-1] if arguments else True))
+                self.changed.notify_all()
+        return record
 
     def wait(self, name, timeout=20):
         with self.changed:

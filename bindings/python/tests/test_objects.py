@@ -6,6 +6,7 @@ import sys
 import pytest
 
 import terrane_common as t
+from conftest import Recorder, UrllibService
 
 G, P = t.Geometry, t.Coordinate(latitude=1, longitude=2)
 
@@ -62,7 +63,14 @@ def test_errors_reach_python_as_exceptions(call, error, message):
         call()
 
 
-def test_singletons_listeners_and_weakly_held_log_writers(tmp_path):
+def test_singletons_listeners_and_weakly_held_bridges(tmp_path):
+    # Bridges whose Python object is gone go to nothing.
+    http, observer = UrllibService(), Recorder()
+    t.HttpServiceFactory.set_user_defined(http)
+    t.OfflineService.register_observer(observer)
+    del http, observer
+    gc.collect()
+    assert t.HttpServiceFactory.get_instance() is None
     options = t.OfflineServiceOptions(username="alice")
     assert t.OfflineService.get_instance(str(tmp_path), options) is \
         t.OfflineService.get_instance("elsewhere", options)

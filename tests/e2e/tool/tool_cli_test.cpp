@@ -1,8 +1,14 @@
 // What a user sees: on stdout the listings, and when the tool cannot work, one clear line on
 // stderr and the documented exit status; never a crash, the access token, a terminal escape or a
-// storage made for nothing. And the demo end to end.
+// storage made for nothing. And the demo end to end. Then `serve` speaks the HTTP that the offline
+// service relies on: strong entity tags, byte ranges with If-Range, conditional requests, the
+// lease in Cache-Control, and a query (with the access token) that changes nothing and is never
+// logged.
 
 #include <httplib.h>
+#include <signal.h>
+
+#include <tuple>
 
 #include "tool_test_support.hpp"
 
@@ -27,15 +33,16 @@ std::vector<std::string> words(const std::string& text) {
 
 using ToolCommandLine = ToolTest;
 
-TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
+TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWordsAndServeItsHttp) {
     const std::string token = "secret-token-4711";
     const std::string dir = scratch_.string();
+    environment_ = {"TERRANE_ACCESS_TOKEN=" + token, "HOME=", "XDG_DATA_HOME="};
     writeFile(scratch_ / "plain-file", "x");
     writeFile(scratch_ / "empty-token", "\n  \n");
     writeFile(scratch_ / "token", token + "\n");
     writeSource();
     publish();
-    serve({"--port", "0"});
+    serve({"--port", "0", "--max-age", "120"});
     // The catalogue has nothing for "nobody", and garbage for "garbage".
     writeFile(www() / "offline-data" / "v1" / "garbage" / "regions", "<html>");
     writeFile(source() / "many.geojson", R"({"type":"FeatureCollection","features":[]})");
@@ -140,32 +147,92 @@ TEST_F(ToolCommandLine, EveryCommandGetsItsStatusAndItsWords) {
         if (!row.regions.empty()) {
             writeFile(source() / "regions.json", row.regions);
         }
-        const RunResult result = run(words(replaceAll(row.command, names)),
-                                     {"TERRANE_ACCESS_TOKEN=" + token, "HOME=", "XDG_DATA_HOME="});
+        const Child result = run(words(replaceAll(row.command, names)));
         const std::string says = replaceAll(row.says, names);
-        SCOPED_TRACE(row.command + "\n" + result.out + result.err);
-        EXPECT_EQ(result.status, row.status);
+        const std::string out = result->out();
+        const std::string err = result->err();
+        SCOPED_TRACE(row.command + "\n" + out + err);
+        EXPECT_EQ(result->status(), row.status);
         if (row.status == 0) {
-            EXPECT_NE(result.out.find(says), std::string::npos);
+            EXPECT_TRUE(out.contains(says));
         } else if (!says.empty()) {
-            EXPECT_TRUE(result.err.starts_with("terrane-offline: "));
-            EXPECT_NE(result.err.find(says), std::string::npos);
-            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line";
+            EXPECT_TRUE(err.starts_with("terrane-offline: ") && err.contains(says));
+            EXPECT_EQ(err.find('\n'), err.size() - 1) << "one line";
         }
         for (const char* never :
              {token.c_str(), "\x1b", "terminate called", "what():", "Segmentation"}) {
-            EXPECT_EQ((result.out + result.err).find(never), std::string::npos) << never;
+            EXPECT_FALSE((out + err).contains(never)) << never;
         }
     }
     refusing.stop();
     serving.join();
-    // What `publish` serves: the files as they are, and a Feature outline as its geometry.
-    EXPECT_EQ(readFile(servedPack(2, "maps")), readFile(source() / "harbour-maps.bin"));
+    // What `publish` serves: a Feature outline as its geometry (and the files as they are, below).
     const auto published = parseJson(readFile(www() / "offline-data/v1/alice/regions"));
     EXPECT_STREQ(published["harbour"]["configuration"]["geography"]["type"].GetString(), "Point");
     EXPECT_TRUE(published["plain"]["configuration"]["geography"].IsNull());
     EXPECT_FALSE(fs::exists(scratch_ / "fresh"));
     EXPECT_FALSE(fs::exists(scratch_ / "out" / "offline-data" / "v1" / "alice" / "regions"));
+
+    httplib::Client client(baseUrl_);
+    client.set_url_encode(false);
+    const std::string pack = "/offline-data/v1/alice/packs/harbour/2/maps.pack";
+    const std::string data = readFile(source() / "harbour-maps.bin");
+    const std::string tag = client.Head(pack)->get_header_value("ETag");
+    EXPECT_TRUE(tag.starts_with("\"") && tag.ends_with("\"")) << tag;
+    // Every answer that is not an error carries the lease and the tag.
+    const std::string notFound = R"({"message":"Not found"})";
+    const struct {
+        std::string target;
+        httplib::Headers headers;
+        int status;
+        std::string range;
+        std::string body;
+        std::string method = "GET";
+    } requests[] = {
+        {pack,
+         {{"Range", "bytes=1-2"}, {"If-Range", tag}},
+         206,
+         "bytes 1-2/262144",
+         data.substr(1, 2)},
+        {pack, {{"Range", "bytes=-5"}}, 206, "bytes 262139-262143/262144", data.substr(262139)},
+        {pack, {{"Range", "bytes=10-"}, {"If-Range", "\"another\""}}, 200, "", data},
+        {pack, {{"Range", "bytes=262144-"}}, 416, "bytes */262144", ""},
+        {pack, {{"If-None-Match", tag}}, 304, "", "", "HEAD"},
+        {pack + "?access_token=very-secret-token&x=1", {}, 200, "", data},
+        {"/offline-data/v1/alice/packs", {}, 404, "", notFound},
+        {"/../../../../etc/passwd", {}, 404, "", notFound},
+        {"/offline-data/%2e%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/passwd", {}, 404, "", notFound},
+        {pack, {}, 405, "", R"({"message":"Method not allowed"})", "POST"},
+    };
+    for (const auto& row : requests) {
+        SCOPED_TRACE(row.method + " " + row.target);
+        httplib::Request request;
+        request.method = row.method;
+        request.path = row.target;
+        request.headers = row.headers;
+        const auto answer = client.send(request);
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(std::tuple(answer->status, answer->get_header_value("Content-Range")),
+                  std::tuple(row.status, row.range));
+        EXPECT_TRUE(answer->body == row.body) << "not the body expected";
+        if (answer->status < 400) {
+            EXPECT_EQ(std::tuple(answer->get_header_value("Cache-Control"),
+                                 answer->get_header_value("ETag")),
+                      std::tuple("max-age=120", tag));
+        }
+    }
+    writeFile(servedPack(2, "maps"), patternBytes(data.size(), 10));
+    const auto changed = client.Head(pack, {{"If-None-Match", tag}});
+    ASSERT_TRUE(changed);
+    EXPECT_EQ(changed->status, 200);
+    EXPECT_NE(changed->get_header_value("ETag"), tag) << "same size, new data, new tag";
+
+    server_->signal(SIGINT);
+    EXPECT_EQ(server_->wait(10s), 0) << server_->err();
+    EXPECT_TRUE(server_->out().contains("Stopped after"));
+    const std::string logged = readFile(accessLog());
+    EXPECT_FALSE(logged.contains("very-secret-token") || logged.contains(token));
+    EXPECT_FALSE(logged.contains('?')) << "the query is never logged";
 }
 
 }  // namespace

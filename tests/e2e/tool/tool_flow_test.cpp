@@ -4,7 +4,7 @@
 
 #include <signal.h>
 
-#include <limits>
+#include <regex>
 #include <tuple>
 
 #include "tool_test_support.hpp"
@@ -19,32 +19,44 @@ constexpr std::size_t kMapsSize = 3 * 1024 * 1024;
 struct Logged {
     int status = 0;
     std::uint64_t bytes = 0;
-    std::string range;
+    // Where a range request started; empty for a request of the whole pack.
+    std::string from;
 };
 
 class ToolFlowTest : public ToolTest {
   protected:
-    // The requests for harbour's `domain` pack with `method`, as the server logged them.
+    // The requests for harbour's `domain` pack with `method`, as the server logged them: a line is
+    // METHOD PATH STATUS BYTES range=VALUE, then the other header fields ("-" for none).
     std::vector<Logged> requests(const std::string& domain,
                                  const std::string& method = "GET") const {
+        const std::regex request("^" + method + R"( \S+/harbour/2/)" + domain +
+                                 R"(\.pack (\d+) (\d+) range=(bytes=(\d+)-)?)");
         std::vector<Logged> found;
         std::istringstream log(readFile(accessLog()));
-        std::string logged;
-        std::string path;
-        Logged entry;
-        // A line: METHOD PATH STATUS BYTES range=VALUE, then the other header fields; "-" for none.
-        while (log >> logged >> path >> entry.status >> entry.bytes >> entry.range &&
-               log.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
-            entry.range = entry.range.ends_with("=-") ? "" : entry.range.substr(6);
-            if (logged == method && path.ends_with("/harbour/2/" + domain + ".pack")) {
-                found.push_back(entry);
+        for (std::string line; std::getline(log, line);) {
+            if (std::smatch field; std::regex_search(line, field, request)) {
+                found.push_back({std::stoi(field[1]), std::stoull(field[2]), field[4]});
             }
         }
         return found;
     }
-
+    // A member of every stored pack as `status --json` lists it, by "revision/domain" ("" for
+    // null); for the error, its code.
+    std::map<std::string, std::string> stored(const std::string& key = "state") {
+        const Child result = tool({"--json", "status"});
+        EXPECT_EQ(result->status(), 0) << result->err();
+        const auto listing = parseJson(result->out());
+        std::map<std::string, std::string> packs;
+        for (const auto& pack : listing.GetArray()) {
+            const auto& member = pack[key.c_str()];
+            const auto& value = member.IsObject() ? member["code"] : member;
+            packs[std::to_string(pack["revision"].GetUint()) + "/" + pack["domain"].GetString()] =
+                value.IsString() ? value.GetString() : "";
+        }
+        return packs;
+    }
     // A download of harbour's maps pack in the background, once `bytes` of it are on disk.
-    std::unique_ptr<ChildProcess> startDownload(std::uint64_t bytes) {
+    Child startDownload(std::uint64_t bytes) {
         auto child = start(withGlobals({"download", "harbour", "--domain", "maps", "--no-wan"}));
         EXPECT_TRUE(eventually([&] { return largestStoredFile() >= bytes; }, 60s)) << child->err();
         return child;
@@ -72,19 +84,19 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     // The navigation pack no longer matches the catalogue's checksum.
     const std::string navigation = readFile(servedPack(2, "navigation"));
     writeFile(servedPack(2, "navigation"), patternBytes(navigation.size(), 99));
-    RunResult result = tool({"download", "harbour"});
+    Child result = tool({"download", "harbour"});
     const auto downloaded = std::chrono::steady_clock::now();
-    EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.out.contains("maps pack of harbour/2 is available")) << result.out;
-    EXPECT_TRUE(result.out.contains(
+    EXPECT_EQ(result->status(), 1);
+    EXPECT_TRUE(result->out().contains("maps pack of harbour/2 is available")) << result->out();
+    EXPECT_TRUE(result->out().contains(
         "navigation pack of harbour/2 failed: Corrupt: Failed to verify checksum"));
-    EXPECT_TRUE(result.err.contains("1 of 2 packs did not become available"));
+    EXPECT_TRUE(result->err().contains("1 of 2 packs did not become available"));
     // Each run after the first asked for the rest only; the last one got all of it.
     const auto gets = requests("maps");
     ASSERT_EQ(gets.size(), 3u);
-    const std::uint64_t afterCtrlC = std::stoull(gets[1].range.substr(6));
-    const std::uint64_t afterKill = std::stoull(gets[2].range.substr(6));
-    EXPECT_EQ(std::tuple(gets[0].range, gets[1].status, gets[2].status, afterKill + gets[2].bytes),
+    const std::uint64_t afterCtrlC = std::stoull(gets[1].from);
+    const std::uint64_t afterKill = std::stoull(gets[2].from);
+    EXPECT_EQ(std::tuple(gets[0].from, gets[1].status, gets[2].status, afterKill + gets[2].bytes),
               std::tuple("", 206, 206, kMapsSize));
     EXPECT_GE(afterCtrlC, 512u * 1024);
     EXPECT_GT(afterKill, afterCtrlC);
@@ -97,16 +109,16 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     // A corrupt pack can be deleted, and is fetched again from the start once fixed. A trailing
     // slash names the same account.
     result = tool({"delete", "harbour", "--domain", "navigation"});
-    EXPECT_TRUE(result.out.contains("deleted navigation pack of harbour/2"));
+    EXPECT_TRUE(result->out().contains("deleted navigation pack of harbour/2"));
     writeFile(servedPack(2, "navigation"), navigation);
     baseUrl_ += "/";
     result = tool({"download", "harbour"});
     baseUrl_.pop_back();
-    EXPECT_EQ(result.status, 0) << result.out << result.err;
-    EXPECT_TRUE(result.out.contains("maps pack of harbour/2 is already available"));
+    EXPECT_EQ(result->status(), 0) << result->out() << result->err();
+    EXPECT_TRUE(result->out().contains("maps pack of harbour/2 is already available"));
     EXPECT_EQ(requests("maps").size(), 3u);
     ASSERT_FALSE(requests("navigation").empty());
-    EXPECT_EQ(requests("navigation").back().range, "");
+    EXPECT_EQ(requests("navigation").back().from, "");
 
     // Half the lease gone: the next start renews it with a conditional request.
     std::this_thread::sleep_until(downloaded + 5s + 700ms);
@@ -116,7 +128,7 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     EXPECT_EQ(heads[0].status, 304) << "only a conditional request gets a 304";
 
     // Deleted, then downloaded again while the server goes away mid-body and comes back.
-    ASSERT_EQ(tool({"delete", "harbour", "--domain", "maps"}).status, 0);
+    ASSERT_EQ(tool({"delete", "harbour", "--domain", "maps"})->status(), 0);
     EXPECT_FALSE(fs::exists(paths["2/maps"]));
     EXPECT_FALSE(fs::exists(paths["2/maps"] + ".json"));
     child = startDownload(512 * 1024);
@@ -126,7 +138,7 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     serve(baseUrl_.substr(baseUrl_.rfind(':') + 1));
     ASSERT_EQ(child->wait(60s), 0) << child->out() << child->err();
     EXPECT_TRUE(child->out().contains("maps pack of harbour/2 is available"));
-    EXPECT_FALSE(tool({"status"}).out.contains("is out"));
+    EXPECT_FALSE(tool({"status"})->out().contains("is out"));
 
     std::string regions = readFile(source() / "regions.json");
     regions.replace(regions.find("\"revision\": 2"), 13, "\"revision\": 3");
@@ -144,11 +156,11 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     };
     for (const auto& row : rows) {
         result = tool(row.command);
-        EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_TRUE(result.out.contains(row.says)) << result.out;
+        EXPECT_EQ(result->status(), 0) << result->err();
+        EXPECT_TRUE(result->out().contains(row.says)) << result->out();
     }
     EXPECT_EQ(stored(), (Packs{{"3/maps", "Available"}, {"3/navigation", "Available"}}));
-    ASSERT_EQ(tool({"delete", "harbour"}).status, 0);
+    ASSERT_EQ(tool({"delete", "harbour"})->status(), 0);
     EXPECT_TRUE(stored().empty());
 }
 

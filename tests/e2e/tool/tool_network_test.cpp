@@ -33,8 +33,7 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
     if (::unshare(CLONE_NEWNET) != 0 || !shell("ip link set lo up")) {
         GTEST_SKIP() << "no network namespace allowed here";
     }
-    const std::vector<std::string> environment{
-        "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent/terrane-test-bus"};
+    environment_ = {"DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent/terrane-test-bus"};
     const struct {
         std::vector<std::string> arguments;
         std::string out;
@@ -45,9 +44,9 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
         {{"network", "192.0.2.1"}, "192.0.2.1: not reachable\n", 1},
     };
     for (const auto& row : rows) {
-        const RunResult result = run(row.arguments, environment);
+        const Child result = run(row.arguments);
         const std::string err = "terrane-offline: " + row.arguments.back() + " cannot be reached\n";
-        EXPECT_EQ(std::tuple(result.status, result.out, result.err),
+        EXPECT_EQ(std::tuple(result->status(), result->out(), result->err()),
                   std::tuple(row.status, row.out, row.status == 0 ? "" : err));
     }
 
@@ -55,7 +54,7 @@ TEST_F(ToolNetworkTest, OneAnswerExitsByTheStatusAndWatchPrintsALinePerChangeUnt
         !shell("ip link add x0 type veth peer name x1 && ip link set x1 up")) {
         GTEST_SKIP() << "neither dummy nor veth links can be made here";
     }
-    const auto watch = start({"network", "--watch"}, environment);
+    const auto watch = start({"network", "--watch"});
     std::string expected = "network: not reachable\n";
     EXPECT_TRUE(eventually([&] { return watch->out() == expected; }, 10s)) << watch->out();
     for (const auto& [change, line] : {

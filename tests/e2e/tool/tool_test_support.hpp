@@ -35,12 +35,11 @@ using namespace std::chrono_literals;
 // Polls `condition` every 20 ms until it holds or `limit` passes.
 template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
+    for (const auto deadline = std::chrono::steady_clock::now() + limit; !condition();
+         std::this_thread::sleep_for(20ms)) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
-        std::this_thread::sleep_for(20ms);
     }
     return true;
 }
@@ -72,34 +71,19 @@ inline rapidjson::Document parseJson(const std::string& text) {
     return document;
 }
 
-struct RunResult {
-    // The exit status, or minus the signal number when a signal ended the process.
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// The tool (as built alongside these tests) with `arguments` as a child process with stdout and
-// stderr going to files in `work`, and TERRANE_ACCESS_TOKEN unset unless `environment` sets it
-// (env(1) sets the environment, then becomes the tool). The destructor kills (SIGKILL) and reaps a
-// child that still runs.
+// `words` (a path to an executable, then its arguments) as a child process with stdin from
+// /dev/null and stdout and stderr going to the files `stem`.out and `stem`.err. The destructor
+// kills (SIGKILL) and reaps a child that still runs.
 class ChildProcess {
   public:
-    ChildProcess(const std::vector<std::string>& arguments, const fs::path& work,
-                 const std::vector<std::string>& environment) {
-        static int counter = 0;
-        const std::string stem = (work / "child-").string() + std::to_string(++counter);
-        outPath_ = stem + ".out";
-        errPath_ = stem + ".err";
-        std::vector<std::string> words{"/usr/bin/env", "-u", "TERRANE_ACCESS_TOKEN"};
-        words.insert(words.end(), environment.begin(), environment.end());
-        words.push_back(TERRANE_OFFLINE_TOOL);
-        words.insert(words.end(), arguments.begin(), arguments.end());
+    ChildProcess(std::vector<std::string> words, const std::string& stem)
+        : outPath_(stem + ".out"), errPath_(stem + ".err") {
         std::vector<char*> argv;
         for (std::string& word : words) {
             argv.push_back(word.data());
         }
         argv.push_back(nullptr);
+        // A failed fork leaves a child that has ended with status -1.
         pid_ = ::fork();
         if (pid_ == 0) {
             ::dup2(::open("/dev/null", O_RDONLY), 0);
@@ -107,9 +91,6 @@ class ChildProcess {
             ::dup2(::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
             ::execv(argv[0], argv.data());
             ::_exit(127);
-        }
-        if (pid_ < 0) {
-            throw std::runtime_error("fork failed");
         }
     }
     ~ChildProcess() {
@@ -125,7 +106,8 @@ class ChildProcess {
             ::kill(pid_, number);
         }
     }
-    // Waits for the end; the status as in RunResult, or nullopt after `limit`.
+    // Waits for the end; the exit status, or minus the number of the signal that ended the
+    // process; nullopt after `limit`.
     std::optional<int> wait(std::chrono::milliseconds limit) {
         int raw = 0;
         if (pid_ > 0) {
@@ -137,15 +119,19 @@ class ChildProcess {
         }
         return status_;
     }
+    // What wait() returned last; -1 before.
+    int status() const { return status_; }
     std::string out() const { return readFile(outPath_); }
     std::string err() const { return readFile(errPath_); }
 
   private:
     pid_t pid_ = -1;
     int status_ = -1;
-    fs::path outPath_;
-    fs::path errPath_;
+    std::string outPath_;
+    std::string errPath_;
 };
+
+using Child = std::unique_ptr<ChildProcess>;
 
 // A fresh directory for the tool's runs, removed with its contents. Below it, a user "alice" whose
 // catalogue `serve` offers: region "harbour" (revision 2, maps and navigation, a Feature outline)
@@ -190,16 +176,13 @@ class ToolTest : public ::testing::Test {
     }
     // Runs `publish`; fails the test when it does not succeed.
     void publish() {
-        const RunResult result =
-            run({"publish", source().string(), www().string(), "--user", "alice"});
-        ASSERT_EQ(result.status, 0) << result.err;
+        const Child result = run({"publish", source().string(), www().string(), "--user", "alice"});
+        ASSERT_EQ(result->status(), 0) << result->err();
     }
     // Serves the published tree with `serve` plus `options`, logging to accessLog().
-    void serve(const std::vector<std::string>& options) {
-        std::vector<std::string> command{"serve", www().string(), "--access-log",
-                                         accessLog().string()};
-        command.insert(command.end(), options.begin(), options.end());
-        server_ = start(command);
+    void serve(std::vector<std::string> options) {
+        options.insert(options.begin(), {"serve", www().string(), "--access-log", accessLog()});
+        server_ = start(options);
         // It says "Serving ROOT on URL (loopback only; ...".
         std::string out;
         if (!eventually([&] { return (out = server_->out()).ends_with(")\n"); }, 10s)) {
@@ -209,71 +192,59 @@ class ToolTest : public ::testing::Test {
         baseUrl_ = out.substr(from, out.find(" (", from) - from);
     }
 
-    // The tool in the background.
-    std::unique_ptr<ChildProcess> start(const std::vector<std::string>& arguments,
-                                        const std::vector<std::string>& environment = {}) const {
-        return std::make_unique<ChildProcess>(arguments, scratch_, environment);
+    // The tool (as built alongside these tests) in the background, with TERRANE_ACCESS_TOKEN unset
+    // unless environment_ sets it (env(1) sets the environment, then becomes the tool).
+    Child start(const std::vector<std::string>& arguments) {
+        std::vector<std::string> words{"/usr/bin/env", "-u", "TERRANE_ACCESS_TOKEN"};
+        words.insert(words.end(), environment_.begin(), environment_.end());
+        words.push_back(TERRANE_OFFLINE_TOOL);
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        return std::make_unique<ChildProcess>(words, scratch_ / std::to_string(++children_));
     }
     // The tool to its end (killed after two minutes, which fails the test).
-    RunResult run(const std::vector<std::string>& arguments,
-                  const std::vector<std::string>& environment = {}) const {
-        const auto child = start(arguments, environment);
-        const auto status = child->wait(120s);
-        EXPECT_TRUE(status) << "terrane-offline did not finish within two minutes";
-        return RunResult{status.value_or(-1), child->out(), child->err()};
+    Child run(const std::vector<std::string>& arguments) {
+        Child child = start(arguments);
+        EXPECT_TRUE(child->wait(120s)) << "terrane-offline did not finish within two minutes";
+        return child;
     }
     // The tool with this storage, the served catalogue and user "alice".
-    std::vector<std::string> withGlobals(const std::vector<std::string>& words) const {
-        std::vector<std::string> arguments{"--storage", storage().string(), "--base-url",
-                                           baseUrl_,    "--user",           "alice"};
-        arguments.insert(arguments.end(), words.begin(), words.end());
-        return arguments;
+    std::vector<std::string> withGlobals(std::vector<std::string> words) const {
+        words.insert(words.begin(),
+                     {"--storage", storage(), "--base-url", baseUrl_, "--user", "alice"});
+        return words;
     }
-    RunResult tool(const std::vector<std::string>& words) const { return run(withGlobals(words)); }
-    // A member of every stored pack as `status --json` lists it, by "revision/domain" ("" for
-    // null); for the error, its code.
-    std::map<std::string, std::string> stored(const std::string& key = "state") {
-        const RunResult result = tool({"--json", "status"});
-        EXPECT_EQ(result.status, 0) << result.err;
-        const auto listing = parseJson(result.out);
-        std::map<std::string, std::string> packs;
-        for (const auto& pack : listing.GetArray()) {
-            const auto& member = pack[key.c_str()];
-            const auto& value = member.IsObject() ? member["code"] : member;
-            packs[std::to_string(pack["revision"].GetUint()) + "/" + pack["domain"].GetString()] =
-                value.IsString() ? value.GetString() : "";
-        }
-        return packs;
-    }
-    // The regular files below the storage now, while the tool may be renaming and removing them.
-    std::vector<fs::path> storedFiles() const {
-        std::vector<fs::path> files;
+    Child tool(const std::vector<std::string>& words) { return run(withGlobals(words)); }
+    // The regular files below the storage now and their sizes, while the tool may be renaming and
+    // removing them.
+    std::map<fs::path, std::uintmax_t> storedFiles() const {
+        std::map<fs::path, std::uintmax_t> files;
         std::error_code error;
         for (fs::recursive_directory_iterator entry(storage(), error), end; !error && entry != end;
              entry.increment(error)) {
-            // A file the tool removes meanwhile is passed over, not the end of the walk.
-            std::error_code fileError;
-            if (entry->is_regular_file(fileError)) {
-                files.push_back(entry->path());
+            // A file the tool removes meanwhile is passed over, not the end of the walk; a
+            // directory has no size.
+            std::error_code notAFile;
+            if (const std::uintmax_t size = entry->file_size(notAFile); !notAFile) {
+                files[entry->path()] = size;
             }
         }
         return files;
     }
-    // The size of the largest of them: how far a download came, whatever names the HTTP layer
-    // gives its partial files.
+    // How far a download came, whatever names the HTTP layer gives its partial files.
     std::uintmax_t largestStoredFile() const {
         std::uintmax_t largest = 0;
-        for (const fs::path& file : storedFiles()) {
-            std::error_code gone;
-            const std::uintmax_t size = fs::file_size(file, gone);
-            largest = std::max(largest, gone ? 0 : size);
+        for (const auto& [file, size] : storedFiles()) {
+            largest = std::max(largest, size);
         }
         return largest;
     }
 
     const fs::path scratch_ =
         fs::temp_directory_path() / ("terrane-tool-e2e-" + std::to_string(::getpid()));
-    std::unique_ptr<ChildProcess> server_;
+    // NAME=VALUE settings for every run of the tool.
+    std::vector<std::string> environment_;
+    int children_ = 0;
+    Child server_;
     std::string baseUrl_;
 };
 
