@@ -107,6 +107,7 @@ const UserAgentFallbacks desktop{"mapper",         "1.0",   "org.example.mapper"
                                  "Linux",          "6.1.0", "TerraneCommon",      "9.2.0",
                                  "terrane-common", "321"};
 
+// Each row changes the components, or the fallbacks, which start empty.
 TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
     const std::string product = " Terrane Common/" + Version::getCommonSDKVersionString();
     struct Row {
@@ -115,39 +116,38 @@ TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
         std::string expected;
     };
     const std::vector<Row> rows{
-        {"every component", [](auto&, auto& f) { f = {}; },
+        {"every component", [](auto&, auto&) {},
          "Atlas/2.1 (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12)"},
-        {"every value from the platform", [](auto& c, auto&) { c = {}; },
+        {"every value from the platform", [](auto& c, auto& f) { c = {}, f = desktop; },
          "mapper/1.0 (org.example.mapper; 5; Linux 6.1.0) TerraneCommon/9.2.0 (terrane-common; "
          "321)"},
-        {"no app version", [](auto& c, auto& f) { c.appVersionComponent = "", f = {}; },
+        {"no app version", [](auto& c, auto&) { c.appVersionComponent = ""; },
          "Atlas (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12)"},
-        {"no app build", [](auto& c, auto& f) { c.appBuildNumberComponent = "unknown", f = {}; },
+        {"no app build", [](auto& c, auto&) { c.appBuildNumberComponent = "unknown"; },
          "Atlas/2.1 RouteKit/3.0.1 (routekit; 12)"},
-        {"no os version", [](auto& c, auto& f) { c.osVersionComponent = "", f = {}; },
+        {"no os version", [](auto& c, auto&) { c.osVersionComponent = ""; },
          "Atlas/2.1 RouteKit/3.0.1 (routekit; 12)"},
         {"only the platform's os version",
-         [](auto& c, auto& f) { c.osVersionComponent = "", f = {}, f.osVersion = "6.1"; },
+         [](auto& c, auto& f) { c.osVersionComponent = "", f.osVersion = "6.1"; },
          "Atlas/2.1 (atlas-app; 77; iOS 6.1) RouteKit/3.0.1 (routekit; 12)"},
         {"sdk without build",
-         [](auto& c, auto& f) {
-             c = {}, c.sdkNameComponent = "RouteKit", c.sdkIdentifierComponent = "routekit", f = {};
+         [](auto& c, auto&) {
+             c = {.sdkNameComponent = "RouteKit", .sdkIdentifierComponent = "routekit"};
          },
          "RouteKit"},
         {"sdk details without name",
-         [](auto& c, auto& f) {
-             c = {}, c.sdkIdentifierComponent = "routekit", c.sdkBuildNumberComponent = "12",
-             f = {};
+         [](auto& c, auto&) {
+             c = {.sdkIdentifierComponent = "routekit", .sdkBuildNumberComponent = "12"};
          },
          "(routekit; 12)"},
         {"an empty sdk piece keeps its place",
-         [](auto& c, auto& f) { c = {}, c.appNameComponent = "Atlas", f = {}; }, "Atlas "},
+         [](auto& c, auto&) { c = {.appNameComponent = "Atlas"}; }, "Atlas "},
         {"empty or unknown fallbacks",
-         [](auto& c, auto& f) { c = {}, f = {}, f.appName = "unknown", f.sdkName = ""; }, ""},
+         [](auto& c, auto& f) { c = {}, f.appName = "unknown", f.sdkName = ""; }, ""},
     };
     for (const auto& row : rows) {
         auto components = atlas;
-        auto fallbacks = desktop;
+        UserAgentFallbacks fallbacks;
         row.change(components, fallbacks);
         EXPECT_EQ(buildUserAgentString(components, fallbacks), row.expected + product) << row.what;
     }
