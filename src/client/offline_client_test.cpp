@@ -7,19 +7,28 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "reachability/reachability_flags.hpp"
+#include "reachability/reachability_handle.hpp"
+#include "reachability/reachability_notification_center.hpp"
+#include "reachability/reachability_service.hpp"
+#include "terrane/client/region_selection.hpp"
+#include "terrane/client/retry_policy.hpp"
 #include "terrane/http/http_service_factory.hpp"
 #include "terrane/offline/offline_service.hpp"
-#include "terrane/reachability/reachability_interface.hpp"
 #include "terrane/util/md5.hpp"
 #include "testing/fake_http_service.hpp"
+#include "testing/http_test_server.hpp"
 #include "testing/storage_tree.hpp"
+#include "util/file_io.hpp"
 
 namespace terrane::common {
 namespace {
@@ -28,9 +37,64 @@ using namespace std::chrono_literals;
 using test::FakeDownload;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
+using ::testing::PrintToString;
 
 constexpr auto maps = OfflineDataDomain::Maps;
 constexpr auto navigation = OfflineDataDomain::Navigation;
+
+TEST(FindRegion, PicksTheLatestRevisionUnlessOneIsNamed) {
+    std::vector<OfflineDataRegionMetadata> catalogue;
+    for (const auto& [id, revision] :
+         {std::pair{"harbour", 2u}, {"harbour", 7u}, {"hills", 1u}, {"harbour", 5u}}) {
+        catalogue.emplace_back().id = id;
+        catalogue.back().revision = revision;
+    }
+    const struct {
+        std::string id;
+        optional<std::uint32_t> revision;
+        std::string found;  // the region, or the error
+    } rows[] = {
+        {"harbour", nullopt, "harbour/7"},
+        {"harbour", 5, "harbour/5"},
+        {"hills", nullopt, "hills/1"},
+        {"harbour", 4,
+         "error=NotFound, message=The catalogue has no region 'harbour' at revision 4"},
+        {"harb", nullopt, "error=NotFound, message=The catalogue has no region 'harb'"},
+    };
+    for (const auto& row : rows) {
+        const auto result = findRegion(catalogue, row.id, row.revision);
+        EXPECT_EQ(result ? PrintToString(*result) : PrintToString(result.error()), row.found);
+    }
+}
+
+TEST(RetryDelay, DoublesFromOneSecondToFiveMinutesAndJitterOnlyShortensIt) {
+    const RetryPolicy policy;
+    struct Row {
+        std::uint32_t failures;
+        double random;
+        std::chrono::milliseconds delay;
+    };
+    const Row rows[] = {
+        {1, 0.0, 1s},    {2, 0.0, 2s},    {3, 0.0, 4s},    {8, 0.0, 128s},  {9, 0.0, 256s},
+        {10, 0.0, 300s}, {60, 0.0, 300s}, {1, 0.5, 750ms}, {10, 0.5, 225s},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(retryDelay(policy, row.failures, row.random), row.delay)
+            << row.failures << " failures, random " << row.random;
+    }
+}
+
+TEST(RetryDelay, OnlyTransientFailuresAreRetried) {
+    using enum OfflineDataErrorCode;
+    const std::pair<OfflineDataErrorCode, bool> rows[] = {
+        {Connection, true},       {Server, true},      {RateLimited, true},
+        {Unauthorized, false},    {NotFound, false},   {Corrupt, false},
+        {InvalidResponse, false}, {Filesystem, false}, {Unknown, false},
+    };
+    for (const auto& [code, retried] : rows) {
+        EXPECT_EQ(isRetryable(code), retried) << code;
+    }
+}
 
 // A clock whose time moves only when the test advances it, so that retry schedules of minutes
 // run at once. Any thread.
@@ -63,30 +127,16 @@ class ManualClock final : public ClientClock {
     std::uint64_t next_ = 1;
 };
 
-// A network whose status the test sets; set() calls every listener on the test's thread, as the
-// monitor thread would. Any thread.
-class ScriptedReachability final : public ReachabilityInterface {
+// Answers the flags the test last set, for a real reachability service.
+class ScriptedHandle final : public ReachabilityHandle {
   public:
-    void addListener(std::function<void(NetworkStatus)>&& listener) override {
-        std::lock_guard lock(mutex_);
-        listeners_.push_back(std::move(listener));
-    }
-    bool isReachable() override { return status_ != NetworkStatus::NotReachable; }
-    NetworkStatus currentNetworkStatus() override { return status_; }
-    void start() override { set(status_); }
-    void stop() override {}
-    void set(NetworkStatus status) {
-        status_ = status;
-        std::lock_guard lock(mutex_);
-        for (const auto& listener : listeners_) {
-            listener(status);
-        }
-    }
+    explicit ScriptedHandle(const std::atomic<ReachabilityFlags>& flags) : flags_(flags) {}
+    optional<ReachabilityFlags> flags() override { return flags_.load(); }
+    bool startNotifier() override { return true; }
+    void stopNotifier() override {}
 
   private:
-    std::atomic<NetworkStatus> status_ = NetworkStatus::ReachableViaWiFi;
-    std::mutex mutex_;
-    std::vector<std::function<void(NetworkStatus)>> listeners_;
+    const std::atomic<ReachabilityFlags>& flags_;
 };
 
 // What a client's thread hands over (progress reports, observer calls), for the test thread to
@@ -141,7 +191,10 @@ const auto available = [](const PackProgress& progress) {
 // that moves only when the test says and no jitter.
 class OfflineClientTest : public ::testing::Test {
   protected:
-    void SetUp() override { HttpServiceFactory::setUserDefined(http); }
+    void SetUp() override {
+        HttpServiceFactory::setUserDefined(http);
+        reachability->start();
+    }
     void TearDown() override {
         clients.clear();
         HttpServiceFactory::setUserDefined(nullptr);
@@ -172,9 +225,27 @@ class OfflineClientTest : public ::testing::Test {
         return options;
     }
 
-    static void expectError(const PackResult& result, OfflineDataErrorCode code) {
-        ASSERT_FALSE(result.outcome) << toString(result.domain) << " is available";
-        EXPECT_EQ(result.outcome.error().code, code) << result.outcome.error();
+    // Ends a download: with an HTTP status, dropped ("drop"), after 5 bytes and dropped,
+    // "corrupt" or "finish"ed, or cancelled by someone else, which leaves the pack Incomplete.
+    void end(const FakeDownload& download, const std::string& how) const {
+        if (how == "cancel") {
+            OfflineService::getInstance({}, {})->cancelPackDownload(maps, region());
+        } else if (how == "finish" || how == "corrupt") {
+            download.finish(how == "finish" ? content : "not the pack");
+        } else if (how.ends_with("drop")) {
+            if (how != "drop") {
+                download.progress(5, content.size());
+            }
+            download.fail(DownloadErrorCode::NetworkError, "connection dropped");
+        } else {
+            download.finish("refused", std::stoi(how));
+        }
+    }
+
+    // The tail of an available pack's path ("maps/1"), or the code of the error that ended it.
+    static std::string outcome(const PackResult& result) {
+        const auto& pack = result.outcome;
+        return pack ? pack->path.substr(pack->path.size() - 6) : PrintToString(pack.error().code);
     }
 
     const std::string content = "the bytes of the maps pack of region-a";
@@ -183,7 +254,15 @@ class OfflineClientTest : public ::testing::Test {
     std::shared_ptr<test::FakeHttpService> http = std::make_shared<test::FakeHttpService>();
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::shared_ptr<Recorded<PackProgress>> progress = std::make_shared<Recorded<PackProgress>>();
-    std::shared_ptr<ScriptedReachability> reachability = std::make_shared<ScriptedReachability>();
+    // Set on the test's thread, which tells the clients as the monitor thread would.
+    void setNetwork(ReachabilityFlags flags) {
+        network = flags;
+        center.post();
+    }
+    std::atomic<ReachabilityFlags> network = reachability_flag::Reachable;
+    ReachabilityNotificationCenter center;
+    std::shared_ptr<ReachabilityService> reachability =
+        std::make_shared<ReachabilityService>(std::make_unique<ScriptedHandle>(network), center);
     std::vector<std::unique_ptr<OfflineClient>> clients;
 };
 
@@ -204,90 +283,55 @@ TEST_F(OfflineClientTest, TheCatalogueIsWaitedForUntilItArrivesTheTimeoutOrTheSt
     EXPECT_EQ(client.listRegions(10s, stop.get_token()).error().message, cancelledMessage);
 }
 
-TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnTheBackoffScheduleWhichProgressResets) {
-    auto& client = makeClient();
-    const auto drop = [](const FakeDownload& download) {
-        download.fail(DownloadErrorCode::NetworkError, "connection dropped");
-    };
-    struct Row {
-        std::function<void(const FakeDownload&)> fail;
-        std::chrono::seconds delay;
-    };
-    const Row rows[] = {
-        {drop, 1s},
-        {[](const FakeDownload& download) { download.finish("busy", 503); }, 2s},
-        {[](const FakeDownload& download) { download.finish("slow down", 429); }, 4s},
-        // Cancelled by someone else: the pack is left Incomplete.
-        {[this](const FakeDownload&) {
-             OfflineService::getInstance({}, {})->cancelPackDownload(maps, region());
-         },
-         8s},
-        {drop, 16s},
-        {[&](const FakeDownload& download) {
-             download.progress(5, content.size());
-             drop(download);
-         },
-         1s},
-        {drop, 2s},
-    };
-    auto operation = client.download(region(), {maps, navigation}, withProgress());
-    std::uint32_t attempt = 0;
-    for (const auto& row : rows) {
-        ++attempt;
-        row.fail(http->nextDownload());
-        const auto waiting = progress->next(retryWaiting);
-        EXPECT_EQ(*waiting.nextRetry - clock->now(), row.delay) << "attempt " << attempt;
-        EXPECT_EQ(waiting.attempt, attempt);
-        EXPECT_FALSE(operation.done());
-        clock->advance(row.delay);
-    }
-    http->nextDownload().finish(content);
-    const auto& results = operation.result();
-    ASSERT_TRUE(results[0].outcome) << results[0].outcome.error();
-    EXPECT_THAT(results[0].outcome->path, EndsWith("maps/1"));
-    expectError(results[1], OfflineDataErrorCode::NotFound);  // the region has no such pack
-    const auto last = progress->next(available);
-    EXPECT_EQ(std::pair(last.bytesDone, last.bytesTotal),
-              std::pair(content.size(), content.size()));
-
-    // The service answers nothing when asked for an available pack; the client still does.
-    const auto again = client.download(region(), {maps});
-    ASSERT_TRUE(again.wait_for(10s));
-    EXPECT_EQ(again.result()[0].outcome, results[0].outcome);
-    EXPECT_EQ(http->downloads().size(), std::size(rows) + 1);
-}
-
-TEST_F(OfflineClientTest, FinalErrorsAndTheAttemptLimitEndThePack) {
+// Each row ends the pack's downloads the way its endings say, and renders the delay of each retry
+// that followed and then the pack's outcome.
+TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnABackoffScheduleUntilAFinalErrorOrTheLimit) {
     auto& client = makeClient();
     struct Row {
-        std::function<void(const FakeDownload&)> fail;
+        std::vector<std::string> endings;
         optional<std::uint32_t> maxAttempts;
-        OfflineDataErrorCode code;
-        std::size_t downloads;
+        std::string expected;
     };
-    using Code = OfflineDataErrorCode;
     const Row rows[] = {
-        {[](const FakeDownload& d) { d.finish("denied", 401); }, nullopt, Code::Unauthorized, 1},
-        {[](const FakeDownload& d) { d.finish("gone", 404); }, nullopt, Code::NotFound, 1},
-        // Corrupt twice: the second download starts from scratch, the second failure is final.
-        {[](const FakeDownload& d) { d.finish("not the pack"); }, nullopt, Code::Corrupt, 2},
-        {[](const FakeDownload& d) { d.fail(DownloadErrorCode::NetworkError, "x"); }, 3,
-         Code::Connection, 3},
+        {{"401"}, nullopt, "Unauthorized"},
+        {{"404"}, nullopt, "NotFound"},
+        // The second download starts from scratch by itself; the second failure is final.
+        {{"corrupt", "corrupt"}, nullopt, "Corrupt"},
+        {{"drop", "drop", "drop"}, 3, "1s 2s Connection"},
+        // Progress resets the schedule; a download cancelled by someone else is retried too.
+        {{"drop", "503", "429", "cancel", "drop", "5 bytes, drop", "drop", "finish"},
+         nullopt,
+         "1s 2s 4s 8s 16s 1s 2s maps/1"},
     };
     for (const auto& row : rows) {
         const std::size_t before = http->downloads().size();
         RetryPolicy retry;
         retry.maxAttempts = row.maxAttempts;
         auto operation = client.download(region(), {maps}, withProgress(retry));
-        for (std::size_t download = 0; download < row.downloads; ++download) {
-            row.fail(http->nextDownload());
-            if (download + 1 < row.downloads && row.code != Code::Corrupt) {
-                clock->advance(progress->next(retryWaiting).nextRetry.value() - clock->now());
+        std::string transcript;
+        for (std::size_t index = 0; index < row.endings.size(); ++index) {
+            end(http->nextDownload(), row.endings[index]);
+            if (index + 1 < row.endings.size() && row.endings[index] != "corrupt") {
+                const auto waiting = progress->next(retryWaiting);
+                EXPECT_EQ(waiting.attempt, index + 1);
+                EXPECT_FALSE(operation.done());
+                const auto delay = *waiting.nextRetry - clock->now();
+                transcript += std::to_string(delay / 1s) + "s ";
+                clock->advance(delay);
             }
         }
-        expectError(operation.result()[0], row.code);
-        EXPECT_EQ(http->downloads().size() - before, row.downloads) << row.code;
+        EXPECT_EQ(transcript + outcome(operation.result()[0]), row.expected);
+        EXPECT_EQ(http->downloads().size() - before, row.endings.size()) << row.expected;
     }
+    const auto last = progress->next(available);
+    EXPECT_EQ(std::pair(last.bytesDone, last.bytesTotal),
+              std::pair(content.size(), content.size()));
+
+    // The service answers nothing when asked for an available pack; the client still does. A
+    // domain the region does not offer is NotFound.
+    const auto again = client.download(region(), {maps, navigation});
+    EXPECT_EQ(outcome(again.result()[0]) + " " + outcome(again.result()[1]), "maps/1 NotFound");
+    EXPECT_EQ(http->downloads().size(), 15u);
 }
 
 TEST_F(OfflineClientTest, AStopTokenCancelsTheDownloadAndItsPartialFileStays) {
@@ -313,6 +357,7 @@ TEST_F(OfflineClientTest, AStopTokenCancelsTheDownloadAndItsPartialFileStays) {
 }
 
 TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackIsDeleted) {
+    using enum OfflineDataPackStatus;
     auto& downloader = makeClient();
     auto& remover = makeClient();
     const auto downloaderLog = std::make_shared<StateLog>();
@@ -323,13 +368,13 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
 
     auto download = downloader.download(region(), {maps});
     http->nextDownload().finish(content);
-    ASSERT_TRUE(download.result()[0].outcome);
-    EXPECT_EQ(remover.stored().at(0).pack.status, OfflineDataPackStatus::Available);
+    EXPECT_EQ(outcome(download.result()[0]), "maps/1");
+    EXPECT_EQ(remover.stored().at(0).pack.status, Available);
     const auto removing = remover.remove(region(), {});
     const auto& removal = removing.result();
     ASSERT_EQ(removal.size(), 1u);
     ASSERT_TRUE(removal[0].outcome) << removal[0].outcome.error();
-    EXPECT_EQ(removal[0].outcome->status, OfflineDataPackStatus::Deleted);
+    EXPECT_EQ(removal[0].outcome->status, Deleted);
     EXPECT_THAT(downloader.stored(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(download.result()[0].outcome->path));
 
@@ -337,46 +382,42 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
     const auto is = [](OfflineDataPackStatus wanted) {
         return [wanted](OfflineDataPackStatus status) { return status == wanted; };
     };
+    const std::vector heard{Pending, Verifying, Available, Deleting, Deleted};
     for (const auto& log : {downloaderLog, removerLog}) {
-        log->next(is(OfflineDataPackStatus::Available));
-        log->next(is(OfflineDataPackStatus::Deleting));
-        log->next(is(OfflineDataPackStatus::Deleted));
+        log->next(is(Deleted));
+        EXPECT_EQ(log->all(), heard);
     }
-    const auto heard = downloaderLog->all();
-    EXPECT_EQ(heard.front(), OfflineDataPackStatus::Pending);
-    EXPECT_EQ(std::count(heard.begin(), heard.end(), OfflineDataPackStatus::Deleted), 1);
 
     // An observer removed from one client hears nothing more; the other client's still does.
     downloader.removeObserver(downloaderLog);
     auto again = remover.download(region(), {maps});
     http->nextDownload().finish(content);
-    ASSERT_TRUE(again.result()[0].outcome);
-    removerLog->next(is(OfflineDataPackStatus::Available));
+    removerLog->next(is(Available));
     EXPECT_EQ(downloaderLog->all(), heard);
 }
 
 TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkAndResumeAfter) {
     auto& client = makeClient();
+    using namespace reachability_flag;
+    const ReachabilityFlags wifi = Reachable, wan = Reachable | IsWWAN, none = 0;
     struct Row {
-        NetworkStatus start;
+        ReachabilityFlags start;
         NetworkPolicy policy;
         bool startsAtOnce;
         // Where the network goes while the download runs, if anywhere.
-        optional<NetworkStatus> away;
+        optional<ReachabilityFlags> away;
     };
     const Row rows[] = {
-        {NetworkStatus::ReachableViaWiFi, NetworkPolicy::AnyNetwork, true,
-         NetworkStatus::NotReachable},
-        {NetworkStatus::ReachableViaWiFi, NetworkPolicy::NotOverWAN, true,
-         NetworkStatus::ReachableViaWAN},
-        {NetworkStatus::ReachableViaWAN, NetworkPolicy::AnyNetwork, true, nullopt},
-        {NetworkStatus::ReachableViaWAN, NetworkPolicy::NotOverWAN, false, nullopt},
-        {NetworkStatus::NotReachable, NetworkPolicy::AnyNetwork, false, nullopt},
+        {wifi, NetworkPolicy::AnyNetwork, true, none},
+        {wifi, NetworkPolicy::NotOverWAN, true, wan},
+        {wan, NetworkPolicy::AnyNetwork, true, nullopt},
+        {wan, NetworkPolicy::NotOverWAN, false, nullopt},
+        {none, NetworkPolicy::AnyNetwork, false, nullopt},
     };
     const auto waiting = [](const PackProgress& record) { return record.waitingForNetwork; };
     int number = 0;
     for (const auto& row : rows) {
-        reachability->set(row.start);
+        setNetwork(row.start);
         auto options = withProgress();
         options.network = row.policy;
         const std::size_t before = http->downloads().size();
@@ -385,23 +426,60 @@ TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkA
         if (!row.startsAtOnce) {
             progress->next(waiting);
             EXPECT_EQ(http->downloads().size(), before) << number;
-            reachability->set(NetworkStatus::ReachableViaWiFi);
+            setNetwork(wifi);
         }
         auto download = http->nextDownload();
         if (row.away) {
             download.progress(10, content.size());
             progress->next([](const PackProgress& record) { return record.bytesDone == 10; });
-            reachability->set(*row.away);
+            setNetwork(*row.away);
             EXPECT_EQ(http->nextCancellation().id(), download.id()) << number;
             progress->next(waiting);
-            reachability->set(NetworkStatus::ReachableViaWiFi);
+            setNetwork(wifi);
             download = http->nextDownload();
             EXPECT_TRUE(download.resume()) << number;
         }
         download.finish(content);
-        ASSERT_TRUE(operation.result()[0].outcome) << number;
+        EXPECT_EQ(outcome(operation.result()[0]), "maps/1") << number;
         EXPECT_EQ(progress->next(available).attempt, 1u) << "waiting for the network is no retry";
     }
+}
+
+// The whole road over the platform's HTTP service and a real server on 127.0.0.1.
+TEST(OfflineClientEndToEnd, ADownloadSurvivesTwoDroppedConnectionsWithoutHelp) {
+    test::HttpTestServer server;
+    const test::TestFile file{
+        .content = test::testContent(256 * 1024), .dropAfter = 64 * 1024, .faultyResponses = 2};
+    server.serve("/packs/harbour-maps.bin", file);
+
+    OfflineDataRegionMetadata region;
+    region.id = "harbour";
+    region.revision = 2;
+    region.mapPack =
+        OfflineDataPackMetadata{server.url("/packs/harbour-maps.bin"),
+                                util::md5String(file.content), file.content.size(), 1, ""};
+
+    test::TemporaryDirectory storage;
+    std::uint32_t attempts = 0;
+    std::uint64_t resumedFrom = 0;
+    {
+        OfflineClient client(storage.path().string(), {"alice", "tk", server.url("")});
+        PackDownloadOptions options;
+        options.retry.initialDelay = 10ms;
+        // Runs on the client's thread only, so the counters need no lock.
+        options.progress = [&](const PackProgress& progress) {
+            attempts = progress.attempt;
+            resumedFrom = std::max(resumedFrom, progress.resumedFrom);
+        };
+        const auto retried = client.download(region, {}, options);
+        ASSERT_TRUE(retried.wait_for(60s));
+        const auto& outcome = retried.result().at(0).outcome;
+        ASSERT_TRUE(outcome) << outcome.error();
+        EXPECT_EQ(base::io::readFile(outcome->path).value_or(""), file.content);
+    }
+    EXPECT_EQ(attempts, 3u);
+    EXPECT_GT(resumedFrom, 0u) << "the retries resume the partial file";
+    EXPECT_EQ(server.requestsFor("/packs/harbour-maps.bin").size(), 3u);
 }
 
 }  // namespace

@@ -1,51 +1,113 @@
 #include "util/file_io.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "util/file_test_support.hpp"
+#include "terrane/util/md5.hpp"
+#include "util/digest_cache.hpp"
+#include "util/file_descriptor.hpp"
 
 namespace terrane::base::io {
 namespace {
 
 namespace fs = std::filesystem;
+using common::unexpected;
+using common::util::DigestCache;
+using common::util::md5File;
+using common::util::md5String;
 
-class FileIoTest : public common::util::test::TemporaryDirectoryTest {
+// A fresh directory per test below the system's temporary directory, removed with its contents.
+class FileTest : public ::testing::Test {
   protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "terrane-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        directory_ = pattern;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(directory_, ignored);
+    }
+
+    static fs::path put(const fs::path& path, const std::string& contents) {
+        std::ofstream(path, std::ios::binary) << contents;
+        return path;
+    }
+
+    // Bytes that repeat only after a long stretch, so that misplaced blocks show.
+    static std::string patternedBytes(std::size_t size) {
+        std::string bytes(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) {
+            bytes[i] = static_cast<char>(i * 7 + i / 251);
+        }
+        return bytes;
+    }
+
+    static void recordDigest(const fs::path& path, const std::string& digest) {
+        const FileDescriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+        ASSERT_TRUE(DigestCache::instance().record(file.get(), digest)) << path;
+    }
+
     // Names in the directory, to show that no temporary file was left behind.
     std::vector<std::string> entries() const {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(directory_)) {
             names.push_back(entry.path().filename().string());
         }
-        std::sort(names.begin(), names.end());
+        std::ranges::sort(names);
         return names;
     }
+
+    fs::path directory_;
 };
 
-TEST_F(FileIoTest, ReadsWholeRegularFilesAndNamesWhatElseItFound) {
-    const std::string contents = patternedBytes(200 * 1024 + 3);
-    EXPECT_EQ(readFile(put(directory_ / "data", contents)), contents);
-    // A FIFO is refused without waiting for a writer.
-    ASSERT_EQ(::mkfifo((directory_ / "fifo").c_str(), 0600), 0);
-    const std::vector<std::pair<fs::path, std::string>> failures{
-        {directory_ / "missing", "No such file or directory"},
-        {directory_, "Is a directory"},
-        {directory_ / "fifo", "Not a regular file"},
+TEST(Md5String, MatchesTheReferenceDigestsInLowerCaseHex) {
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {std::string("a\0b", 3), "70350f6027bce3713f6b76473084309b"},
+        {std::string(80, '7'), "f57cdd6b6e803f7b1b4208daa2f9e64b"},
     };
-    for (const auto& [path, message] : failures) {
-        EXPECT_EQ(readFile(path), common::unexpected(message)) << path;
+    for (const auto& [input, digest] : rows) {
+        EXPECT_EQ(md5String(input), digest) << input;
     }
 }
 
-TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLeft) {
+// A FIFO is refused without waiting for a writer. md5File names the step and the path too.
+TEST_F(FileTest, ReadsAndDigestsWholeRegularFilesAndNamesWhatElseItFound) {
+    // Sizes around the boundaries of the 1 MiB read buffer.
+    for (const std::size_t size : {0, 1, 1 << 20, (1 << 20) + 1, 3 * (1 << 20) - 7}) {
+        const std::string contents = patternedBytes(size);
+        put(directory_ / "file", contents);
+        EXPECT_EQ(readFile(directory_ / "file"), contents) << size;
+        EXPECT_EQ(md5File(directory_ / "file"), md5String(contents)) << size;
+    }
+    ASSERT_EQ(::mkfifo((directory_ / "fifo").c_str(), 0600), 0);
+    const std::vector<std::pair<fs::path, std::string>> rows{
+        {directory_ / "missing", "open: No such file or directory"},
+        {directory_, "read: Is a directory"},
+        {directory_ / "fifo", "read: Not a regular file"},
+    };
+    for (const auto& [path, error] : rows) {
+        const auto colon = error.find(':');
+        EXPECT_EQ(readFile(path), unexpected(error.substr(colon + 2))) << path;
+        const std::string step = error.substr(0, colon) + " \"" + path.string() + "\"";
+        EXPECT_EQ(md5File(path), unexpected(step + error.substr(colon))) << path;
+    }
+}
+
+TEST_F(FileTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLeft) {
     // As long as a name can be: the temporary's name is cut to fit.
     const std::string name(255, 'n');
     const fs::path target = directory_ / name;
@@ -65,7 +127,7 @@ TEST_F(FileIoTest, WritesOrReplacesWholeWithTheUsualPermissionsAndNoTemporaryLef
 
 // Within one sector, a record of the same length is written over in place; anything else is
 // replaced whole, and a link is replaced rather than followed.
-TEST_F(FileIoTest, RewritesASameLengthRecordInPlaceAndReplacesAnythingElse) {
+TEST_F(FileTest, RewritesASameLengthRecordInPlaceAndReplacesAnythingElse) {
     put(directory_ / "linked", "0123");
     fs::create_symlink(directory_ / "linked", directory_ / "link");
     const std::string sector(512, 's');
@@ -101,7 +163,7 @@ TEST_F(FileIoTest, RewritesASameLengthRecordInPlaceAndReplacesAnythingElse) {
 }
 
 // Over a directory the rename fails, after the temporary was written: it goes too.
-TEST_F(FileIoTest, AFailedWriteLeavesEverythingAsItWas) {
+TEST_F(FileTest, AFailedWriteLeavesEverythingAsItWas) {
     fs::create_directory(directory_ / "maps");
     put(directory_ / "maps" / "1", "pack");
     const std::vector<std::pair<fs::path, std::string>> rows{
@@ -109,13 +171,13 @@ TEST_F(FileIoTest, AFailedWriteLeavesEverythingAsItWas) {
         {directory_ / "maps", "Is a directory"},
     };
     for (const auto& [target, message] : rows) {
-        EXPECT_EQ(writeFileAtomically(target, "{}"), common::unexpected(message)) << target;
+        EXPECT_EQ(writeFileAtomically(target, "{}"), unexpected(message)) << target;
     }
     EXPECT_EQ(readFile(directory_ / "maps" / "1"), "pack");
     EXPECT_EQ(entries(), std::vector<std::string>{"maps"});
 }
 
-TEST_F(FileIoTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
+TEST_F(FileTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
     const std::vector<std::pair<std::string, bool>> rows{
         {".1.json.tmp-AZaz09", true}, {".x.tmp-abcdef", true},  {"..tmp-abcdef", false},
         {"x.json.tmp-abcdef", false}, {".x.tmp_abcdef", false}, {".x.tmp-abcd@f", false},
@@ -133,9 +195,66 @@ TEST_F(FileIoTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
         }
     }
     removeInterruptedWrites(directory_);
-    std::sort(kept.begin(), kept.end());
+    std::ranges::sort(kept);
     EXPECT_EQ(entries(), kept);
     EXPECT_TRUE(fs::exists(directory_ / ".d.tmp-abcdef" / ".x.tmp-abcdef"));
+}
+
+// A digest recorded for a file answers for it, after the library renamed it into place, only while
+// the file is the one recorded: the answer shows which it was, since the recorded digest is not the
+// file's. The cache keeps only the newest entries.
+TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheNewestFilesAsRecorded) {
+    const std::string original = patternedBytes(100'000);
+    const auto keepTimes = [](const fs::path& file, const std::function<void()>& change) {
+        struct stat before {};
+        ::stat(file.c_str(), &before);
+        change();
+        const timespec times[2] = {before.st_atim, before.st_mtim};
+        EXPECT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    };
+    const struct {
+        const char* change;
+        std::function<void(const fs::path&)> apply;
+        bool recorded;
+    } rows[] = {
+        {"none", [](const fs::path&) {}, true},
+        {"one byte overwritten, times put back",
+         [&](const fs::path& file) {
+             keepTimes(file, [&] {
+                 const FileDescriptor out{::open(file.c_str(), O_WRONLY | O_CLOEXEC)};
+                 EXPECT_EQ(::pwrite(out.get(), "x", 1, 500), 1);
+             });
+         },
+         false},
+        {"truncated", [](const fs::path& file) { fs::resize_file(file, 50'000); }, false},
+        {"replaced by a file of the same size and times",
+         [&](const fs::path& file) {
+             // Removed first, so that the new file may well get the same inode.
+             keepTimes(file, [&] {
+                 fs::remove(file);
+                 put(file, std::string(original).replace(0, 1, "~"));
+             });
+         },
+         false},
+    };
+    const fs::path part = directory_ / "part";
+    const fs::path file = directory_ / "file";
+    const std::string recorded = "digest recorded for the original";
+    for (const auto& row : rows) {
+        recordDigest(put(part, original), recorded);
+        ASSERT_EQ(DigestCache::instance().rename(part, file), 0);
+        row.apply(file);
+        const auto expected = row.recorded ? recorded : md5String(*readFile(file));
+        EXPECT_EQ(md5File(file), expected) << row.change;
+    }
+
+    std::vector<fs::path> files;
+    for (std::size_t index = 0; index <= DigestCache::kCapacity; ++index) {
+        files.push_back(put(directory_ / std::to_string(index), std::to_string(index)));
+        recordDigest(files.back(), "recorded");
+    }
+    EXPECT_EQ(md5File(files.front()), md5String("0"));
+    EXPECT_EQ(md5File(files.back()), "recorded");
 }
 
 }  // namespace

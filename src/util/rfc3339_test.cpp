@@ -46,24 +46,20 @@ TEST(ParseRFC3339, ReadsTimeStampsAndRefusesMalformedText) {
         {"2021-01-01T10:00:00-05:30", at(newYear2021 + 15 * 3600 + 1800)},
         // The time of day is not range-checked.
         {"2021-01-01T25:00:00Z", at(newYear2021 + 25 * 3600)},
-        {"yesterday", nullopt},
-        {"2021-01-01T10:00:00+02", nullopt},
-        {"2021-00-01T10:00:00Z", nullopt},
-        {"2021-13-01T10:00:00Z", nullopt},
-        {"2021-01-00T10:00:00Z", nullopt},
-        {"2021-01-32T10:00:00Z", nullopt},
-        {"2021-01-01T-1:00:00Z", nullopt},
-        {"2021-01-01T10:00:nanZ", nullopt},
-        {"2021-01-01T10:00:infZ", nullopt},
-        {"2021-01-01T10:00:1e300Z", nullopt},
     };
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(parseRFC3339(text), expected) << text;
     }
-    EXPECT_FALSE(parseRFC3339(nullptr));
+    for (const char* text :
+         {static_cast<const char*>(nullptr), "yesterday", "2021-01-01T10:00:00+02",
+          "2021-00-01T10:00:00Z", "2021-13-01T10:00:00Z", "2021-01-00T10:00:00Z",
+          "2021-01-32T10:00:00Z", "2021-01-01T-1:00:00Z", "2021-01-01T10:00:nanZ",
+          "2021-01-01T10:00:infZ", "2021-01-01T10:00:1e300Z"}) {
+        EXPECT_FALSE(parseRFC3339(text)) << text;
+    }
 }
 
-TEST(FormatRFC3339, WritesMillisecondsWithUnpaddedSeconds) {
+TEST(FormatRFC3339, WritesMillisecondsWithUnpaddedSecondsThatReadBack) {
     const std::vector<std::pair<TimePoint, std::string>> rows{
         {at(0), "1970-01-01T00:00:0.000Z"},
         {at(1'614'816'000 + 5 * 3600 + 6 * 60 + 5, 250), "2021-03-04T05:06:5.250Z"},
@@ -76,9 +72,6 @@ TEST(FormatRFC3339, WritesMillisecondsWithUnpaddedSeconds) {
     for (const auto& [time, text] : rows) {
         EXPECT_EQ(formatRFC3339(time), text);
     }
-}
-
-TEST(RFC3339, FormattedTimesReadBackToTheMillisecond) {
     const TimePoint minute = at(1'614'816'000 + 13 * 3600 + 37 * 60);
     for (std::int64_t ms = 0; ms < 60'000; ++ms) {
         const TimePoint time = minute + milliseconds{ms};
