@@ -20,7 +20,6 @@
 #include "reachability/reachability_handle.hpp"
 #include "reachability/reachability_notification_center.hpp"
 #include "reachability/reachability_service.hpp"
-#include "terrane/client/region_selection.hpp"
 #include "terrane/client/retry_policy.hpp"
 #include "terrane/http/http_service_factory.hpp"
 #include "terrane/offline/offline_service.hpp"
@@ -41,60 +40,6 @@ using ::testing::PrintToString;
 
 constexpr auto maps = OfflineDataDomain::Maps;
 constexpr auto navigation = OfflineDataDomain::Navigation;
-
-TEST(FindRegion, PicksTheLatestRevisionUnlessOneIsNamed) {
-    std::vector<OfflineDataRegionMetadata> catalogue;
-    for (const auto& [id, revision] :
-         {std::pair{"harbour", 2u}, {"harbour", 7u}, {"hills", 1u}, {"harbour", 5u}}) {
-        catalogue.emplace_back().id = id;
-        catalogue.back().revision = revision;
-    }
-    const struct {
-        std::string id;
-        optional<std::uint32_t> revision;
-        std::string found;  // the region, or the error
-    } rows[] = {
-        {"harbour", nullopt, "harbour/7"},
-        {"harbour", 5, "harbour/5"},
-        {"hills", nullopt, "hills/1"},
-        {"harbour", 4,
-         "error=NotFound, message=The catalogue has no region 'harbour' at revision 4"},
-        {"harb", nullopt, "error=NotFound, message=The catalogue has no region 'harb'"},
-    };
-    for (const auto& row : rows) {
-        const auto result = findRegion(catalogue, row.id, row.revision);
-        EXPECT_EQ(result ? PrintToString(*result) : PrintToString(result.error()), row.found);
-    }
-}
-
-TEST(RetryDelay, DoublesFromOneSecondToFiveMinutesAndJitterOnlyShortensIt) {
-    const RetryPolicy policy;
-    struct Row {
-        std::uint32_t failures;
-        double random;
-        std::chrono::milliseconds delay;
-    };
-    const Row rows[] = {
-        {1, 0.0, 1s},    {2, 0.0, 2s},    {3, 0.0, 4s},    {8, 0.0, 128s},  {9, 0.0, 256s},
-        {10, 0.0, 300s}, {60, 0.0, 300s}, {1, 0.5, 750ms}, {10, 0.5, 225s},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(retryDelay(policy, row.failures, row.random), row.delay)
-            << row.failures << " failures, random " << row.random;
-    }
-}
-
-TEST(RetryDelay, OnlyTransientFailuresAreRetried) {
-    using enum OfflineDataErrorCode;
-    const std::pair<OfflineDataErrorCode, bool> rows[] = {
-        {Connection, true},       {Server, true},      {RateLimited, true},
-        {Unauthorized, false},    {NotFound, false},   {Corrupt, false},
-        {InvalidResponse, false}, {Filesystem, false}, {Unknown, false},
-    };
-    for (const auto& [code, retried] : rows) {
-        EXPECT_EQ(isRetryable(code), retried) << code;
-    }
-}
 
 // A clock whose time moves only when the test advances it, so that retry schedules of minutes
 // run at once. Any thread.
