@@ -665,13 +665,14 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
             .lowSpeedTime = std::chrono::seconds(&row - rows < kStallingRows ? 1 : 60),
             .maxResponseBytes = 1024 * 1024,
         });
-        // Both at once: a stall takes a few seconds to be recognised.
+        // Both at once: a stall takes a few seconds to be recognised. The download takes its digest
+        // as it goes, so that a transfer given up mid-way also stops the digest's thread.
         HttpRequest request(urlOf(row.target));
         request.timeout = row.timeout;
         ResponseInbox responses;
         service_->request(std::move(request), responses.callback());
         StatusInbox inbox;
-        start(row.target, inbox, false, 1024 * 1024, row.timeout);
+        start(row.target, inbox, false, 1024 * 1024, row.timeout, true);
         const auto final = test::waitForFinal(inbox);
         const auto result = responses.waitFor(1).result;
         ASSERT_FALSE(result.has_value());
