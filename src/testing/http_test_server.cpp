@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <stdexcept>
 
 // The Debian library is built with these; its classes change shape without them.
@@ -44,18 +45,11 @@ std::string gzipEncode(std::string_view content) {
     return out;
 }
 
-optional<std::string> ReceivedRequest::header(const std::string& name) const {
-    const auto found = headers.find(name);
-    return found == headers.end() ? nullopt : optional<std::string>(found->second);
-}
-
 HttpTestServer::HttpTestServer() : server_(std::make_unique<httplib::Server>()) {
     // Enough workers for every request a test keeps waiting at once, plus keep-alive sockets.
     server_->new_task_queue = [] { return new httplib::ThreadPool(48); };
     server_->set_keep_alive_timeout(1);
-    const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-        serveFile(request, response);
-    };
+    const auto handler = std::bind_front(&HttpTestServer::serveFile, this);
     server_->Get(".*", handler).Post(".*", handler);
     port_ = static_cast<std::uint16_t>(server_->bind_to_any_port("127.0.0.1"));
     if (port_ == 0) {
@@ -135,51 +129,33 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
     if (file.holdHead) {
         waitForRelease();
     }
-    for (const auto& [name, value] :
-         {std::pair{"ETag", file.etag}, {"Last-Modified", file.lastModified}}) {
+    for (const auto& [name, value] : file.headers) {
+        response.set_header(name, value);
+    }
+    for (const auto& [name, value] : {std::pair{"ETag", file.etag},
+                                      {"Last-Modified", file.lastModified},
+                                      {"Accept-Ranges", std::string("bytes")}}) {
         if (!value.empty()) {
             response.set_header(name, value);
         }
     }
-    for (const auto& [name, value] : file.headers) {
-        response.set_header(name, value);
-    }
-    response.set_header("Accept-Ranges", "bytes");
-    constexpr auto kBinary = "application/octet-stream";
     // Ranges are answered here, not by the library, so that tests control them fully.
     const_cast<httplib::Request&>(request).ranges.clear();
     const auto body = std::make_shared<std::string>(file.content);
-    if (file.chunked) {
-        response.set_chunked_content_provider(
-            kBinary, [body](std::size_t offset, httplib::DataSink& sink) {
-                const auto size = std::min(kChunk, body->size() - offset);
-                if (size == 0) {
-                    sink.done();
-                }
-                return size == 0 || sink.write(body->data() + offset, size);
-            });
-        return;
-    }
-
     const std::string range = request.get_header_value("Range");
     const std::string ifRange = request.get_header_value("If-Range");
     response.status = file.status;
-    if (file.status == 200 && range.starts_with("bytes=") &&
-        (ifRange.empty() || ifRange == file.etag ||
-         (!file.lastModified.empty() && ifRange == file.lastModified))) {
+    if (!file.chunked && file.status == 200 && range.starts_with("bytes=") &&
+        (ifRange.empty() || ifRange == file.etag || ifRange == file.lastModified)) {
         const std::size_t first = std::strtoull(range.c_str() + 6, nullptr, 10);
         const std::string size = std::to_string(body->size());
-        if (first >= body->size()) {
-            response.status = 416;
-            response.set_header("Content-Range", "bytes */" + size);
-            return;
-        }
-        response.status = 206;
-        response.set_header("Content-Range", "bytes " + std::to_string(first) + "-" +
-                                                 std::to_string(body->size() - 1) + "/" + size);
-        body->erase(0, first);
+        response.status = first < body->size() ? 206 : 416;
+        response.set_header("Content-Range", first < body->size()
+                                                 ? "bytes " + std::to_string(first) + "-" +
+                                                       std::to_string(body->size() - 1) + "/" + size
+                                                 : "bytes */" + size);
+        body->erase(0, std::min(first, body->size()));
     }
-
     if (body->empty()) {
         return;  // a content provider of no length would never be asked, and the answer hang
     }
@@ -189,24 +165,34 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
                                         : file.dropAfter     ? file.dropAfter
                                                              : file.stallAfter;
     const bool stalls = faulty && file.stallAfter;
-    response.set_content_provider(
-        file.announcedLength.value_or(body->size()), kBinary,
-        [this, body, limit, stalls](std::size_t offset, std::size_t length,
-                                    httplib::DataSink& sink) {
-            const std::size_t end =
-                std::max(offset, std::min({offset + std::min(length, kChunk), body->size(),
-                                           limit.value_or(body->size())}));
-            if (end > offset && !sink.write(body->data() + offset, end - offset)) {
-                return false;
+    // Sends the next piece from the offset; false breaks the connection off.
+    const auto send = [this, body, limit, stalls, chunked = file.chunked](std::size_t offset,
+                                                                          httplib::DataSink& sink) {
+        const std::size_t end = std::max(
+            offset, std::min({offset + kChunk, body->size(), limit.value_or(body->size())}));
+        if (end > offset && !sink.write(body->data() + offset, end - offset)) {
+            return false;
+        }
+        if (limit && end == *limit) {
+            if (stalls) {
+                waitForRelease();
             }
-            if (limit && end == *limit) {
-                if (stalls) {
-                    waitForRelease();
-                }
-                return false;  // breaks the connection off
-            }
-            return true;
-        });
+            return false;
+        }
+        if (chunked && end == body->size()) {
+            sink.done();
+        }
+        return true;
+    };
+    if (file.chunked) {
+        response.set_chunked_content_provider("application/octet-stream", send);
+    } else {
+        response.set_content_provider(
+            file.announcedLength.value_or(body->size()), "application/octet-stream",
+            [send](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                return send(offset, sink);
+            });
+    }
 }
 
 }  // namespace terrane::common::test

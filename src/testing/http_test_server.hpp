@@ -39,7 +39,10 @@ struct ReceivedRequest {
     std::string body;
 
     // The first value sent under the name.
-    optional<std::string> header(const std::string& name) const;
+    optional<std::string> header(const std::string& name) const {
+        const auto found = headers.find(name);
+        return found == headers.end() ? nullopt : optional<std::string>(found->second);
+    }
 };
 
 // A file the server offers, with the faults a test wants it to show.

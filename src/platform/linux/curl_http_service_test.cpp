@@ -4,6 +4,7 @@
 
 #include "platform/linux/curl_http_service.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -15,7 +16,6 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <set>
 #include <thread>
 
 #include "platform/linux/curl_engine.hpp"
@@ -39,22 +39,10 @@ namespace fs = std::filesystem;
 using test::ResponseInbox;
 using test::StatusInbox;
 using test::TestFile;
-using States = std::vector<DownloadState>;
 
 using enum DownloadState;
 using enum DownloadErrorCode;
 using enum HttpRequestErrorType;
-
-// The states reported, each run of one state counted once.
-States phasesOf(const std::vector<DownloadStatus>& statuses) {
-    States states;
-    for (const auto& status : statuses) {
-        if (states.empty() || states.back() != status.state) {
-            states.push_back(status.state);
-        }
-    }
-    return states;
-}
 
 std::vector<std::string> valuesOf(const test::ReceivedRequest& request, const std::string& name) {
     std::vector<std::string> values;
@@ -132,17 +120,12 @@ class CurlHttpServiceTest : public ::testing::Test {
         return service_->download(std::move(options), inbox.callback());
     }
 
-    DownloadStatus download(const std::string& target, bool resume = false,
-                            optional<std::uint64_t> maxBytes = nullopt, std::uint64_t timeout = 0) {
+    // The outcome of a whole download.
+    std::string download(const std::string& target, bool resume = false) {
         StatusInbox inbox;
-        start(target, inbox, resume, maxBytes, timeout);
-        return test::waitForFinal(inbox);
-    }
-
-    HttpResponse fetch(HttpRequest request) {
-        ResponseInbox inbox;
-        service_->request(std::move(request), inbox.callback());
-        return inbox.waitFor(1);
+        start(target, inbox, resume);
+        test::waitForFinal(inbox);
+        return outcome(inbox);
     }
 
     bool cancel(std::uint64_t id) { return test::cancel(*service_, id); }
@@ -165,13 +148,42 @@ class CurlHttpServiceTest : public ::testing::Test {
         EXPECT_EQ(fs::file_size(part()), bytes);
     }
 
-    // Every file below the scratch directory, by relative path.
-    std::set<std::string> files() const {
-        std::set<std::string> names;
-        for (const auto& [name, content] : test::treeContents(scratch_.path())) {
-            names.insert(name);
+    // The latest report of a download in one line: its state, then the bytes so far, the code
+    // and bytes of a finished one or the error of a failed one, then the bytes of the first
+    // Downloading report, if any. Every report came on the engine thread.
+    static std::string outcome(const StatusInbox& inbox) {
+        const char* const states[] = {"Pending", "Downloading", "Failed", "Finished"};
+        const char* const codes[] = {"FileSystemError", "NetworkError", "SizeExceeded"};
+        const auto statuses = inbox.items();
+        const auto& last = statuses.back();
+        std::string text = states[static_cast<int>(last.state)];
+        if (!isFinal(last.state)) {
+            text += " " + std::to_string(last.receivedBytes);
+        } else if (last.error) {
+            text += std::string(" ") + codes[static_cast<int>(last.error->code)] + ": " +
+                    last.error->message;
+        } else if (last.state == Finished) {
+            text += " " + std::to_string((*last.httpResult)->code) + " " +
+                    std::to_string(last.receivedBytes) + "/" +
+                    std::to_string(last.totalBytes.value_or(0));
         }
-        return names;
+        const auto first = std::ranges::find(statuses, Downloading, &DownloadStatus::state);
+        if (first != statuses.end()) {
+            text += " from " + std::to_string(first->receivedBytes);
+        }
+        for (const auto thread : inbox.threads()) {
+            EXPECT_NE(thread, std::this_thread::get_id());
+        }
+        return text;
+    }
+
+    // The files below the scratch directory besides the destination, each after a space.
+    std::string leftovers() const {
+        std::string text;
+        for (const auto& [name, content] : test::treeContents(scratch_.path())) {
+            text += name == "out/pack.bin" ? "" : " " + name;
+        }
+        return text;
     }
 
     test::HttpTestServer server_;
@@ -365,6 +377,8 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
     const std::string content = test::testContent(64 * 1024, 9);
     const std::string older = test::testContent(64 * 1024, 8);
     const std::string cap = "Failed SizeExceeded: Download exceeds the limit of 65535 bytes.";
+    fs::create_directories(scratch_.path() / "occupied" / "inside");
+    const auto missing = (scratch_.path() / "missing" / "pack.zip").string();
     struct Row {
         const char* name;
         TestFile file;  // served at /<row>/pack
@@ -372,56 +386,68 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         // of heldBytes or else all of its bytes.
         std::string held;
         optional<std::uint64_t> cap;
-        // How it ended, the bytes of the first Downloading report, the range of each request,
-        // and the files left besides the destination.
+        // The outcome, the range of each request, the files left besides the destination, and
+        // after "= " what the destination holds ("content" for the file, "previous" for what it
+        // held before).
         std::string expected;
-        // What the destination holds afterwards when not the file, or "previous" after an error.
-        std::string destination{};
         std::string heldFor = "/pack";
         optional<std::uint64_t> heldBytes{};
+        std::string destination{};  // instead of out/pack.bin
     };
     const TestFile file{.content = content};
     const TestFile gzipped{.content = test::gzipEncode(content),
                            .headers = {{"Content-Encoding", "gzip"}}};
     const TestFile redirecting{.status = 302, .headers = {{"Location", redirect(3)}}};
-    const TestFile missing{.content = "missing", .status = 404};
+    const TestFile missingFile{.content = "missing", .status = 404};
     const TestFile failing{.content = content + content, .status = 500};
     const TestFile changed{.content = content, .etag = "\"v2\""};
     const TestFile untagged{.content = content, .etag = ""};
     const TestFile refusing{.content = "busy", .status = 503};
     const std::string whole = "Finished 200 65536/65536 from 0 ";
-    const std::string resumed = "Finished 206 65536/65536 from 40000 [bytes=40000-;]";
+    const std::string resumed = "Finished 206 65536/65536 from 40000 [bytes=40000-;] = content";
     const Row rows[] = {
-        {"a file as large as the cap", file, "", 65536, whole + "[-;]"},
+        {"a file as large as the cap", file, "", 65536, whole + "[-;] = content"},
         // Decoded, so neither resumable nor measured by the server's length.
-        {"a compressed file", gzipped, "", nullopt, whole + "[-;]", content},
-        {"a redirected file", redirecting, "", nullopt, "Finished 200 10/10 from 0 [-;]",
-         "redirected"},
-        {"an error status", missing, "", nullopt, "Finished 404 7/7 from 0 [-;]"},
-        {"a large error body", failing, "", nullopt, "Finished 500 65536/65536 from 0 [-;]"},
-        {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;]"},
+        {"a compressed file", gzipped, "", nullopt, whole + "[-;] = content"},
+        {"a redirected file", redirecting, "", nullopt,
+         "Finished 200 10/10 from 0 [-;] = redirected"},
+        {"an error status", missingFile, "", nullopt, "Finished 404 7/7 from 0 [-;] = previous"},
+        {"a large error body", failing, "", nullopt,
+         "Finished 500 65536/65536 from 0 [-;] = previous"},
+        {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;] = previous"},
         {"a resumed range whose total is beyond the cap", file, content.substr(0, 1000), 65535,
-         cap + " [bytes=1000-;]"},
-        {"more held already than the cap", file, content, 65535, cap + " []"},
+         cap + " [bytes=1000-;] = previous"},
+        {"more held already than the cap", file, content, 65535, cap + " [] = previous"},
         {"the same file", file, content.substr(0, 40000), nullopt, resumed},
         // As after a kill: the data was stored when the head came, the partial file grew later.
         {"bytes written after the data was stored", file, content.substr(0, 40000), nullopt,
-         resumed, "", "/pack", 0},
-        {"a changed file", changed, older.substr(0, 1000), nullopt, whole + "[bytes=1000-;]"},
+         resumed, "/pack", 0},
+        {"a changed file", changed, older.substr(0, 1000), nullopt,
+         whole + "[bytes=1000-;] = content"},
         {"a shorter file under the same tag", file, older + "0123456789", nullopt,
-         whole + "[bytes=65546-;-;]"},
-        {"data of another URL", untagged, "partial", nullopt, whole + "[-;] out/pack.bin.rd", "",
-         "/other"},
+         whole + "[bytes=65546-;-;] = content"},
+        {"data of another URL", untagged, "partial", nullopt,
+         whole + "[-;] out/pack.bin.rd = content", "/other"},
         // The partial file is untouched, so the data is put back for a later attempt.
         {"a refusal", refusing, "partial", nullopt,
-         "Finished 503 4/4 [bytes=7-;] out/pack.bin.part out/pack.bin.rd"},
+         "Finished 503 4/4 [bytes=7-;] out/pack.bin.part out/pack.bin.rd = previous"},
+        // The server is asked only once the destination's directory proved writable.
+        {"a missing directory", untagged, "", nullopt,
+         "Failed FileSystemError: " + missing + " is not writable. [] = ", "/pack", nullopt,
+         missing},
+        // The rename at the end fails; without validators nothing is kept to resume.
+        {"a directory in the way", untagged, "", nullopt,
+         "Failed FileSystemError: Is a directory from 0 [-;] = ", "/pack", nullopt,
+         (scratch_.path() / "occupied").string()},
     };
+    const std::string out = destination_;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         const std::string prefix = "/" + std::to_string(&row - rows);
         const std::string path = prefix + "/pack";
         server_.serve(path, row.file);
-        test::writeWholeFile(destination_, "previous");
+        test::writeWholeFile(out, "previous");
+        destination_ = row.destination.empty() ? out : row.destination;
         const ResumeData stored{server_.url(prefix + row.heldFor), part(),
                                 row.heldBytes.value_or(row.held.size()), "\"v1\"", ""};
         if (!row.held.empty()) {
@@ -433,37 +459,19 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         StatusInbox inbox;
         const auto id = start(path, inbox, true, row.cap, 0, digest);
         const auto final = test::waitForFinal(inbox);
-        const char* codes[] = {"FileSystemError", "NetworkError", "SizeExceeded"};
-        std::string text = final.error ? std::string("Failed ") +
-                                             codes[static_cast<int>(final.error->code)] + ": " +
-                                             final.error->message
-                                       : "Finished " + std::to_string((*final.httpResult)->code) +
-                                             " " + std::to_string(final.receivedBytes) + "/" +
-                                             std::to_string(final.totalBytes.value_or(0));
-        for (const auto& status : inbox.items()) {
-            if (status.state == Downloading) {
-                text += " from " + std::to_string(status.receivedBytes);
-                break;
-            }
-        }
-        text += " [";
+        std::string text = outcome(inbox) + " [";
         for (const auto& request : server_.requestsFor(path)) {
             text += request.header("range").value_or("-") + ";";
             EXPECT_EQ(request.header("if-range"),
                       request.header("range") ? optional<std::string>("\"v1\"") : nullopt);
             EXPECT_EQ(request.header("accept-encoding"), "identity");
         }
-        text += "]";
-        for (const auto& name : files()) {
-            text += name == "out/pack.bin" ? "" : " " + name;
-        }
-        EXPECT_EQ(text, row.expected);
+        const std::string now = test::readWholeFile(destination_);
+        EXPECT_EQ(text + "]" + leftovers() + " = " + (now == content ? "content" : now),
+                  row.expected);
         EXPECT_EQ(final.downloadId, id);
         EXPECT_EQ(final.downloadOptions.localPath, destination_);
         EXPECT_EQ(final.downloadOptions.request.url, server_.url(path));
-        for (const auto thread : inbox.threads()) {
-            EXPECT_NE(thread, std::this_thread::get_id());
-        }
         if (final.httpResult && *final.httpResult) {
             // The head of the final answer, with the body only of an error.
             const auto& head = **final.httpResult;
@@ -472,12 +480,8 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
                 std::string(head.data.begin(), head.data.end()),
                 head.code < 300 ? "" : row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
         }
-        const auto& destination = !row.destination.empty()                  ? row.destination
-                                  : row.expected.starts_with("Finished 20") ? row.file.content
-                                                                            : "previous";
-        EXPECT_EQ(test::readWholeFile(destination_), destination);
-        if (destination != "previous") {
-            EXPECT_EQ(cachedDigest(), digest ? optional(util::md5String(destination)) : nullopt);
+        if (row.expected.starts_with("Finished 20")) {
+            EXPECT_EQ(cachedDigest(), digest ? optional(util::md5String(now)) : nullopt);
         }
         if (fs::exists(rd())) {
             EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())), stored);
@@ -487,33 +491,6 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         }
         fs::remove(part());
         fs::remove(rd());
-    }
-}
-
-TEST_F(CurlHttpServiceTest, AnUnwritableDestinationIsAFileSystemError) {
-    server_.serve("/pack", TestFile{.content = "whole", .etag = ""});
-    fs::create_directories(scratch_.path() / "occupied" / "inside");
-    const auto missing = (scratch_.path() / "missing" / "pack.zip").string();
-    const struct {
-        std::string destination;
-        std::string message;
-        States states;  // the server is asked only when Downloading comes
-    } rows[] = {
-        {missing, missing + " is not writable.", {Pending, Failed}},
-        // The rename at the end fails; without validators nothing is kept to resume.
-        {(scratch_.path() / "occupied").string(), "Is a directory", {Pending, Downloading, Failed}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.destination);
-        destination_ = row.destination;
-        const auto before = server_.requestsFor("/pack").size();
-        StatusInbox inbox;
-        start("/pack", inbox);
-        const auto final = test::waitForFinal(inbox);
-        EXPECT_EQ(final.error, (DownloadError{FileSystemError, row.message}));
-        EXPECT_EQ(phasesOf(inbox.items()), row.states);
-        EXPECT_EQ(server_.requestsFor("/pack").size() - before, row.states.size() - 2);
-        EXPECT_FALSE(fs::exists(part()));
     }
 }
 
@@ -539,8 +516,8 @@ TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndK
     server_.release();
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(inbox.items().size(), reports);
-    EXPECT_EQ(phasesOf(cancelled.items()), (States{Pending, Downloading}));
-    EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
+    EXPECT_EQ(outcome(cancelled), "Downloading 0 from 0");
+    EXPECT_EQ(leftovers(), " out/pack.bin.part out/pack.bin.rd");
     expectResumeDataFor(32 * 1024);
 }
 
@@ -585,16 +562,13 @@ TEST_F(CurlHttpServiceTest, ACancelInItsOwnProgressCallbackKeepsResumeDataWithou
             << path;
     }
 
-    const auto final = download(urlWith("second-secret"), true);
-    ASSERT_EQ(final.state, Finished);
-    EXPECT_EQ((**final.httpResult).code, 206);
+    EXPECT_EQ(download(urlWith("second-secret"), true), "Finished 206 3145728/3145728 from 131072");
     EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=131072-");
     EXPECT_EQ(test::readWholeFile(destination_), content);
     EXPECT_EQ(test::filesContaining(scratch_.path(), "second-secret"), std::vector<std::string>{});
     // Nothing came after the cancel. Pending and the first Downloading come together; progress
     // after that is coalesced.
-    EXPECT_FALSE(isFinal(inbox.items().back().state));
-    EXPECT_EQ(inbox.items().back().receivedBytes, 128u * 1024);
+    EXPECT_EQ(outcome(inbox), "Downloading 131072 from 0");
     const auto times = inbox.times();
     for (std::size_t index = 2; index + 1 < times.size(); ++index) {
         EXPECT_GE(times[index] - times[index - 1],
@@ -611,43 +585,44 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
     }
     const auto always = 1 << 30;
     const std::string kilobytes64 = test::testContent(64 * 1024);
-    const std::string kTimedOut = "Request timed out.";
-    const std::string kBeyondCap = "limit of 1048576 bytes";
+    // How a download ends when its request timed out, or went beyond the cap.
+    const std::string timedOut = " / Failed NetworkError: Request timed out. from 0";
+    const std::string beyond =
+        " / Failed SizeExceeded: Download exceeds the limit of 1048576 bytes. from 0";
+    const std::string tooLarge =
+        "OtherError: Response header too large. / Failed NetworkError: Response header too large. "
+        "from 0";
+    const std::string kept = " out/pack.bin.part out/pack.bin.rd";
     struct Row {
         std::string target;  // a path (served the file, if any) or a URL
         optional<TestFile> file;
-        HttpRequestErrorType requestError;
-        // Part of the request's message, and of the download's unless that timed out or went
-        // beyond the cap.
-        std::string message;
-        DownloadErrorCode downloadError;
-        // The partial file and its resume data stay for a later resume.
-        bool keepsPartial;
+        // The request's error, then the download's outcome and the files left: a pattern.
+        std::string expected;
         std::uint64_t timeout = 0;  // of the request itself, in seconds
     };
     const Row rows[] = {
-        // Head and 16 KiB, then silence.
+        // Head and 16 KiB, then silence: the partial file and its resume data stay.
         {"/stall",
          TestFile{.content = kilobytes64, .stallAfter = 16 * 1024, .faultyResponses = always},
-         RequestTimedOut, "too slow", NetworkError, true},
+         "RequestTimedOut: .*too slow.*" + timedOut + kept},
         // The connection accepted, never answered.
-        {"/hold", nullopt, RequestTimedOut, "too slow", NetworkError, false},
+        {"/hold", nullopt, "RequestTimedOut: .*too slow.*" + timedOut},
         // The connection never accepted.
-        {unaccepting.url(), nullopt, RequestTimedOut, "Failed to connect", NetworkError, false},
+        {unaccepting.url(), nullopt, "RequestTimedOut: Failed to connect.*" + timedOut},
         // No head within the request's own timeout, while the engine serves others.
-        {"/hold", nullopt, RequestTimedOut, "timed out after", NetworkError, false, 1},
+        {"/hold", nullopt, "RequestTimedOut: .*timed out after.*" + timedOut, 1},
         // A body without a length beyond the cap.
         {"/endless", TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true},
-         OtherError, "Response body too large.", SizeExceeded, false},
+         "OtherError: Response body too large." + beyond},
         // A length beyond the cap.
         {"/beyond", TestFile{.content = "x", .announcedLength = std::size_t{1} << 30},
-         ConnectionError, "", SizeExceeded, false},
-        // A length longer than the body.
+         "ConnectionError: .*" + beyond},
+        // A length longer than the body: what came stays.
         {"/longer",
          TestFile{.content = test::testContent(32 * 1024),
                   .headers = {{"Content-Encoding", "identity"}},
                   .announcedLength = 64 * 1024},
-         ConnectionError, "bytes remaining", NetworkError, true},
+         "ConnectionError: .*bytes remaining.* / Failed NetworkError: .*bytes remaining.*" + kept},
         // A compressed body cut off. Decoded bytes have no place in the server's ranges: nothing
         // is kept to resume.
         {"/gzip",
@@ -655,24 +630,27 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
                   .headers = {{"Content-Encoding", "gzip"}},
                   .dropAfter = 16 * 1024,
                   .faultyResponses = always},
-         ConnectionError, "", NetworkError, false},
+         "ConnectionError: .* / Failed NetworkError: .* from 0"},
         // A 4 MiB header, and 5000 header lines.
         {"/huge", TestFile{.headers = {{"X-Padding", std::string(4 * 1024 * 1024, 'p')}}},
-         OtherError, "Response header too large.", NetworkError, false},
-        {"/lines", manyLines, OtherError, "Response header too large.", NetworkError, false},
+         tooLarge},
+        {"/lines", manyLines, tooLarge},
         // A redirect to file:.
         {"/to-file", TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}},
-         OtherError, "file", NetworkError, false},
+         "OtherError: .*file.* / Failed NetworkError: .*file.*"},
         // Nothing listening.
-        {test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt, ConnectionError, "127.0.0.1",
-         NetworkError, false},
+        {test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt,
+         "ConnectionError: .*127.0.0.1.* / Failed NetworkError: .*127.0.0.1.*"},
         // A plain server asked for TLS.
-        {"https" + server_.url("/echo").substr(4), nullopt, SSLError, "", NetworkError, false},
+        {"https" + server_.url("/echo").substr(4), nullopt,
+         "SSLError: .* / Failed NetworkError: .*"},
         // Eleven redirects: a loop ends the same way.
-        {redirect(11), {}, OtherError, "redirects", NetworkError, false},
+        {redirect(11), {}, "OtherError: .*redirects.* / Failed NetworkError: .*redirects.*"},
         // Only http and https are fetched.
-        {"file:///etc/hostname", {}, OtherError, "", NetworkError, false},
+        {"file:///etc/hostname", {}, "OtherError: .* / Failed NetworkError: .*"},
     };
+    const char* const types[] = {"ConnectionError", "SSLError", "RequestCancelled",
+                                 "RequestTimedOut", "Reserved", "OtherError"};
     // The first rows stall, so a short window finds them quickly; the others must not depend on
     // the speed of a loaded (or sanitized) machine sending a huge head.
     constexpr std::ptrdiff_t kStallingRows = 3;
@@ -687,33 +665,26 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
             .lowSpeedTime = std::chrono::seconds(&row - rows < kStallingRows ? 1 : 60),
             .maxResponseBytes = 1024 * 1024,
         });
-        // Both at once: a stall takes a few seconds to be recognised.
+        // Both at once: a stall takes a few seconds to be recognised. The download takes its digest
+        // as it goes, so that a transfer given up mid-way also stops the digest's thread.
         HttpRequest request(urlOf(row.target));
         request.timeout = row.timeout;
         ResponseInbox responses;
         service_->request(std::move(request), responses.callback());
-        const auto final = download(row.target, false, 1024 * 1024, row.timeout);
-        const auto response = responses.waitFor(1);
-        ASSERT_FALSE(response.result.has_value());
-        EXPECT_EQ(response.result.error().type, row.requestError);
-        EXPECT_NE(response.result.error().message.find(row.message), std::string::npos)
-            << response.result.error().message;
-        ASSERT_EQ(final.state, Failed);
-        EXPECT_EQ(final.error->code, row.downloadError);
-        const bool timedOut = row.requestError == RequestTimedOut;
-        const std::string& expected = timedOut                            ? kTimedOut
-                                      : row.downloadError == SizeExceeded ? kBeyondCap
-                                                                          : row.message;
-        EXPECT_NE(final.error->message.find(expected), std::string::npos) << final.error->message;
-        if (timedOut) {
-            EXPECT_EQ(*final.httpResult,
-                      HttpResult(unexpected(HttpRequestError{RequestTimedOut, kTimedOut})));
+        StatusInbox inbox;
+        start(row.target, inbox, false, 1024 * 1024, row.timeout, true);
+        const auto final = test::waitForFinal(inbox);
+        const auto result = responses.waitFor(1).result;
+        ASSERT_FALSE(result.has_value());
+        EXPECT_THAT(std::string(types[static_cast<int>(result.error().type)]) + ": " +
+                        result.error().message + " / " + outcome(inbox) + leftovers(),
+                    testing::MatchesRegex(row.expected));
+        const HttpRequestError timeout{RequestTimedOut, "Request timed out."};
+        if (final.error && final.error->message == timeout.message) {
+            EXPECT_EQ(*final.httpResult, HttpResult(unexpected(timeout)));
         }
-        if (row.keepsPartial) {
-            EXPECT_EQ(files(), (std::set<std::string>{"out/pack.bin.part", "out/pack.bin.rd"}));
+        if (fs::exists(rd())) {
             expectResumeDataFor(fs::file_size(part()));
-        } else {
-            EXPECT_EQ(files(), std::set<std::string>{});
         }
         fs::remove(part());
         fs::remove(rd());
@@ -736,14 +707,14 @@ TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes
     const std::string content = test::testContent(1024 * 1024, 22);
     server_.serve("/pack", TestFile{.content = content});
 
-    EXPECT_EQ(download("/pack").error, (DownloadError{FileSystemError, "No space left on device"}));
+    EXPECT_EQ(download("/pack"), "Failed FileSystemError: No space left on device from 0");
     const auto kept = fs::file_size(part());
     EXPECT_GT(kept, 0u);
     ASSERT_TRUE(loadResumeData(DownloadOptions(HttpRequest(server_.url("/pack")), destination_)));
 
     ASSERT_EQ(::mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT, "size=4m,mode=0700"), 0)
         << std::strerror(errno);
-    EXPECT_EQ(download("/pack", true).state, Finished);
+    EXPECT_EQ(download("/pack", true), "Finished 206 1048576/1048576 from " + std::to_string(kept));
     EXPECT_EQ(server_.requestsFor("/pack").back().header("range"),
               "bytes=" + std::to_string(kept) + "-");
     EXPECT_EQ(test::readWholeFile(destination_), content);

@@ -16,6 +16,7 @@
 
 #include "terrane/http/http_service_interface.hpp"
 #include "testing/storage_tree.hpp"
+#include "util/file_io.hpp"
 
 namespace terrane::common::test {
 
@@ -95,8 +96,7 @@ inline std::string bodyText(const HttpResponse& response) {
 }
 
 inline std::string readWholeFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    return base::io::readFile(path).value_or("");
 }
 
 inline void writeWholeFile(const std::filesystem::path& path, const std::string& content) {

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,7 +15,6 @@
 
 #include "platform/linux/curl_test_support.hpp"
 #include "terrane/reachability/reachability_factory.hpp"
-#include "testing/namespaces.hpp"
 #include "util/file_descriptor.hpp"
 
 // Reachability against the real kernel, each test in a network namespace of its own with one
@@ -24,6 +24,23 @@ namespace {
 
 bool shell(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// Unshares the network namespace for the calling thread: directly when privileged, else inside a
+// fresh user namespace that maps the caller to root there (which the kernel allows only in a
+// single-threaded process). False when neither is allowed.
+bool enterFreshNetworkNamespace() {
+    const std::string uid = std::to_string(::geteuid());
+    const std::string gid = std::to_string(::getegid());
+    if (::unshare(CLONE_NEWNET) == 0) {
+        return true;
+    }
+    return ::unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 &&
+           static_cast<bool>(std::ofstream("/proc/self/setgroups") << "deny" << std::flush) &&
+           static_cast<bool>(std::ofstream("/proc/self/uid_map")
+                             << "0 " + uid + " 1" << std::flush) &&
+           static_cast<bool>(std::ofstream("/proc/self/gid_map")
+                             << "0 " + gid + " 1" << std::flush);
 }
 
 using Heard = test::Inbox<NetworkStatus>;
@@ -47,7 +64,7 @@ class NetlinkReachabilityTest : public ::testing::Test {
 
     void SetUp() override {
         original_ = base::io::FileDescriptor(::open("/proc/thread-self/ns/net", O_RDONLY));
-        if (!test::enterFreshNamespaces(CLONE_NEWNET)) {
+        if (!enterFreshNetworkNamespace()) {
             GTEST_SKIP() << "no network namespace allowed here: " << std::strerror(errno);
         }
         if (!shell("ip link set lo up")) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace terrane::common {
 namespace {
@@ -53,17 +54,15 @@ TEST(ResponseHeadTest, TheFinalHeadCarriesLowerCasedHeadersWithRepeatedNamesJoin
                 events += "NIFT"[static_cast<int>(event)];
             }
         }
-        EXPECT_EQ(events, row.events);
-        EXPECT_EQ(head.isComplete(), row.events.find('F') != std::string::npos);
-        EXPECT_EQ(head.code(), row.code);
-        EXPECT_EQ(head.headers(), row.headers);
+        EXPECT_EQ(std::tuple(events, head.isComplete(), head.code(), head.headers()),
+                  std::tuple(row.events, row.events.find('F') != std::string::npos, row.code,
+                             row.headers));
         for (const auto& [name, value] : row.headers) {
             EXPECT_EQ(head.header(name), value);
         }
         head.reset();
-        EXPECT_FALSE(head.isComplete());
-        EXPECT_EQ(head.code(), 0);
-        EXPECT_TRUE(head.headers().empty());
+        EXPECT_EQ(std::tuple(head.isComplete(), head.code(), head.headers()),
+                  std::tuple(false, 0, HttpHeaders{}));
     }
 }
 

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,29 +30,15 @@ struct Row {
     std::string text;
 };
 
-// The journal's native datagram ("NAME=value\n" fields, or "NAME\n", a 64-bit little-endian
-// length, the value and "\n" for values with line breaks) as "NAME=value;" fields by name.
-std::string journalText(const std::string& datagram) {
-    std::map<std::string, std::string> fields;
-    for (std::size_t at = 0; at < datagram.size();) {
-        const std::size_t stop = datagram.find_first_of("=\n", at);
-        const std::string name = datagram.substr(at, stop - at);
-        if (datagram[stop] == '=') {
-            const std::size_t end = datagram.find('\n', stop);
-            fields[name] = datagram.substr(stop + 1, end - stop - 1);
-            at = end + 1;
-        } else {
-            std::uint64_t length = 0;
-            std::memcpy(&length, datagram.data() + stop + 1, sizeof length);
-            fields[name] = datagram.substr(stop + 1 + sizeof length, length);
-            at = stop + 1 + sizeof length + length + 1;
-        }
+// One field of the journal's native datagram: "NAME=value\n", or for a value with line breaks
+// "NAME\n", a 64-bit little-endian length, the value and "\n".
+std::string journalField(const std::string& name, const std::string& value) {
+    if (value.find('\n') == std::string::npos) {
+        return name + "=" + value + "\n";
     }
-    std::string text;
-    for (const auto& [name, value] : fields) {
-        text += name + "=" + value + ";";
-    }
-    return text;
+    const std::uint64_t length = value.size();
+    return name + "\n" + std::string(reinterpret_cast<const char*>(&length), sizeof length) +
+           value + "\n";
 }
 
 TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
@@ -66,7 +51,7 @@ TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
     };
     // On a thread in a mount namespace of its own, with empty /run and /dev: what a fresh sink
     // writes for every row where the journal listens, then at /dev/log with no journal. One entry
-    // a datagram: the journal's fields, or the syslog line without its time stamp.
+    // a datagram: the journal's, or the syslog line without its time stamp.
     std::vector<std::string> captured;
     bool isolated = false;
     std::thread([&] {
@@ -95,8 +80,7 @@ TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
             for (ssize_t size; (size = ::recv(capture.get(), datagram.data(), datagram.size(),
                                               MSG_DONTWAIT)) > 0;) {
                 std::string text = datagram.substr(0, static_cast<std::size_t>(size));
-                captured.push_back(path == "/dev/log" ? text.erase(text.find('>') + 1, 15)
-                                                      : journalText(text));
+                captured.push_back(path == "/dev/log" ? text.erase(text.find('>') + 1, 15) : text);
             }
             ::unlink(path.c_str());
         }
@@ -112,9 +96,10 @@ TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
     for (const auto& row : rows) {
         if (row.priority != nullptr) {
             const bool tagged = row.category && !row.category->empty();
-            journal.push_back("MESSAGE=" + row.text + ";PRIORITY=" + row.priority +
-                              ";SYSLOG_IDENTIFIER=" + program + ";" +
-                              (tagged ? "TERRANE_CATEGORY=" + *row.category + ";" : ""));
+            journal.push_back(journalField("MESSAGE", row.text) +
+                              journalField("PRIORITY", row.priority) +
+                              journalField("SYSLOG_IDENTIFIER", program) +
+                              (tagged ? journalField("TERRANE_CATEGORY", *row.category) : ""));
             syslog.push_back("<" + std::to_string(LOG_USER + std::stoi(row.priority)) + "> " +
                              program + ": " + row.text);
         }
