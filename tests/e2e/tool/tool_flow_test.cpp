@@ -4,7 +4,8 @@
 
 #include <signal.h>
 
-#include <regex>
+#include <limits>
+#include <string_view>
 #include <tuple>
 
 #include "tool_test_support.hpp"
@@ -29,13 +30,21 @@ class ToolFlowTest : public ToolTest {
     // METHOD PATH STATUS BYTES range=VALUE, then the other header fields ("-" for none).
     std::vector<Logged> requests(const std::string& domain,
                                  const std::string& method = "GET") const {
-        const std::regex request("^" + method + R"( \S+/harbour/2/)" + domain +
-                                 R"(\.pack (\d+) (\d+) range=(bytes=(\d+)-)?)");
         std::vector<Logged> found;
         std::istringstream log(readFile(accessLog()));
-        for (std::string line; std::getline(log, line);) {
-            if (std::smatch field; std::regex_search(line, field, request)) {
-                found.push_back({std::stoi(field[1]), std::stoull(field[2]), field[4]});
+        std::string logged;
+        std::string path;
+        std::string range;
+        Logged entry;
+        while (log >> logged >> path >> entry.status >> entry.bytes >> range &&
+               log.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
+            // "range=bytes=N-" started at N; "range=-" is the whole pack.
+            const std::string_view prefix = "range=bytes=";
+            entry.from = range.starts_with(prefix)
+                             ? range.substr(prefix.size(), range.size() - prefix.size() - 1)
+                             : "";
+            if (logged == method && path.ends_with("/harbour/2/" + domain + ".pack")) {
+                found.push_back(entry);
             }
         }
         return found;
