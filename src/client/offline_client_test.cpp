@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "reachability/reachability_flags.hpp"
-#include "reachability/reachability_handle.hpp"
 #include "reachability/reachability_notification_center.hpp"
 #include "reachability/reachability_service.hpp"
 #include "terrane/client/retry_policy.hpp"
@@ -26,6 +25,7 @@
 #include "terrane/util/md5.hpp"
 #include "testing/fake_http_service.hpp"
 #include "testing/http_test_server.hpp"
+#include "testing/scripted_reachability_handle.hpp"
 #include "testing/storage_tree.hpp"
 #include "util/file_io.hpp"
 
@@ -70,18 +70,6 @@ class ManualClock final : public ClientClock {
     std::mutex mutex_;
     std::map<std::uint64_t, std::function<void()>> subscribers_;
     std::uint64_t next_ = 1;
-};
-
-// Answers the flags the test last set, for a real reachability service.
-class ScriptedHandle final : public ReachabilityHandle {
-  public:
-    explicit ScriptedHandle(const std::atomic<ReachabilityFlags>& flags) : flags_(flags) {}
-    optional<ReachabilityFlags> flags() override { return flags_.load(); }
-    bool startNotifier() override { return true; }
-    void stopNotifier() override {}
-
-  private:
-    const std::atomic<ReachabilityFlags>& flags_;
 };
 
 // What a client's thread hands over (progress reports, observer calls), for the test thread to
@@ -187,6 +175,12 @@ class OfflineClientTest : public ::testing::Test {
         }
     }
 
+    // Set on the test's thread, which tells the clients as the monitor thread would.
+    void setNetwork(ReachabilityFlags flags) {
+        *network = flags;
+        center.post();
+    }
+
     // The tail of an available pack's path ("maps/1"), or the code of the error that ended it.
     static std::string outcome(const PackResult& result) {
         const auto& pack = result.outcome;
@@ -199,15 +193,12 @@ class OfflineClientTest : public ::testing::Test {
     std::shared_ptr<test::FakeHttpService> http = std::make_shared<test::FakeHttpService>();
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::shared_ptr<Recorded<PackProgress>> progress = std::make_shared<Recorded<PackProgress>>();
-    // Set on the test's thread, which tells the clients as the monitor thread would.
-    void setNetwork(ReachabilityFlags flags) {
-        network = flags;
-        center.post();
-    }
-    std::atomic<ReachabilityFlags> network = reachability_flag::Reachable;
+    // What the network is now, set by the test.
+    test::ScriptedReachabilityHandle::Flags network =
+        std::make_shared<std::atomic<ReachabilityFlags>>(reachability_flag::Reachable);
     ReachabilityNotificationCenter center;
-    std::shared_ptr<ReachabilityService> reachability =
-        std::make_shared<ReachabilityService>(std::make_unique<ScriptedHandle>(network), center);
+    std::shared_ptr<ReachabilityService> reachability = std::make_shared<ReachabilityService>(
+        std::make_unique<test::ScriptedReachabilityHandle>(network), center);
     std::vector<std::unique_ptr<OfflineClient>> clients;
 };
 

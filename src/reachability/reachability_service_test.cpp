@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "reachability/reachability_flags.hpp"
+#include "testing/scripted_reachability_handle.hpp"
 
 namespace terrane::common {
 namespace {
@@ -38,22 +39,11 @@ TEST(ReachabilityFlagsTest, StatusFollowsTheRulesInOrder) {
               (std::vector<std::string>{"WiFi", "WAN", "not reachable"}));
 }
 
-// Answers the flags it was made with.
-class FakeHandle : public ReachabilityHandle {
-  public:
-    explicit FakeHandle(ReachabilityFlags flags) : flags_(flags) {}
-    optional<ReachabilityFlags> flags() override { return flags_; }
-    bool startNotifier() override { return true; }
-    void stopNotifier() override {}
-
-  private:
-    ReachabilityFlags flags_;
-};
-
 class ReachabilityServiceTest : public ::testing::Test {
   protected:
     std::unique_ptr<ReachabilityService> makeService(ReachabilityFlags flags) {
-        return std::make_unique<ReachabilityService>(std::make_unique<FakeHandle>(flags), center_);
+        return std::make_unique<ReachabilityService>(
+            std::make_unique<test::ScriptedReachabilityHandle>(flags), center_);
     }
 
     ReachabilityNotificationCenter center_;
