@@ -58,12 +58,19 @@ TEST_F(ObserverTest, AThrowingObserverBecomesALogMessageAndTheOthersStillHear) {
                             "onLogMessage Uncaught exception in observer",
                             "onPending maps region-a/3 path=/x bytes=10",
                             "onLogMessage 42:" + longText, "onLogMessage "));
+}
+
+// Without a fixture: the child a death test runs in dies before any temporary directory of
+// the fixture could be removed.
+TEST(ObserverDeathTest, DeletingWithoutAnAcknowledgementIsAProgrammingError) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // Deleting without its acknowledgement would leave the deletion waiting forever.
-    pending.status = OfflineDataPackStatus::Deleting;
-    EXPECT_DEATH(OfflineServiceWorker::notifyPackObserver(*observers[2], OfflineDataDomain::Maps,
-                                                          region, pending),
-                 "");
+    RecordingObserver observer;
+    const OfflineDataPack deleting{OfflineDataPackStatus::Deleting, nullopt, "/x", 10};
+    EXPECT_DEATH(
+        OfflineServiceWorker::notifyPackObserver(observer, OfflineDataDomain::Maps,
+                                                 test::sampleRegion("region-a", 3), deleting),
+        "");
 }
 
 TEST_F(ObserverTest, RegistrationAndTheIdleReportOncePerBusyPeriod) {
