@@ -1,9 +1,5 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -13,6 +9,7 @@
 #include <thread>
 
 #include "testing/pack_lifecycle_fixture.hpp"
+#include "testing/private_tmpfs.hpp"
 
 namespace terrane::common {
 namespace {
@@ -152,36 +149,10 @@ TEST_F(PackDownloadTest, FilesThatCannotBeWrittenStopThePackWithAFilesystemError
     }
 }
 
-// A small tmpfs over `directory`, seen by this thread alone (from a mount namespace of its own),
-// so that its free space changes with nothing but what this thread writes there.
-class PrivateTmpfs {
-  public:
-    explicit PrivateTmpfs(const fs::path& directory_)
-        : directory(directory_), original(::open("/proc/thread-self/ns/mnt", O_RDONLY)) {
-        mounted = original >= 0 && ::unshare(CLONE_NEWNS) == 0 &&
-                  ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                  ::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=16m") == 0;
-    }
-    ~PrivateTmpfs() {
-        if (mounted) {
-            ::umount2(directory.c_str(), MNT_DETACH);
-        }
-        if (original >= 0) {
-            ::setns(original, CLONE_NEWNS);
-            ::close(original);
-        }
-    }
-    PrivateTmpfs(const PrivateTmpfs&) = delete;
-    PrivateTmpfs& operator=(const PrivateTmpfs&) = delete;
-
-    fs::path directory;
-    int original;
-    bool mounted = false;
-};
-
 TEST_F(PackDownloadTest, APackStartsOnlyIfTheFreeSpaceAndThePartialFileHoldItsBytes) {
-    const PrivateTmpfs tmpfs(directory.path());
-    if (!tmpfs.mounted) {
+    // Its free space changes with nothing but what this test writes there.
+    const test::PrivateTmpfs tmpfs(directory.path(), "size=16m");
+    if (!tmpfs.mounted()) {
         GTEST_SKIP() << "this process cannot mount a file system of its own";
     }
     start();

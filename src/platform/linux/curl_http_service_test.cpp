@@ -29,6 +29,7 @@
 #include "terrane/util/md5.hpp"
 #include "testing/http_test_server.hpp"
 #include "testing/loopback.hpp"
+#include "testing/private_tmpfs.hpp"
 #include "util/digest_cache.hpp"
 #include "util/file_descriptor.hpp"
 
@@ -692,15 +693,11 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
 }
 
 TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes) {
-    // A small file system of its own, in a mount namespace of this thread (and of the engine
-    // thread, which it starts afterwards): the rest of the machine never sees it.
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        GTEST_SKIP() << "no mount namespace here: " << std::strerror(errno);
-    }
+    // A small file system that this thread sees, and the engine thread it starts afterwards.
     const fs::path disk = scratch_.path() / "out";
-    if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=128k,mode=0700") != 0) {
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    const test::PrivateTmpfs tmpfs(disk, "size=128k,mode=0700");
+    if (!tmpfs.mounted()) {
+        GTEST_SKIP() << "this process cannot mount a file system of its own";
     }
     // The engine thread must start in the new namespace.
     service_ = std::make_shared<CurlHttpService>();
@@ -719,7 +716,6 @@ TEST_F(CurlHttpServiceTest, AFullDiskKeepsThePartialFileAndTheNextAttemptResumes
               "bytes=" + std::to_string(kept) + "-");
     EXPECT_EQ(test::readWholeFile(destination_), content);
     service_.reset();
-    ::umount2(disk.c_str(), MNT_DETACH);
 }
 
 }  // namespace

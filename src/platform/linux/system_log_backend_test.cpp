@@ -1,7 +1,6 @@
 #include "terrane/log/system_log_backend.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/private_tmpfs.hpp"
 #include "util/file_descriptor.hpp"
 
 namespace terrane::common {
@@ -55,11 +55,9 @@ TEST(SystemLogBackendTest, JournalAndSyslogGetTheLevelMappingAndTexts) {
     std::vector<std::string> captured;
     bool isolated = false;
     std::thread([&] {
-        isolated = ::unshare(CLONE_NEWNS) == 0 &&
-                   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 &&
-                   ::mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0 &&
-                   fs::create_directories("/run/systemd/journal");
+        const test::PrivateTmpfs run("/run");
+        const test::PrivateTmpfs dev("/dev");
+        isolated = run.mounted() && dev.mounted() && fs::create_directories("/run/systemd/journal");
         for (const std::string path : {"/run/systemd/journal/socket", "/dev/log"}) {
             const FileDescriptor capture(::socket(AF_UNIX, SOCK_DGRAM, 0));
             sockaddr_un address{};
