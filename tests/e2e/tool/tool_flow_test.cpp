@@ -1,6 +1,6 @@
-// The tool's main job against a catalogue server: resume after Ctrl-C and after a kill, recover
-// from a corrupt pack, renew a lease at restart, ride out a server going away mid-transfer, and
-// `update` to a newer revision.
+// The tool's main job against a catalogue server: resume after Ctrl-C and after a kill, wait for
+// another process that holds the storage, recover from a corrupt pack, ride out a server going
+// away mid-transfer, and `update` to a newer revision.
 
 #include <signal.h>
 
@@ -75,7 +75,7 @@ class ToolFlowTest : public ToolTest {
     }
 };
 
-TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
+TEST_F(ToolFlowTest, ResumesWaitsForTheStorageRecoversRidesOutAServerGoingAwayAndUpdates) {
     writeSource(kMapsSize);
     publish();
     serve("0");
@@ -86,16 +86,22 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     ASSERT_EQ(child->wait(30s), 130) << child->err();
     EXPECT_TRUE(child->err().contains("interrupted; the downloads were cancelled")) << child->err();
     EXPECT_EQ(stored()["2/maps"], "Incomplete");
+    // While a download holds the storage (held still, however fast the machine is), a second
+    // process gives up after --wait seconds with status five, and a third waits for the kill.
     child = startDownload(1536 * 1024);
-    child->signal(SIGKILL);
-    ASSERT_EQ(child->wait(10s), -SIGKILL);
-
+    child->signal(SIGSTOP);
+    const Child refused = start(withGlobals({"--wait", "1", "download", "harbour"}));
+    EXPECT_EQ(refused->wait(60s), 5) << refused->err();
+    EXPECT_TRUE(refused->err().contains("is in use by another process (pid " +
+                                        std::to_string(child->pid()) + ")"))
+        << refused->err();
     // The navigation pack no longer matches the catalogue's checksum.
     const std::string navigation = readFile(servedPack(2, "navigation"));
     writeFile(servedPack(2, "navigation"), patternBytes(navigation.size(), 99));
-    Child result = tool({"download", "harbour"});
-    const auto downloaded = std::chrono::steady_clock::now();
-    EXPECT_EQ(result->status(), 1);
+    Child result = start(withGlobals({"--wait", "60", "download", "harbour"}));
+    child->signal(SIGKILL);
+    ASSERT_EQ(child->wait(10s), -SIGKILL);
+    ASSERT_EQ(result->wait(120s), 1) << result->err();
     EXPECT_TRUE(result->out().contains("maps pack of harbour/2 is available")) << result->out();
     EXPECT_TRUE(result->out().contains(
         "navigation pack of harbour/2 failed: Corrupt: Failed to verify checksum"));
@@ -109,14 +115,12 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
               std::tuple("", 206, 206, kMapsSize));
     EXPECT_GE(afterCtrlC, 512u * 1024);
     EXPECT_GT(afterKill, afterCtrlC);
-    Packs paths = stored("path");
-    EXPECT_EQ(readFile(paths["2/maps"]), readFile(servedPack(2, "maps")));
+    EXPECT_EQ(readFile(stored("path")["2/maps"]), readFile(servedPack(2, "maps")));
     EXPECT_EQ(stored("error"), (Packs{{"2/maps", ""}, {"2/navigation", "Corrupt"}}));
-    const std::string lease = stored("lease_expires")["2/maps"];
-    EXPECT_TRUE(requests("maps", "HEAD").empty()) << "a fresh lease is not renewed";
+    EXPECT_TRUE(stored("lease_expires")["2/maps"].starts_with("20"));
 
-    // A corrupt pack can be deleted, and is fetched again from the start once fixed. A trailing
-    // slash names the same account.
+    // A corrupt pack can be deleted, and is fetched again once fixed. A trailing slash names the
+    // same account.
     result = tool({"delete", "harbour", "--domain", "navigation"});
     EXPECT_TRUE(result->out().contains("deleted navigation pack of harbour/2"));
     writeFile(servedPack(2, "navigation"), navigation);
@@ -125,28 +129,15 @@ TEST_F(ToolFlowTest, ResumesRecoversRenewsRidesOutAServerGoingAwayAndUpdates) {
     baseUrl_.pop_back();
     EXPECT_EQ(result->status(), 0) << result->out() << result->err();
     EXPECT_TRUE(result->out().contains("maps pack of harbour/2 is already available"));
-    EXPECT_EQ(requests("maps").size(), 3u);
-    ASSERT_FALSE(requests("navigation").empty());
-    EXPECT_EQ(requests("navigation").back().from, "");
-
-    // Half the lease gone: the next start renews it with a conditional request.
-    std::this_thread::sleep_until(downloaded + 5s + 700ms);
-    EXPECT_GT(stored("lease_expires")["2/maps"], lease);
-    const auto heads = requests("maps", "HEAD");
-    ASSERT_EQ(heads.size(), 1u);
-    EXPECT_EQ(heads[0].status, 304) << "only a conditional request gets a 304";
 
     // Deleted, then downloaded again while the server goes away mid-body and comes back.
     ASSERT_EQ(tool({"delete", "harbour", "--domain", "maps"})->status(), 0);
-    EXPECT_FALSE(fs::exists(paths["2/maps"]));
-    EXPECT_FALSE(fs::exists(paths["2/maps"] + ".json"));
     child = startDownload(512 * 1024);
     server_.reset();  // killed
     ASSERT_TRUE(eventually([&] { return child->out().contains("trying again"); }, 20s))
         << child->out();
     serve(baseUrl_.substr(baseUrl_.rfind(':') + 1));
     ASSERT_EQ(child->wait(60s), 0) << child->out() << child->err();
-    EXPECT_TRUE(child->out().contains("maps pack of harbour/2 is available"));
     EXPECT_FALSE(tool({"status"})->out().contains("is out"));
 
     std::string regions = readFile(source() / "regions.json");
