@@ -7,7 +7,6 @@ import re
 import shutil
 import subprocess
 import threading
-import urllib.error
 import urllib.request
 
 import pytest
@@ -48,12 +47,8 @@ class UrllibService:
 
     def _fetch(self, request):
         method = t.HttpMethod(request.method).name.upper()
-        try:
-            answer = urllib.request.urlopen(urllib.request.Request(
-                request.url, method=method, headers=request.headers), timeout=10)
-        except urllib.error.HTTPError as error:
-            answer = error
-        with answer:
+        with urllib.request.urlopen(urllib.request.Request(
+                request.url, method=method, headers=request.headers), timeout=10) as answer:
             return t.HttpResponseData(code=answer.status, data=answer.read(), headers={
                 k.lower(): v for k, v in answer.headers.items()})
 
