@@ -96,7 +96,6 @@ TEST(PackHolder, ALeaseIsDueForRenewalOnceLessThanHalfItsMaxAgeRemains) {
         {util::TimePoint::max(), largest, false},
         {now + 1s, 86400, false, S::Available, ""},
         {now + 1s, 86400, false, S::Expired},
-        {now + 1s, 86400, false, S::Verifying},
     };
     for (const auto& row : rows) {
         H holder;

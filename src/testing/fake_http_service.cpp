@@ -237,11 +237,6 @@ std::vector<FakeExchange> FakeHttpService::recorded(bool downloads) const {
     return result;
 }
 
-std::size_t FakeHttpService::cancellationCount() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->cancellations.size();
-}
-
 void FakeHttpService::answerCancellationsManually() {
     std::lock_guard lock(state_->mutex);
     state_->manualCancellations = true;

@@ -124,7 +124,6 @@ class FakeHttpService final : public HttpServiceInterface {
     // Everything recorded so far, in the order of the calls. Any thread.
     std::vector<FakeRequest> requests() const { return recorded(false); }
     std::vector<FakeDownload> downloads() const { return recorded(true); }
-    std::size_t cancellationCount() const;
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.
     void answerCancellationsManually();
