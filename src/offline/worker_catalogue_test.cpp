@@ -35,9 +35,7 @@ TEST_F(CatalogueTest, AsksForTheUsersListingAndHandsOverTheSafeRegions) {
                 "format": 1, "url": "terrane://offline-data/a", "md5_checksum": "c", "size": 1}]}})");
     });
     ASSERT_TRUE(regions && *regions);
-    ASSERT_EQ((*regions)->size(), 1u);
-    // Pack addresses are handed over as the catalogue wrote them; downloads expand them.
-    EXPECT_EQ((*regions)->front().mapPack->url, "terrane://offline-data/a");
+    EXPECT_EQ((*regions)->size(), 1u);
     // Listing is no pack operation: no busy period, so no onIdle.
     const std::string reason = "': Region ID must be a valid directory name";
     EXPECT_EQ(joined(newLines()), log("Skipping offline region '../x" + reason) + " | " +

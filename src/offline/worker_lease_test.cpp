@@ -89,7 +89,6 @@ TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
         EXPECT_EQ(settled(),
                   row.failure.empty() ? "onIdle" : extensionFailed(row.failure) + " | onIdle");
         EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.failure.empty());
-        EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
 
         startExpired(etag);
         answer(row, reauthorise());
@@ -98,7 +97,6 @@ TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
                                  " | onIdle");
         EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.error.empty());
         EXPECT_EQ(fs::exists(packFile()), row.error.empty());
-        EXPECT_EQ(holder().headers.etag, etag);
     }
     // With the file gone, the next ask downloads in full.
     downloadPack();

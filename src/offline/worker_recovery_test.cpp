@@ -142,7 +142,6 @@ TEST_F(RecoveryTest, EveryStoredTreeGivesItsStartUpLines) {
         EXPECT_THAT(Lines(lines.begin(), split), UnorderedElementsAreArray(row.announced));
         EXPECT_THAT(Lines(split, lines.end()), ElementsAreArray(tail));
     }
-    EXPECT_TRUE(fs::exists(tree.root() / "r/3/maps/1.tmp"));
 }
 
 TEST_F(RecoveryTest, TheConfigurationRecordIsWrittenOnceAndTemporariesOfInterruptedWritesGo) {

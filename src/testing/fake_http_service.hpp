@@ -43,8 +43,7 @@ class FakeExchange {
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
     // Writes content to localPath (replacing any file there), then reports Finished with all
     // bytes received, with a head of this code (by default a 200, or the head of an earlier
-    // report). A file that cannot be written reports Failed with FileSystemError "<localPath> is
-    // not writable.", as a real service does.
+    // report).
     void finish(std::string_view content, optional<std::int64_t> code = nullopt,
                 HttpHeaders headers = {}) const;
     void fail(DownloadErrorCode code, std::string message) const;
