@@ -212,9 +212,15 @@ TEST_F(PackDownloadTest, ARepublishedRevisionIsFetchedAndCheckedByItsNewDescript
     EXPECT_EQ(stored.metadata.mapPack, described.mapPack);
 }
 
-// A report that arrives at shutdown is handled as ever (only its verification waits for the next
-// start, as the verification tests show), but no new exchange starts.
-TEST_F(PackDownloadTest, AtShutdownNoNewExchangeStarts) {
+// A report that arrives at shutdown is stored, unverified, for the next start to check (as the
+// verification tests show); no new exchange starts.
+TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredUnverifiedAndNoNewExchangeStarts) {
+    start();
+    downloadInFlight().finish(content);
+    worker->beginShutdown();
+    EXPECT_EQ(settled(), "onVerifying maps/1.tmp bytes=0 | onIdle");
+    EXPECT_FALSE(storedHeaders().verified);
+
     startExpired("\"e\"");
     worker->beginShutdown();
     downloadPack();
