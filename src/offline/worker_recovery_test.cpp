@@ -73,8 +73,6 @@ class RecoveryTest : public test::PackLifecycleTest {
 
 TEST_F(RecoveryTest, EveryStoredTreeGivesItsStartUpLines) {
     const std::string invalid = "Invalid revision name";
-    const std::string badMetadata = "Invalid metadata file";
-    const std::string noFile = " error=Filesystem, message=No such file or directory";
     const struct {
         Files files;
         Lines announced;       // in any order: the file system decides
@@ -99,9 +97,8 @@ TEST_F(RecoveryTest, EveryStoredTreeGivesItsStartUpLines) {
         // Unusable metadata files skip their revision with the reason.
         {{{"r/1/maps/1.json", record(1, true, true)},
           {"r/2/metadata.json", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16)},
-          {"r/3/metadata.json/", "/"},
           {"r/5/metadata.json", R"({"revision": 5})"}},
-         {skip("1", "Missing metadata file"), skip("2", badMetadata), skip("3", badMetadata),
+         {skip("1", "Missing metadata file"), skip("2", "Invalid metadata file"),
           skip("5", "Region revision must have a configuration object")}},
         // Header records tell the state of each pack.
         {{{"r/1/metadata.json", meta("r", 1)},
@@ -120,7 +117,8 @@ TEST_F(RecoveryTest, EveryStoredTreeGivesItsStartUpLines) {
           said("onVerifying", "r", "2", 4096, maps, ".tmp"), said("onExpired", "r", "4", 4096),
           said("onIncomplete", "r", "5", 7, maps, ".tmp"),
           said("onAvailable", "r", "7", 2048, navigation)},
-         {said("onErrored", "r", "2", 4096, maps, ".tmp") + noFile}},
+         {said("onErrored", "r", "2", 4096, maps, ".tmp") +
+          " error=Filesystem, message=No such file or directory"}},
         // Without a usable header record there is no pack, whatever lies beside it; the files
         // stay where they are.
         {{{"r/3/metadata.json", meta("r", 3)},
