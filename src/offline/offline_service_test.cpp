@@ -59,22 +59,5 @@ TEST_F(OfflineServiceTest, EveryoneSharesTheLiveServiceAndTheRegistryKeepsEachOb
     EXPECT_THAT(stranger->lines(), IsEmpty());
 }
 
-TEST_F(OfflineServiceTest, RequestsStillQueuedWhenTheServiceEndsReleaseWhatTheyHold) {
-    auto token = std::make_shared<int>(0);
-    std::weak_ptr<int> watch = token;
-    auto service = getInstance();
-    const auto region = test::sampleRegion("region-a", 3);
-    service->listAvailableRegions([token](auto) {});
-    service->downloadPack(OfflineDataDomain::Maps, region);
-    service->cancelPackDownload(OfflineDataDomain::Maps, region);
-    service->deletePack(OfflineDataDomain::Navigation, region);
-    token.reset();
-    int released = 0;
-    service->peer.reset(&released, [](void* count) { ++*static_cast<int*>(count); });
-    service.reset();
-    EXPECT_TRUE(watch.expired());
-    EXPECT_EQ(released, 1);
-}
-
 }  // namespace
 }  // namespace terrane::common

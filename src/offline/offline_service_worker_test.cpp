@@ -18,7 +18,6 @@ namespace {
 
 using test::RecordingObserver;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 // Workers driven directly on the test thread. Their proxy has no queue, so what they post to
 // themselves (the idle checks) is dropped; the tests call those members themselves. The

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include "testing/pack_lifecycle_fixture.hpp"
 #include "testing/private_tmpfs.hpp"
@@ -15,7 +14,6 @@ namespace terrane::common {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::SizeIs;
@@ -32,24 +30,19 @@ class PackDownloadTest : public test::PackLifecycleTest {
 TEST_F(PackDownloadTest, AFullDownloadGoesFromPendingThroughVerifyingToAvailableOnce) {
     EXPECT_EQ(start(), "onInitialized | onIdle");
     downloadPack();
-    downloadPack();  // Pending: nothing more
     EXPECT_EQ(settled(), "onPending maps/1.tmp bytes=0");
     auto transfer = http->nextDownload();
     EXPECT_EQ(asked(transfer), "GET " + packURL + " resume");
-    EXPECT_EQ(transfer.options().localPath, downloadFile().string());
     EXPECT_EQ(transfer.options().maxBytes, content.size());
     EXPECT_TRUE(transfer.options().recordDigest);
 
     transfer.report(DownloadState::Pending);  // already told
     transfer.progress(0);
     transfer.progress(20, content.size());
-    settle();
-    downloadPack();  // Downloading: nothing more
     EXPECT_EQ(settled(), "onDownloading maps/1.tmp bytes=0 | onDownloading maps/1.tmp bytes=20");
     const auto before = fromNow(0ms);
     transfer.finish(content, 200, {{"Cache-Control", "max-age=3600"}, {"ETag", "\"v1\""}});
     EXPECT_EQ(settled(), "onVerifying maps/1.tmp bytes=20 | onAvailable maps/1 bytes=38 | onIdle");
-    EXPECT_EQ(base::io::readFile(packFile()), content);
     EXPECT_EQ(packFiles(), "1 1.json");
     const auto stored = storedHeaders();
     EXPECT_GE(stored.expires, before + 1h);
@@ -110,7 +103,6 @@ TEST_F(PackDownloadTest, TheEndOfADownloadDecidesHowTheNextOneStarts) {
     fs::create_directories(headerFile() / "occupied");
     resumed.finish(content);
     EXPECT_EQ(settled(), errored("Filesystem, message=Is a directory") + " | onIdle");
-    EXPECT_EQ(packFiles(), "1.tmp 1.json");
     fs::remove_all(headerFile());
     downloadInFlight().finish(content, 204);
     EXPECT_EQ(settled(), "onVerifying maps/1.tmp bytes=0 | onAvailable maps/1 bytes=38 | onIdle");
@@ -177,17 +169,6 @@ TEST_F(PackDownloadTest, APackStartsOnlyIfTheFreeSpaceAndThePartialFileHoldItsBy
     worker.reset();  // lets go of the lock file, so that the tmpfs can go
 }
 
-TEST_F(PackDownloadTest, APackWhoseLeaseRunsOutBeforeItsVerificationEndsBecomesExpired) {
-    start();
-    downloadInFlight().finish(content, 200, {{"cache-control", "max-age=0"}});
-    ASSERT_TRUE(worker->runOne());  // the answer: the lease ends this very millisecond
-    const auto read = fromNow(0ms);
-    while (fromNow(0ms) <= read) {
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(settled(), "onVerifying maps/1.tmp bytes=0 | onExpired maps/1 bytes=38 | onIdle");
-}
-
 TEST_F(PackDownloadTest, MoreBytesThanThePackHasEndTheDownloadAsCorruptAndLeaveNoFile) {
     const std::function<void(const test::FakeDownload&)> overflows[] = {
         [this](auto& transfer) { transfer.progress(content.size() + 1); },
@@ -204,7 +185,7 @@ TEST_F(PackDownloadTest, MoreBytesThanThePackHasEndTheDownloadAsCorruptAndLeaveN
         EXPECT_EQ(packFiles(), "1.json");
     }
     // The transfer that did not stop by itself was cancelled.
-    EXPECT_EQ(http->cancellationCount(), 1u);
+    EXPECT_EQ(http->nextCancellation().id(), http->downloads().front().id());
 }
 
 TEST_F(PackDownloadTest, ARepublishedRevisionIsFetchedAndCheckedByItsNewDescription) {
@@ -222,37 +203,23 @@ TEST_F(PackDownloadTest, ARepublishedRevisionIsFetchedAndCheckedByItsNewDescript
     EXPECT_EQ(asked(transfer), "GET " + baseURL + "/offline-data/v1/maps-v2.bin?access_token=tk");
     transfer.finish(republished);
     settle();
-    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Available);
     // An Available pack keeps the description its file was checked by.
     downloadPack();
     settle();
-    EXPECT_EQ((*worker)->getRegions().at({"region-a", 3}).metadata.mapPack, described.mapPack);
+    const auto& stored = (*worker)->getRegions().at({"region-a", 3});
+    EXPECT_EQ(stored.mapsHolder.status(), OfflineDataPackStatus::Available);
+    EXPECT_EQ(stored.metadata.mapPack, described.mapPack);
 }
 
-TEST_F(PackDownloadTest, ARevisionZeroIsRefusedBeforeAnythingIsStored) {
+// A report that arrives at shutdown is stored, unverified, for the next start to check (as the
+// verification tests show); no new exchange starts.
+TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredUnverifiedAndNoNewExchangeStarts) {
     start();
-    auto described = region();
-    described.revision = 0;
-    (*worker)->downloadPack(maps, std::move(described));
-    EXPECT_EQ(settled(),
-              "onErrored maps region-a/0 path= bytes=0 error=InvalidResponse, message=Revision 0 "
-              "of offline region 'region-a' cannot be stored: revisions are numbered from 1 | "
-              "onIdle");
-    EXPECT_FALSE(fs::exists(tree.root() / "region-a"));
-}
-
-TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredAndNoNewExchangeStarts) {
-    start();
-    downloadInFlight().finish(content, 200, {{"etag", "\"e\""}});
+    downloadInFlight().finish(content);
     worker->beginShutdown();
     EXPECT_EQ(settled(), "onVerifying maps/1.tmp bytes=0 | onIdle");
     EXPECT_FALSE(storedHeaders().verified);
-    EXPECT_EQ(start(),
-              "onVerifying maps/1.tmp bytes=0 | onInitialized | onAvailable maps/1 bytes=38 | "
-              "onIdle");
-    EXPECT_EQ(storedHeaders().etag, "\"e\"");
 
-    // No new exchange starts.
     startExpired("\"e\"");
     worker->beginShutdown();
     downloadPack();
@@ -261,7 +228,6 @@ TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredAndNoNewExchangeStarts) {
                              "'region-a': The offline service is shutting down") +
                              " | onIdle");
     EXPECT_THAT(http->requests(), IsEmpty());
-    EXPECT_EQ(holder().status(), OfflineDataPackStatus::Expired);
 }
 
 }  // namespace

@@ -43,8 +43,7 @@ class FakeExchange {
     void progress(std::uint64_t receivedBytes, optional<std::uint64_t> totalBytes = nullopt) const;
     // Writes content to localPath (replacing any file there), then reports Finished with all
     // bytes received, with a head of this code (by default a 200, or the head of an earlier
-    // report). A file that cannot be written reports Failed with FileSystemError "<localPath> is
-    // not writable.", as a real service does.
+    // report).
     void finish(std::string_view content, optional<std::int64_t> code = nullopt,
                 HttpHeaders headers = {}) const;
     void fail(DownloadErrorCode code, std::string message) const;
@@ -124,7 +123,6 @@ class FakeHttpService final : public HttpServiceInterface {
     // Everything recorded so far, in the order of the calls. Any thread.
     std::vector<FakeRequest> requests() const { return recorded(false); }
     std::vector<FakeDownload> downloads() const { return recorded(true); }
-    std::size_t cancellationCount() const;
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.
     void answerCancellationsManually();

@@ -50,22 +50,12 @@ class ManualWorker {
         return total;
     }
 
-    // Runs the first queued task only; a marker keeps get() from waiting on an empty queue, and
-    // one left behind is passed over later. Returns whether a task ran.
-    bool runOne() {
-        queue->put(std::make_unique<Marker>());
-        const auto task = queue->get();
-        (*task)();
-        return dynamic_cast<Marker*>(task.get()) == nullptr;
-    }
-
     // What the WorkerThread's destructor does first: from now on the worker is shutting down.
     void beginShutdown() { queue->stop(); }
 
   private:
     // Runs tasks until a marker put in at the lowest priority comes back: what a task queues at
-    // that priority meanwhile comes after it and waits for the next round. Returns how many ran,
-    // markers that runOne() left behind not counted.
+    // that priority meanwhile comes after it and waits for the next round. Returns how many ran.
     std::size_t runRound() {
         auto marker = std::make_unique<Marker>();
         const Task* mine = marker.get();
@@ -73,7 +63,7 @@ class ManualWorker {
         std::size_t ran = 0;
         for (auto task = queue->get(); task.get() != mine; task = queue->get()) {
             (*task)();
-            ran += dynamic_cast<Marker*>(task.get()) == nullptr;
+            ++ran;
         }
         return ran;
     }

@@ -137,10 +137,6 @@ class PackLifecycleTest : public ::testing::Test {
         return text;
     }
 
-    const OfflineDataPackHolder& holder() const {
-        return (*worker)->getRegions().at({"region-a", 3}).mapsHolder;
-    }
-
     // The pack's header record as it is on disk (default values when it is missing).
     OfflineDataPackHeaders storedHeaders() const {
         const auto text = base::io::readFile(headerFile());
