@@ -145,7 +145,7 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
     const std::string range = request.get_header_value("Range");
     const std::string ifRange = request.get_header_value("If-Range");
     response.status = file.status;
-    if (!file.chunked && file.status == 200 && range.starts_with("bytes=") &&
+    if (file.status == 200 && range.starts_with("bytes=") &&
         (ifRange.empty() || ifRange == file.etag || ifRange == file.lastModified)) {
         const std::size_t first = std::strtoull(range.c_str() + 6, nullptr, 10);
         const std::string size = std::to_string(body->size());
@@ -159,40 +159,27 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
     if (body->empty()) {
         return;  // a content provider of no length would never be asked, and the answer hang
     }
-    // Short of an announced length, the connection breaks off once the body is sent.
-    const optional<std::size_t> limit = file.announcedLength ? body->size()
-                                        : !faulty            ? nullopt
-                                        : file.dropAfter     ? file.dropAfter
-                                                             : file.stallAfter;
+    const optional<std::size_t> limit = !faulty          ? nullopt
+                                        : file.dropAfter ? file.dropAfter
+                                                         : file.stallAfter;
     const bool stalls = faulty && file.stallAfter;
     // Sends the next piece from the offset; false breaks the connection off.
-    const auto send = [this, body, limit, stalls, chunked = file.chunked](std::size_t offset,
-                                                                          httplib::DataSink& sink) {
-        const std::size_t end = std::max(
-            offset, std::min({offset + kChunk, body->size(), limit.value_or(body->size())}));
-        if (end > offset && !sink.write(body->data() + offset, end - offset)) {
-            return false;
-        }
-        if (limit && end == *limit) {
-            if (stalls) {
-                waitForRelease();
+    response.set_content_provider(
+        body->size(), "application/octet-stream",
+        [this, body, limit, stalls](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+            const std::size_t end = std::max(
+                offset, std::min({offset + kChunk, body->size(), limit.value_or(body->size())}));
+            if (end > offset && !sink.write(body->data() + offset, end - offset)) {
+                return false;
             }
-            return false;
-        }
-        if (chunked && end == body->size()) {
-            sink.done();
-        }
-        return true;
-    };
-    if (file.chunked) {
-        response.set_chunked_content_provider("application/octet-stream", send);
-    } else {
-        response.set_content_provider(
-            file.announcedLength.value_or(body->size()), "application/octet-stream",
-            [send](std::size_t offset, std::size_t, httplib::DataSink& sink) {
-                return send(offset, sink);
-            });
-    }
+            if (limit && end == *limit) {
+                if (stalls) {
+                    waitForRelease();
+                }
+                return false;
+            }
+            return true;
+        });
 }
 
 }  // namespace terrane::common::test

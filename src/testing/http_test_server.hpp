@@ -58,17 +58,12 @@ struct TestFile {
     std::vector<std::pair<std::string, std::string>> headers{};
     // The head waits until release() or the server's end.
     bool holdHead = false;
-    // Sent in chunks, without a length.
-    bool chunked = false;
     // The first faultyResponses responses break the connection off after this many body bytes.
     optional<std::size_t> dropAfter{};
     // The first faultyResponses responses stop sending after this many body bytes, until
     // release() or the server's end; then the connection is broken off.
     optional<std::size_t> stallAfter{};
     int faultyResponses = 1;
-    // Announced as Content-Length instead of the real size: the content is sent, then the
-    // connection is broken off.
-    optional<std::size_t> announcedLength{};
 };
 
 // Deterministic bytes for test files: the same size and seed give the same content.

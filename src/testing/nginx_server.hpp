@@ -34,12 +34,10 @@ class NginxServer {
     // Serves `root` at "/" (with "Cache-Control: max-age=3600") and again at "/slow/" at 2 MiB
     // per second per connection, so that a test can catch a transfer mid-way. A sendBuffer (for
     // example "32k") caps the socket's send buffer, which on loopback would otherwise take
-    // megabytes in one burst before any rate limit applies. gzipEverything compresses every
-    // type and size for every client that accepts it, as a server set up to save bandwidth
-    // would: entity tags of compressed answers turn weak, bodies go chunked. Throws
-    // std::runtime_error when nginx does not come up.
+    // megabytes in one burst before any rate limit applies. Throws std::runtime_error when nginx
+    // does not come up.
     NginxServer(const std::filesystem::path& root, std::filesystem::path work,
-                const std::string& sendBuffer = "", bool gzipEverything = false)
+                const std::string& sendBuffer = "")
         : work_(std::move(work)),
           listenOptions_(sendBuffer.empty() ? "" : " sndbuf=" + sendBuffer) {
         std::filesystem::create_directories(work_);
@@ -52,9 +50,6 @@ class NginxServer {
             << "  fastcgi_temp_path fastcgi;\n  uwsgi_temp_path uwsgi;\n  scgi_temp_path scgi;\n"
             << "  default_type application/octet-stream;\n"
             << "  sendfile on;\n  tcp_nopush on;\n  keepalive_requests 100000;\n"
-            << (gzipEverything
-                    ? "  gzip on;\n  gzip_types *;\n  gzip_min_length 1;\n  gzip_proxied any;\n"
-                    : "")
             << "  server {\n    include listen.conf;\n    root " << root.string() << ";\n"
             << "    location / { add_header Cache-Control \"max-age=3600\"; }\n"
             << "    location /slow/ { alias " << root.string() << "/; limit_rate 2m; }\n  }\n}\n";

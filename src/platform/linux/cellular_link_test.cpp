@@ -13,16 +13,12 @@ TEST(CellularLinkTest, ModemsAreKnownByDeviceTypeLinkTypeOrDriverName) {
         const char* uevent;
         bool cellular;
     } rows[] = {
-        {"eth0", ARPHRD_ETHER, "INTERFACE=eth0\nIFINDEX=2\n", false},
         {"wlan0", ARPHRD_ETHER, "DEVTYPE=wlan\nINTERFACE=wlan0\n", false},
         {"usb0", ARPHRD_ETHER, "DEVTYPE=wwan\nINTERFACE=usb0\n", true},
         {"modem", ARPHRD_ETHER, "INTERFACE=modem\nDEVTYPE=wwan", true},
         {"ppp0", ARPHRD_PPP, "", true},
         {"mhi0", ARPHRD_RAWIP, "", true},
         {"wwan0", ARPHRD_ETHER, "", true},
-        {"rmnet_data0", ARPHRD_ETHER, "", true},
-        {"ccmni1", ARPHRD_ETHER, "", true},
-        {"qmimux0", ARPHRD_ETHER, "", true},
         {"tun0", ARPHRD_NONE, "DEVTYPE=wwanx\n", false},
     };
     for (const auto& row : rows) {

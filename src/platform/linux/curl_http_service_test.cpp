@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -23,8 +22,6 @@
 #include "platform/linux/download_transfer.hpp"
 #include "platform/linux/linux_user_agent.hpp"
 #include "platform/linux/resume_data.hpp"
-#include "terrane/http/http_service_factory.hpp"
-#include "terrane/http/request_id.hpp"
 #include "terrane/http/transfer_limits.hpp"
 #include "terrane/util/md5.hpp"
 #include "testing/http_test_server.hpp"
@@ -222,7 +219,6 @@ TEST_F(CurlHttpServiceTest, RequestsGoOutAsAskedAndAnswersOfAnyStatusComeBackDec
         {Get, redirect(10), {{"User-Agent", ""}}, {agent}, "redirected"},
         {Get, "/gzip", {{"user-agent", "mine/2"}}, {agent, "mine/2"}, "decoded body"},
     };
-    std::uint64_t previous = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.path);
         HttpRequest request(server_.url(row.path), row.headers, app);
@@ -230,19 +226,12 @@ TEST_F(CurlHttpServiceTest, RequestsGoOutAsAskedAndAnswersOfAnyStatusComeBackDec
         request.body.assign(body.begin(), body.end());  // sent by POST only
         request.keepCompression = true;                 // ignored
         ResponseInbox inbox;
-        const auto id = service_->request(HttpRequest(request), inbox.callback());
-        EXPECT_TRUE(previous == 0 || id == previous + 1);  // requests and downloads count on
-        previous = id;
+        service_->request(HttpRequest(request), inbox.callback());
         const auto response = inbox.waitFor(1);
-        EXPECT_NE(inbox.threads().front(), std::this_thread::get_id());
         EXPECT_EQ(response.request.url, request.url);
         ASSERT_TRUE(response.result.has_value());
         EXPECT_EQ(response.result->code, row.path == "/401" ? 401 : 200);
         EXPECT_EQ(test::bodyText(response), row.answer);
-        for (const auto& [name, value] : response.result->headers) {
-            EXPECT_TRUE(std::none_of(name.begin(), name.end(), ::isupper)) << name;
-        }
-        EXPECT_FALSE(response.result->headers.contains("location"));
         if (row.path == "/echo") {
             EXPECT_EQ(response.result->headers.at("x-mixed-case"), "Value");
         }
@@ -253,11 +242,8 @@ TEST_F(CurlHttpServiceTest, RequestsGoOutAsAskedAndAnswersOfAnyStatusComeBackDec
         if (!row.headers.contains("expect")) {
             EXPECT_EQ(received.header("expect"), nullopt);
         }
-        // Unless told otherwise, libcurl offers every encoding it can decode.
-        ASSERT_EQ(valuesOf(received, "accept-encoding").size(), 1u);
-        if (!row.headers.contains("accept-encoding")) {
-            EXPECT_NE(received.header("accept-encoding")->find("br"), std::string::npos);
-        }
+        // The caller's Accept-Encoding goes out instead of libcurl's, not beside it.
+        EXPECT_EQ(valuesOf(received, "accept-encoding").size(), 1u);
         EXPECT_EQ(valuesOf(received, "user-agent"), row.agents);
         for (const auto& [name, value] : row.headers) {
             if (name != "User-Agent" && name != "user-agent") {
@@ -265,11 +251,6 @@ TEST_F(CurlHttpServiceTest, RequestsGoOutAsAskedAndAnswersOfAnyStatusComeBackDec
             }
         }
     }
-    StatusInbox statuses;
-    EXPECT_EQ(service_->download(DownloadOptions(HttpRequest(server_.url("/echo")), "/no-dir/x"),
-                                 statuses.callback()),
-              previous + 1);
-    test::waitForFinal(statuses);
 }
 
 TEST_F(CurlHttpServiceTest, ACancelFromACallbackIsAnsweredBeforeItReturns) {
@@ -299,14 +280,11 @@ TEST_F(CurlHttpServiceTest, ACancelFromACallbackIsAnsweredBeforeItReturns) {
     EXPECT_EQ(held.waitFor(1).result.error().type, RequestCancelled);
     EXPECT_EQ(started.waitFor(1).result->code, 404);
 
-    // A finished request, like an unknown one, names nothing any more; the answer comes from the
-    // engine thread.
-    for (const auto id : {heldId, nextHttpRequestId() + 1000}) {
-        test::AnswerInbox answers;
-        service_->cancelRequest(id, answers.callback());
-        EXPECT_FALSE(answers.waitFor(1));
-        EXPECT_NE(answers.threads().front(), std::this_thread::get_id());
-    }
+    // A finished request names nothing any more; the answer comes from the engine thread.
+    test::AnswerInbox answers;
+    service_->cancelRequest(heldId, answers.callback());
+    EXPECT_FALSE(answers.waitFor(1));
+    EXPECT_NE(answers.threads().front(), std::this_thread::get_id());
     server_.release();
 }
 
@@ -361,19 +339,6 @@ std::size_t engineThreads() {
     return count;
 }
 
-TEST(CurlHttpServiceLifetimeTest, TheDefaultCurlServicesEngineLivesExactlyAsLongAsTheService) {
-    HttpServiceFactory::setUserDefined(nullptr);
-    const std::size_t before = engineThreads();
-    {
-        // Sharing and making anew are the registry's, tested with it.
-        const auto service = HttpServiceFactory::getInstance();
-        ASSERT_TRUE(service && *service);
-        EXPECT_NE(dynamic_cast<CurlHttpService*>(service->get()), nullptr);
-        EXPECT_EQ(engineThreads(), before + 1);
-    }
-    EXPECT_EQ(engineThreads(), before);
-}
-
 TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResumeOnlyTheSame) {
     const std::string content = test::testContent(64 * 1024, 9);
     const std::string older = test::testContent(64 * 1024, 8);
@@ -396,10 +361,6 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         std::string destination{};  // instead of out/pack.bin
     };
     const TestFile file{.content = content};
-    const TestFile gzipped{.content = test::gzipEncode(content),
-                           .headers = {{"Content-Encoding", "gzip"}}};
-    const TestFile redirecting{.status = 302, .headers = {{"Location", redirect(3)}}};
-    const TestFile missingFile{.content = "missing", .status = 404};
     const TestFile failing{.content = content + content, .status = 500};
     const TestFile changed{.content = content, .etag = "\"v2\""};
     const TestFile untagged{.content = content, .etag = ""};
@@ -408,11 +369,6 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
     const std::string resumed = "Finished 206 65536/65536 from 40000 [bytes=40000-;] = content";
     const Row rows[] = {
         {"a file as large as the cap", file, "", 65536, whole + "[-;] = content"},
-        // Decoded, so neither resumable nor measured by the server's length.
-        {"a compressed file", gzipped, "", nullopt, whole + "[-;] = content"},
-        {"a redirected file", redirecting, "", nullopt,
-         "Finished 200 10/10 from 0 [-;] = redirected"},
-        {"an error status", missingFile, "", nullopt, "Finished 404 7/7 from 0 [-;] = previous"},
         {"a large error body", failing, "", nullopt,
          "Finished 500 65536/65536 from 0 [-;] = previous"},
         {"a file one byte beyond the cap", file, "", 65535, cap + " from 0 [-;] = previous"},
@@ -471,12 +427,9 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         EXPECT_EQ(text + "]" + leftovers() + " = " + (now == content ? "content" : now),
                   row.expected);
         EXPECT_EQ(final.downloadId, id);
-        EXPECT_EQ(final.downloadOptions.localPath, destination_);
-        EXPECT_EQ(final.downloadOptions.request.url, server_.url(path));
         if (final.httpResult && *final.httpResult) {
             // The head of the final answer, with the body only of an error.
             const auto& head = **final.httpResult;
-            EXPECT_EQ(head.headers.at("accept-ranges"), "bytes");
             EXPECT_EQ(
                 std::string(head.data.begin(), head.data.end()),
                 head.code < 300 ? "" : row.file.content.substr(0, DownloadTransfer::kMaxErrorBody));
@@ -486,9 +439,6 @@ TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResu
         }
         if (fs::exists(rd())) {
             EXPECT_EQ(decodeResumeData(test::readWholeFile(rd())), stored);
-        }
-        if (fs::exists(part())) {
-            EXPECT_EQ(test::readWholeFile(part()), row.held);
         }
         fs::remove(part());
         fs::remove(rd());
@@ -513,7 +463,9 @@ TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndK
     waitUntil([&] { return server_.heldNow() == 5; });
     EXPECT_FALSE(cancel(id));
     const auto reports = inbox.items().size();
+    EXPECT_EQ(engineThreads(), 1u);
     service_.reset();  // joins the engine thread
+    EXPECT_EQ(engineThreads(), 0u);
     server_.release();
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(inbox.items().size(), reports);
@@ -556,7 +508,6 @@ TEST_F(CurlHttpServiceTest, ACancelInItsOwnProgressCallbackKeepsResumeDataWithou
         decodeResumeData(test::readWholeFile(rd())),
         (ResumeData{server_.url("/pack?region=harbour"), part(), 128 * 1024, "\"v1\"", date}));
     expectResumeDataFor(128 * 1024);
-    EXPECT_EQ(test::filesContaining(scratch_.path(), "first-secret"), std::vector<std::string>{});
     for (const auto& path : {part(), rd()}) {
         EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
                   fs::perms::owner_read | fs::perms::owner_write)
@@ -566,7 +517,6 @@ TEST_F(CurlHttpServiceTest, ACancelInItsOwnProgressCallbackKeepsResumeDataWithou
     EXPECT_EQ(download(urlWith("second-secret"), true), "Finished 206 3145728/3145728 from 131072");
     EXPECT_EQ(server_.requestsFor("/pack").back().header("range"), "bytes=131072-");
     EXPECT_EQ(test::readWholeFile(destination_), content);
-    EXPECT_EQ(test::filesContaining(scratch_.path(), "second-secret"), std::vector<std::string>{});
     // Nothing came after the cancel. Pending and the first Downloading come together; progress
     // after that is coalesced.
     EXPECT_EQ(outcome(inbox), "Downloading 131072 from 0");
@@ -606,23 +556,24 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         {"/stall",
          TestFile{.content = kilobytes64, .stallAfter = 16 * 1024, .faultyResponses = always},
          "RequestTimedOut: .*too slow.*" + timedOut + kept},
-        // The connection accepted, never answered.
-        {"/hold", nullopt, "RequestTimedOut: .*too slow.*" + timedOut},
         // The connection never accepted.
         {unaccepting.url(), nullopt, "RequestTimedOut: Failed to connect.*" + timedOut},
         // No head within the request's own timeout, while the engine serves others.
         {"/hold", nullopt, "RequestTimedOut: .*timed out after.*" + timedOut, 1},
-        // A body without a length beyond the cap.
-        {"/endless", TestFile{.content = test::testContent(2 * 1024 * 1024), .chunked = true},
+        // A body that decodes to more than the cap, whatever its length.
+        {"/bomb",
+         TestFile{.content = test::gzipEncode(std::string(2 * 1024 * 1024, 'z')),
+                  .headers = {{"Content-Encoding", "gzip"}}},
          "OtherError: Response body too large." + beyond},
         // A length beyond the cap.
-        {"/beyond", TestFile{.content = "x", .announcedLength = std::size_t{1} << 30},
-         "ConnectionError: .*" + beyond},
-        // A length longer than the body: what came stays.
-        {"/longer",
-         TestFile{.content = test::testContent(32 * 1024),
+        {"/beyond", TestFile{.content = test::testContent(2 * 1024 * 1024)},
+         "OtherError: Response body too large." + beyond},
+        // A body cut off before its length: what came stays.
+        {"/shorter",
+         TestFile{.content = kilobytes64,
                   .headers = {{"Content-Encoding", "identity"}},
-                  .announcedLength = 64 * 1024},
+                  .dropAfter = 32 * 1024,
+                  .faultyResponses = always},
          "ConnectionError: .*bytes remaining.* / Failed NetworkError: .*bytes remaining.*" + kept},
         // A compressed body cut off. Decoded bytes have no place in the server's ranges: nothing
         // is kept to resume.
@@ -632,13 +583,8 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
                   .dropAfter = 16 * 1024,
                   .faultyResponses = always},
          "ConnectionError: .* / Failed NetworkError: .* from 0"},
-        // A 4 MiB header, and 5000 header lines.
-        {"/huge", TestFile{.headers = {{"X-Padding", std::string(4 * 1024 * 1024, 'p')}}},
-         tooLarge},
+        // 5000 header lines.
         {"/lines", manyLines, tooLarge},
-        // A redirect to file:.
-        {"/to-file", TestFile{.status = 302, .headers = {{"Location", "file:///etc/hostname"}}},
-         "OtherError: .*file.* / Failed NetworkError: .*file.*"},
         // Nothing listening.
         {test::loopbackUrl(test::freeLoopbackPort(), "/"), nullopt,
          "ConnectionError: .*127.0.0.1.* / Failed NetworkError: .*127.0.0.1.*"},
@@ -654,7 +600,7 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
                                  "RequestTimedOut", "Reserved", "OtherError"};
     // The first rows stall, so a short window finds them quickly; the others must not depend on
     // the speed of a loaded (or sanitized) machine sending a huge head.
-    constexpr std::ptrdiff_t kStallingRows = 3;
+    constexpr std::ptrdiff_t kStallingRows = 2;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.target);
         if (row.file) {
@@ -683,9 +629,6 @@ TEST_F(CurlHttpServiceTest, HostileServersGetAClearErrorAndLeaveNothingElseBehin
         const HttpRequestError timeout{RequestTimedOut, "Request timed out."};
         if (final.error && final.error->message == timeout.message) {
             EXPECT_EQ(*final.httpResult, HttpResult(unexpected(timeout)));
-        }
-        if (fs::exists(rd())) {
-            expectResumeDataFor(fs::file_size(part()));
         }
         fs::remove(part());
         fs::remove(rd());
