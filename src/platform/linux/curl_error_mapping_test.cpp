@@ -9,18 +9,21 @@ namespace terrane::common {
 namespace {
 
 // The kind of every code, and the text: curl's detail, its generic text, or an oversized head.
-// The codes a test server provokes (refused and cut-off connections, timeouts, TLS to a plain
-// server, redirect loops, other schemes) are mapped end to end by the HTTP service's tests; here
-// are some of each kind that it cannot provoke.
 TEST(CurlErrorMappingTest, EveryCurlCodeMapsToItsKindAndText) {
     const std::pair<HttpRequestErrorType, std::vector<CURLcode>> kinds[] = {
         {HttpRequestErrorType::ConnectionError,
-         {CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_RESOLVE_PROXY, CURLE_SEND_ERROR,
-          CURLE_RECV_ERROR, CURLE_GOT_NOTHING}},
+         {CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_CONNECT,
+          CURLE_SEND_ERROR, CURLE_RECV_ERROR, CURLE_GOT_NOTHING, CURLE_PARTIAL_FILE}},
+        {HttpRequestErrorType::RequestTimedOut, {CURLE_OPERATION_TIMEDOUT}},
         {HttpRequestErrorType::SSLError,
-         {CURLE_PEER_FAILED_VERIFICATION, CURLE_SSL_CERTPROBLEM, CURLE_SSL_CACERT_BADFILE}},
+         {CURLE_SSL_CONNECT_ERROR, CURLE_PEER_FAILED_VERIFICATION, CURLE_SSL_CERTPROBLEM,
+          CURLE_SSL_CIPHER, CURLE_SSL_CACERT_BADFILE, CURLE_SSL_ISSUER_ERROR,
+          CURLE_SSL_PINNEDPUBKEYNOTMATCH, CURLE_SSL_INVALIDCERTSTATUS, CURLE_SSL_CLIENTCERT,
+          CURLE_USE_SSL_FAILED, CURLE_SSL_SHUTDOWN_FAILED, CURLE_SSL_CRL_BADFILE,
+          CURLE_SSL_ENGINE_NOTFOUND, CURLE_SSL_ENGINE_SETFAILED, CURLE_SSL_ENGINE_INITFAILED}},
         {HttpRequestErrorType::OtherError,
-         {CURLE_URL_MALFORMAT, CURLE_WRITE_ERROR, CURLE_OUT_OF_MEMORY, CURLE_BAD_CONTENT_ENCODING}},
+         {CURLE_UNSUPPORTED_PROTOCOL, CURLE_URL_MALFORMAT, CURLE_TOO_MANY_REDIRECTS,
+          CURLE_WRITE_ERROR, CURLE_OUT_OF_MEMORY, CURLE_BAD_CONTENT_ENCODING}},
     };
     for (const auto& [type, codes] : kinds) {
         for (const CURLcode code : codes) {
