@@ -29,6 +29,7 @@ TEST(ParseRFC3339, ReadsTimeStampsAndRefusesMalformedText) {
     const std::vector<std::pair<const char*, optional<TimePoint>>> rows{
         {"1970-01-01T00:00:00Z", at(0)},
         {"2021-03-04T05:06:07Z", at(1'614'816'000 + 5 * 3600 + 6 * 60 + 7)},
+        {"2024-12-31T23:59:59Z", at(1'735'603'200 + day - 1)},
         {"2021-02-01T00:00:00Z", at(1'612'137'600)},
         {"2100-02-01T00:00:00Z", at(4'105'123'200)},
         // February of a leap year reads one day late, so the leap day is the first of March.
