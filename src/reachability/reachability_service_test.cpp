@@ -29,7 +29,6 @@ TEST(ReachabilityFlagsTest, StatusFollowsTheRulesInOrder) {
         {Reachable | ConnectionRequired | ConnectionOnDemand, ReachableViaWiFi},
         {Reachable | ConnectionRequired | ConnectionOnTraffic, ReachableViaWiFi},
         {Reachable | ConnectionRequired | ConnectionOnDemand | InterventionRequired, NotReachable},
-        {Reachable | InterventionRequired, ReachableViaWiFi},
     };
     for (const auto& [flags, status] : rows) {
         EXPECT_EQ(networkStatusForFlags(flags), status) << std::hex << flags;
