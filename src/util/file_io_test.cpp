@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -198,24 +199,50 @@ TEST_F(FileTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
 
 // A digest recorded for a file answers for it, after the library renamed it into place, only while
 // the file is the one recorded: the answer shows which it was, since the recorded digest is not the
-// file's. A change that puts the size and times back still changes the change time, which is what
-// any other change (truncation, a new file that reuses the inode) also changes. The cache keeps
-// only the newest entries.
+// file's. The cache keeps only the newest entries.
 TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheNewestFilesAsRecorded) {
+    const std::string original = patternedBytes(100'000);
+    const auto keepTimes = [](const fs::path& file, const std::function<void()>& change) {
+        struct stat before {};
+        ::stat(file.c_str(), &before);
+        change();
+        const timespec times[2] = {before.st_atim, before.st_mtim};
+        EXPECT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    };
+    const struct {
+        const char* change;
+        std::function<void(const fs::path&)> apply;
+        bool recorded;
+    } rows[] = {
+        {"none", [](const fs::path&) {}, true},
+        {"one byte overwritten, times put back",
+         [&](const fs::path& file) {
+             keepTimes(file, [&] {
+                 const FileDescriptor out{::open(file.c_str(), O_WRONLY | O_CLOEXEC)};
+                 EXPECT_EQ(::pwrite(out.get(), "x", 1, 500), 1);
+             });
+         },
+         false},
+        {"truncated", [](const fs::path& file) { fs::resize_file(file, 50'000); }, false},
+        {"replaced by a file of the same size and times",
+         [&](const fs::path& file) {
+             // Removed first, so that the new file may well get the same inode.
+             keepTimes(file, [&] {
+                 fs::remove(file);
+                 put(file, std::string(original).replace(0, 1, "~"));
+             });
+         },
+         false},
+    };
     const fs::path part = directory_ / "part";
     const fs::path file = directory_ / "file";
-    for (const bool overwritten : {false, true}) {
-        recordDigest(put(part, patternedBytes(100'000)), "recorded");
+    const std::string recorded = "digest recorded for the original";
+    for (const auto& row : rows) {
+        recordDigest(put(part, original), recorded);
         ASSERT_EQ(DigestCache::instance().rename(part, file), 0);
-        if (overwritten) {
-            struct stat before {};
-            ASSERT_EQ(::stat(file.c_str(), &before), 0);
-            const FileDescriptor out{::open(file.c_str(), O_WRONLY | O_CLOEXEC)};
-            EXPECT_EQ(::pwrite(out.get(), "x", 1, 500), 1);
-            const timespec times[2] = {before.st_atim, before.st_mtim};
-            EXPECT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-        }
-        EXPECT_EQ(md5File(file), overwritten ? md5String(*readFile(file)) : "recorded");
+        row.apply(file);
+        const auto expected = row.recorded ? recorded : md5String(*readFile(file));
+        EXPECT_EQ(md5File(file), expected) << row.change;
     }
 
     std::vector<fs::path> files;
