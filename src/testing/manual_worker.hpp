@@ -41,13 +41,10 @@ class ManualWorker {
     OfflineServiceWorker* operator->() const { return worker; }
 
     // Runs queued tasks in queue order, including those they queue in turn, until nothing is
-    // left (idle checks too). Returns how many ran.
-    std::size_t runPending() {
-        std::size_t total = 0;
-        while (const std::size_t ran = runRound()) {
-            total += ran;
+    // left (idle checks too).
+    void runPending() {
+        while (runRound()) {
         }
-        return total;
     }
 
     // What the WorkerThread's destructor does first: from now on the worker is shutting down.
@@ -55,15 +52,16 @@ class ManualWorker {
 
   private:
     // Runs tasks until a marker put in at the lowest priority comes back: what a task queues at
-    // that priority meanwhile comes after it and waits for the next round. Returns how many ran.
-    std::size_t runRound() {
+    // that priority meanwhile comes after it and waits for the next round. Returns whether any
+    // task ran.
+    bool runRound() {
         auto marker = std::make_unique<Marker>();
         const Task* mine = marker.get();
         queue->put(std::move(marker));
-        std::size_t ran = 0;
+        bool ran = false;
         for (auto task = queue->get(); task.get() != mine; task = queue->get()) {
             (*task)();
-            ++ran;
+            ran = true;
         }
         return ran;
     }
