@@ -65,20 +65,6 @@ TEST_F(CatalogueTest, EveryFailureReachesTheCallbackWithTheAccessTokenMasked) {
                          OfflineDataErrorCode::Connection, "HTTP Service is not available"})));
 }
 
-TEST_F(CatalogueTest, AnEmptyCallbackAsksNothingAndALateAnswerIsDroppedWithItsCallback) {
-    start();
-    (*worker)->listAvailableRegions({});
-    auto held = std::make_shared<int>(0);
-    std::weak_ptr<int> watch = held;
-    (*worker)->listAvailableRegions([held](auto) { ADD_FAILURE(); });
-    held.reset();
-    const auto request = http->nextRequest();
-    worker.reset();
-    request.respond(200, "{}");
-    EXPECT_TRUE(watch.expired());
-    EXPECT_EQ(http->requests().size(), 1u);
-}
-
 // Without a base URL, or with an empty one, the default endpoint serves, and it names the storage
 // root: the MD5 of its URL + "/alice".
 TEST_F(CatalogueTest, WithoutABaseURLTheDefaultEndpointServesAndNamesTheStorageRoot) {
