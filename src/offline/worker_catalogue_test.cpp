@@ -97,8 +97,6 @@ TEST_F(CatalogueTest, PackOperationsWithoutAUsablePackOnlyLogWhy) {
         {[&] { (*worker)->deletePack(maps, OfflineDataRegionMetadata(otherFormat)); },
          log("metadata specifies wrong format") + " | " +
              log(missing + "maps pack of revision 3 of offline region 'region-b'")},
-        // Leaving touches only packs awaiting the observer: no word about the format.
-        {[&] { (*worker)->removeObserver(std::make_shared<test::RecordingObserver>()); }, {}},
         {[&] {
              (*worker)->verifyPackDownload(PackKey{{"elsewhere", 4294967295u}, maps, 0});
          },
