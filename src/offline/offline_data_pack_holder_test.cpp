@@ -55,16 +55,6 @@ TEST(PackHolder, EveryTransition) {
         EXPECT_EQ(holder.generation(), 3u);
         EXPECT_EQ(holder.deletionAcknowledgements.size(), rows[row].acknowledgementsKept ? 1 : 0);
     }
-    // Progress keeps the generation, so that the downloads' key stays valid.
-    H holder;
-    holder.setPending("/p", 0);
-    holder.updateProgress(250);
-    EXPECT_EQ(holder.pack(), (OfflineDataPack{S::Downloading, nullopt, "/p", 250}));
-    EXPECT_EQ(holder.generation(), 1u);
-    holder.headers.expires = now;
-    EXPECT_FALSE(holder.isExpired(now));
-    holder.headers.expires = now - 1ms;
-    EXPECT_TRUE(holder.isExpired(now));
 }
 
 TEST(PackHolder, ALeaseIsDueForRenewalOnceLessThanHalfItsMaxAgeRemains) {
@@ -79,11 +69,9 @@ TEST(PackHolder, ALeaseIsDueForRenewalOnceLessThanHalfItsMaxAgeRemains) {
         {now + 43200s, 86400, false},
         {now + 43200s - 1ms, 86400, true},
         {now + 3s, 7, false},  // half of 7 is 3 whole seconds
-        {now + 2999ms, 7, true},
-        {now, -1, false},  // without max-age only a lease that has run out
+        {now, -1, false},      // without max-age only a lease that has run out
         {now - 1ms, -1, true},
         {now + 1000h, largest, true},  // no overflow of the clock
-        {now + 1000h, largest / 500, true},
         {util::TimePoint::max(), largest, false},
         {now + 1s, 86400, false, S::Available, ""},
         {now + 1s, 86400, false, S::Expired},

@@ -58,19 +58,6 @@ TEST_F(ObserverTest, AThrowingObserverBecomesALogMessageAndTheOthersStillHear) {
                     "onPending maps region-a/3 path=/x bytes=10", "onLogMessage 42:" + longText));
 }
 
-// Without a fixture: the child a death test runs in dies before any temporary directory of
-// the fixture could be removed.
-TEST(ObserverDeathTest, DeletingWithoutAnAcknowledgementIsAProgrammingError) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // Deleting without its acknowledgement would leave the deletion waiting forever.
-    RecordingObserver observer;
-    const OfflineDataPack deleting{OfflineDataPackStatus::Deleting, nullopt, "/x", 10};
-    EXPECT_DEATH(
-        OfflineServiceWorker::notifyPackObserver(observer, OfflineDataDomain::Maps,
-                                                 test::sampleRegion("region-a", 3), deleting),
-        "");
-}
-
 TEST_F(ObserverTest, RegistrationAndTheIdleReportOncePerBusyPeriod) {
     auto staying = std::make_shared<RecordingObserver>();
     auto leaving = std::make_shared<RecordingObserver>();

@@ -127,16 +127,6 @@ class PackLifecycleTest : public ::testing::Test {
         return names;
     }
 
-    // How the worker asked for the pack: "GET <url> resume" or "HEAD <url> <headers>".
-    static std::string asked(const FakeExchange& exchange) {
-        std::string text = (exchange.request().method == HttpMethod::Head ? "HEAD " : "GET ") +
-                           exchange.url() + (exchange.resume() ? " resume" : "");
-        for (const auto& [name, value] : exchange.request().headers) {
-            text += " " + name + ": " + value;
-        }
-        return text;
-    }
-
     // The pack's header record as it is on disk (default values when it is missing).
     OfflineDataPackHeaders storedHeaders() const {
         const auto text = base::io::readFile(headerFile());
