@@ -25,7 +25,7 @@ class CatalogueTest : public test::PackLifecycleTest {
     }
 };
 
-TEST_F(CatalogueTest, AsksForTheUsersListingAndHandsOverTheSafeRegions) {
+TEST_F(CatalogueTest, ListingHandsOverTheSafeRegionsOrAFailureWithTheAccessTokenMasked) {
     start();
     const auto regions = listAndAnswer([&](const test::FakeRequest& request) {
         EXPECT_EQ(request.url(), baseURL + "/offline-data/v1/alice/regions?access_token=tk");
@@ -40,11 +40,9 @@ TEST_F(CatalogueTest, AsksForTheUsersListingAndHandsOverTheSafeRegions) {
     const std::string reason = "': Region ID must be a valid directory name";
     EXPECT_EQ(joined(newLines()), log("Skipping offline region '../x" + reason) + " | " +
                                       log("Skipping offline region '\\x1B[2J" + reason));
-}
 
-// How statuses and bodies map to errors is the catalogue parser's business; the worker adds the
-// transport failures and masks the access token in whatever reaches the callback.
-TEST_F(CatalogueTest, EveryFailureReachesTheCallbackWithTheAccessTokenMasked) {
+    // How statuses and bodies map to errors is the catalogue parser's business; the worker adds
+    // the transport failures and masks the access token in whatever reaches the callback.
     const std::string masked = baseURL + "/offline-data/v1/alice/regions?access_token=***";
     const struct {
         std::function<void(const test::FakeRequest&)> reply;
@@ -55,7 +53,6 @@ TEST_F(CatalogueTest, EveryFailureReachesTheCallbackWithTheAccessTokenMasked) {
         {[&](auto& r) { r.fail(HttpRequestErrorType::ConnectionError, "Cannot reach " + r.url()); },
          {OfflineDataErrorCode::Connection, "Cannot reach " + masked}},
     };
-    start();
     for (const auto& row : rows) {
         EXPECT_EQ(listAndAnswer(row.reply), AvailableRegionsResult(unexpected(row.error)));
     }

@@ -109,7 +109,7 @@ TEST_F(CancellationAndDeletionTest, AFailedRemovalLeavesThePackErroredAndALaterD
 // changes nothing. A deletion undone meanwhile is not completed by a leaving observer.
 TEST_F(CancellationAndDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledged) {
     auto other = std::make_shared<test::RecordingObserver>();
-    start({recorder, other});
+    startLines({recorder, other});
     downloadInFlight().finish(content);
     settled();
     deletePack();
@@ -121,25 +121,24 @@ TEST_F(CancellationAndDeletionTest, AnObserverThatLeavesCountsAsHavingAcknowledg
     acknowledgeAll(*other);  // after it left: changes nothing
     EXPECT_EQ(settled(), "");
 
-    storeAvailable(fromNow(std::chrono::hours(-1)), "\"v1\"");
-    start({recorder, other});
-    deletePack();
-    downloadPack();
-    (*worker)->removeObserver(other);
-    EXPECT_EQ(settled(), deleting + " | onExpired maps/1 bytes=38 | onIdle");
-}
-
-TEST_F(CancellationAndDeletionTest, WithoutObserversADeletionWaitsUntilThePackIsAskedForAgain) {
-    start(OfflineServiceObservers{});
+    // Without observers a deletion waits until the pack is asked for again; an observer joining
+    // meanwhile hears of no pack, and of no idle service.
+    (*worker)->removeObserver(recorder);
     downloadInFlight().finish(content);
     settle();
     deletePack();
     settle();
-    // An observer joining now hears of no pack, and of no idle service.
     (*worker)->addObserver(recorder);
     EXPECT_EQ(settled(), "onInitialized");
     downloadPack();
     EXPECT_EQ(settled(), "onAvailable maps/1 bytes=38 | onIdle");
+
+    storeAvailable(fromNow(std::chrono::hours(-1)), "\"v1\"");
+    startLines({recorder, other});
+    deletePack();
+    downloadPack();
+    (*worker)->removeObserver(other);
+    EXPECT_EQ(settled(), deleting + " | onExpired maps/1 bytes=38 | onIdle");
 }
 
 TEST_F(CancellationAndDeletionTest, ThroughTheServiceAPackIsDownloadedAndDeletedEndToEnd) {

@@ -60,11 +60,6 @@ TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
         {304, {{"etag", "\"other\""}, {"cache-control", "max-age=86400"}}, "", "", ""},
         {200, {{"etag", "W/" + etag}, {"cache-control", "max-age=86400"}}, "", "", ""},
         {200, {{"etag", "W/\"v2\""}}, "", changed, "Corrupt, message=" + changed},
-        {401,
-         {},
-         R"({"message": "Invalid Token"})",
-         "Invalid Token",
-         "Unauthorized, message=Invalid Token"},
         {0, {}, "", "at " + masked, "Connection, message=at " + masked},
     };
     const auto answer = [](const auto& row, const test::FakeRequest& request) {

@@ -120,8 +120,7 @@ class FakeHttpService final : public HttpServiceInterface {
     FakeDownload nextDownload() { return next(true); }
     FakeCancellation nextCancellation();
 
-    // Everything recorded so far, in the order of the calls. Any thread.
-    std::vector<FakeRequest> requests() const { return recorded(false); }
+    // Every download recorded so far, in the order of the calls. Any thread.
     std::vector<FakeDownload> downloads() const { return recorded(true); }
 
     // Scripting in advance, from any thread; each setting applies to calls made after it.

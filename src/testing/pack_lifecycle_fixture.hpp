@@ -66,10 +66,7 @@ class PackLifecycleTest : public ::testing::Test {
         settle();
         return newLines();
     }
-    std::string start(OfflineServiceObservers observers) {
-        return joined(startLines(std::move(observers)));
-    }
-    std::string start() { return start({recorder}); }
+    std::string start() { return joined(startLines({recorder})); }
 
     // Works off the worker's queue: the answers given to the fake are in it already.
     void settle() { worker->runPending(); }
