@@ -41,7 +41,6 @@ TEST_F(OfflineServiceTest, EveryoneSharesTheLiveServiceAndTheRegistryKeepsEachOb
     second.reset();
     OfflineService::registerObserver(recorder);  // again: attached once
     OfflineService::unregisterObserver(stranger);
-    OfflineService::unregisterObserver(nullptr);
     ASSERT_TRUE(recorder->waitFor("onIdle"));
     // Removed, then added again: the worker forgets it first, so the addition replays the state.
     OfflineService::unregisterObserver(recorder);

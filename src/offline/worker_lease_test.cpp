@@ -29,12 +29,6 @@ class LeaseTest : public test::PackLifecycleTest {
                   (HttpHeaders{{"Accept-Encoding", "identity"}, {"If-None-Match", etag}}));
         return request;
     }
-    static std::string extensionFailed(const std::string& reason) {
-        return log(
-            "Failed to extend expiration time of maps pack of revision 3 of offline "
-            "region 'region-a': " +
-            reason);
-    }
     // Asks for an Expired pack; it goes Downloading while the server is asked.
     test::FakeRequest reauthorise() {
         downloadPack();
@@ -49,52 +43,10 @@ class LeaseTest : public test::PackLifecycleTest {
 // of an expired pack, take the same answers. The same entity with a fresh lease renews the pack;
 // anything else fails the renewal with a log line, and the re-authorisation with an error that
 // leaves the pack Expired without its file (but with its tag, to ask again).
-TEST_F(LeaseTest, EachAnswerToAConditionalRequest) {
-    const std::string masked = baseURL + "/offline-data/v1/maps.bin?access_token=***";
-    const struct {
-        std::int64_t code;  // 0: a transport failure
-        HttpHeaders headers;
-        std::string body, failure, error;  // empty: renewed
-    } rows[] = {
-        // A 304 is the server's word that the tag matches, whatever tag it repeats.
-        {304, {{"etag", "\"other\""}, {"cache-control", "max-age=86400"}}, "", "", ""},
-        {200, {{"etag", "W/" + etag}, {"cache-control", "max-age=86400"}}, "", "", ""},
-        {200, {{"etag", "W/\"v2\""}}, "", changed, "Corrupt, message=" + changed},
-        {0, {}, "", "at " + masked, "Connection, message=at " + masked},
-    };
-    const auto answer = [](const auto& row, const test::FakeRequest& request) {
-        if (row.code == 0) {
-            return request.fail(HttpRequestErrorType::ConnectionError, "at " + request.url());
-        }
-        request.respond(row.code, row.body, row.headers);
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.error);
-        storeAvailable(fromNow(1h), etag);
-        start();
-        answer(row, conditionalRequest());
-        EXPECT_EQ(settled(),
-                  row.failure.empty() ? "onIdle" : extensionFailed(row.failure) + " | onIdle");
-        EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.failure.empty());
-
-        startExpired(etag);
-        answer(row, reauthorise());
-        EXPECT_EQ(settled(), (row.error.empty() ? "onAvailable maps/1 bytes=38"
-                                                : expired + " error=" + row.error) +
-                                 " | onIdle");
-        EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.error.empty());
-        EXPECT_EQ(fs::exists(packFile()), row.error.empty());
-    }
-    // With the file gone, or without a tag to ask with, the next ask downloads in full.
-    downloadInFlight();
-    startExpired("");
-    downloadInFlight();
-}
-
-// A renewal answer for a pack deleted meanwhile is dropped but settled. A file that cannot be
-// removed after a refused re-authorisation is logged. A re-authorisation is cancelled like a
-// download, and the pack, its lease still over, is Expired again without error.
-TEST_F(LeaseTest, ConditionalRequestsMeetWhatHappensMeanwhile) {
+TEST_F(LeaseTest, EachAnswerToAConditionalRequestAndWhatMeetsItMeanwhile) {
+    // A renewal answer for a pack deleted meanwhile is dropped but settled. A file that cannot be
+    // removed after a refused re-authorisation is logged. A re-authorisation is cancelled like a
+    // download, and the pack, its lease still over, is Expired again without error.
     storeAvailable(fromNow(1h), etag, 86400);
     EXPECT_EQ(start(), "onAvailable maps/1 bytes=38 | onInitialized");
     auto request = conditionalRequest();
@@ -120,6 +72,49 @@ TEST_F(LeaseTest, ConditionalRequestsMeetWhatHappensMeanwhile) {
     EXPECT_EQ(settled(), expired + " | onIdle");
     EXPECT_EQ(http->nextCancellation().id(), request.id());
     EXPECT_EQ(base::io::readFile(packFile()), content);
+
+    const std::string masked = baseURL + "/offline-data/v1/maps.bin?access_token=***";
+    const std::string extension =
+        log("Failed to extend expiration time of maps pack of revision 3 of offline region "
+            "'region-a': ");
+    const struct {
+        std::int64_t code;  // 0: a transport failure
+        HttpHeaders headers;
+        std::string failure, error;  // empty: renewed
+    } rows[] = {
+        // A 304 is the server's word that the tag matches, whatever tag it repeats.
+        {304, {{"etag", "\"other\""}, {"cache-control", "max-age=86400"}}, "", ""},
+        {200, {{"etag", "W/" + etag}, {"cache-control", "max-age=86400"}}, "", ""},
+        {200, {{"etag", "W/\"v2\""}}, changed, "Corrupt, message=" + changed},
+        {0, {}, "at " + masked, "Connection, message=at " + masked},
+    };
+    const auto answer = [](const auto& row, const test::FakeRequest& request) {
+        if (row.code == 0) {
+            return request.fail(HttpRequestErrorType::ConnectionError, "at " + request.url());
+        }
+        request.respond(row.code, "", row.headers);
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.error);
+        storeAvailable(fromNow(1h), etag);
+        start();
+        answer(row, conditionalRequest());
+        EXPECT_EQ(settled(),
+                  row.failure.empty() ? "onIdle" : extension + row.failure + " | onIdle");
+        EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.failure.empty());
+
+        startExpired(etag);
+        answer(row, reauthorise());
+        EXPECT_EQ(settled(), (row.error.empty() ? "onAvailable maps/1 bytes=38"
+                                                : expired + " error=" + row.error) +
+                                 " | onIdle");
+        EXPECT_EQ(storedHeaders().expires > fromNow(23h), row.error.empty());
+        EXPECT_EQ(fs::exists(packFile()), row.error.empty());
+    }
+    // With the file gone, or without a tag to ask with, the next ask downloads in full.
+    downloadInFlight();
+    startExpired("");
+    downloadInFlight();
 }
 
 }  // namespace

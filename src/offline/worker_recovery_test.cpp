@@ -141,7 +141,7 @@ TEST_F(RecoveryTest, EveryStoredTreeGivesItsStartUpLines) {
     EXPECT_EQ(newLines().size(), 7u);
 }
 
-TEST_F(RecoveryTest, TheConfigurationRecordIsWrittenOnceAndTemporariesOfInterruptedWritesGo) {
+TEST_F(RecoveryTest, AStartWritesItsRecordOnceSweepsInterruptedWritesAndReportsWhatCannotBeRead) {
     start();
     EXPECT_EQ(base::io::readFile(tree.root() / "configuration.json"),
               serializeConfiguration(baseURL, "alice"));
@@ -164,9 +164,8 @@ TEST_F(RecoveryTest, TheConfigurationRecordIsWrittenOnceAndTemporariesOfInterrup
     build({{".lock", "0\n"}, {files[1].first, ""}});
     start();
     EXPECT_TRUE(fs::exists(tree.root() / files[1].first));
-}
 
-TEST_F(RecoveryTest, WhatCannotBeReadIsReportedAndTheRestRecovered) {
+    // What cannot be read is reported, and the rest recovered.
     storeAvailable(fromNow(24h), "");
     fs::create_directory_symlink("5", tree.root() / "region-a" / "5");
     EXPECT_THAT(start(), MatchesRegex("(onAvailable maps/1 bytes=38 \\| )?onLogMessage Failed to "
@@ -188,7 +187,7 @@ TEST_F(RecoveryTest, WhatCannotBeReadIsReportedAndTheRestRecovered) {
 // the start-up reports it Verifying, announces onInitialized, and the verification decides.
 using PackVerificationTest = RecoveryTest;
 
-TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUp) {
+TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUpAlsoOfAPackFileWithoutItsRecord) {
     const std::string tmp = downloadFile().string();
     const struct {
         std::function<void()> prepare;  // after storeUnverified(content)
@@ -211,13 +210,12 @@ TEST_F(PackVerificationTest, EachOutcomeOfACheckAtStartUp) {
                   "onVerifying maps/1.tmp bytes=0 | onInitialized | " + row.outcome + " | onIdle");
         EXPECT_EQ(packFiles(), row.filesLeft) << row.outcome;
     }
-}
 
-TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenItsSizeFits) {
+    // A pack file without a record that vouches for it is checked again when its size fits.
     const struct {
         bool record;
         std::string onDisk, expected;
-    } rows[] = {
+    } unvouched[] = {
         {false, content,
          "onVerifying maps/1 bytes=38 | onInitialized | onAvailable maps/1 bytes=38"},
         {true, std::string(content.size(), 'x'),
@@ -227,7 +225,7 @@ TEST_F(PackVerificationTest, APackFileWithoutAVouchingRecordIsCheckedAgainWhenIt
          log("Ignoring revision 3 of offline region 'region-a': No downloaded files") +
              " | onInitialized"},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : unvouched) {
         fs::remove_all(tree.root() / "region-a");
         tree.writeMetadata("3", region());
         if (row.record) {

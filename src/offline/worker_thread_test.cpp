@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "offline/task_queue.hpp"
+
 namespace terrane::common {
 namespace {
 
@@ -75,6 +77,17 @@ TEST(WorkerThread, RunsQueuedTasksByPriorityOnItsThreadUntilDrainedThenProxiesDr
                                               "count 0", "destroyed", "destroyed late"));
     EXPECT_NE(journal->threads.front(), std::this_thread::get_id());
     EXPECT_EQ(journal->threads.front(), journal->threads[5]);
+}
+
+// A task put while others are queued is sorted in before the next get, not behind them.
+TEST(TaskQueue, ATaskPutWhileOthersWaitIsSortedInBeforeTheNextGet) {
+    Journal journal;
+    TaskQueue queue;
+    queue.put(makeTask(TaskPriority::Idle, &journal, &Journal::add, std::string()));
+    queue.put(makeTask(TaskPriority::Idle, &journal, &Journal::add, std::string()));
+    queue.get();
+    queue.put(makeTask(TaskPriority::Normal, &journal, &Journal::add, std::string()));
+    EXPECT_EQ(queue.get()->priority, TaskPriority::Normal);
 }
 
 }  // namespace
