@@ -198,6 +198,7 @@ TEST_F(PackDownloadTest, AtShutdownAFinalReportIsStoredUnverifiedAndNoNewExchang
     downloadInFlight().finish(content);
     worker->beginShutdown();
     EXPECT_EQ(settled(), "onVerifying maps/1.tmp bytes=0 | onIdle");
+    EXPECT_FALSE(storedHeaders().verified);  // the record vouches for nothing unchecked
 
     startExpired("\"e\"");
     worker->beginShutdown();
