@@ -230,14 +230,6 @@ class ToolTest : public ::testing::Test {
         }
         return files;
     }
-    // How far a download came, whatever names the HTTP layer gives its partial files.
-    std::uintmax_t largestStoredFile() const {
-        std::uintmax_t largest = 0;
-        for (const auto& [file, size] : storedFiles()) {
-            largest = std::max(largest, size);
-        }
-        return largest;
-    }
 
     const fs::path scratch_ =
         fs::temp_directory_path() / ("terrane-tool-e2e-" + std::to_string(::getpid()));
