@@ -40,15 +40,23 @@ TEST_F(ObserverTest, AThrowingObserverBecomesALogMessageAndTheOthersStillHear) {
     std::ranges::generate(observers, std::make_shared<RecordingObserver>);
     std::ranges::sort(observers);  // the worker's (address) order
     observers[1]->throwFrom("onAvailable", "boom");
+    observers[1]->throwFrom("onPending", "not an std::exception", false);
     observers[1]->throwFrom("onLogMessage", "again");
+    observers[0]->throwFrom("onLogMessage", "too");
     auto worker = makeWorker({observers.begin(), observers.end()});
     worker->notifyPack(OfflineDataDomain::Maps, region, available);
+    auto pending = available;
+    pending.status = OfflineDataPackStatus::Pending;
+    worker->notifyPack(OfflineDataDomain::Maps, region, pending);
     const std::string longText(5000, 'x');
     worker->logMessage("%u:%s", 42u, longText.c_str());
-    EXPECT_THAT(
-        observers[2]->lines(),
-        ElementsAre("onInitialized", "onLogMessage Uncaught exception in observer: boom",
-                    "onAvailable maps region-a/3 path=/x bytes=10", "onLogMessage 42:" + longText));
+    worker->logMessage("%s", "");
+    EXPECT_THAT(observers[2]->lines(),
+                ElementsAre("onInitialized", "onLogMessage Uncaught exception in observer: boom",
+                            "onAvailable maps region-a/3 path=/x bytes=10",
+                            "onLogMessage Uncaught exception in observer",
+                            "onPending maps region-a/3 path=/x bytes=10",
+                            "onLogMessage 42:" + longText, "onLogMessage "));
 }
 
 TEST_F(ObserverTest, RegistrationAndTheIdleReportOncePerBusyPeriod) {

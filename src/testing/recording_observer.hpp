@@ -48,10 +48,10 @@ class RecordingObserver : public OfflineServiceObserver {
     }
 
     // From now on, `callback` (a name such as "onAvailable") records its line and then throws
-    // std::runtime_error(message).
-    void throwFrom(const std::string& callback, const std::string& message) {
+    // std::runtime_error(message); with `standard` false it throws the message as a std::string.
+    void throwFrom(const std::string& callback, const std::string& message, bool standard = true) {
         std::lock_guard lock(mutex);
-        faults[callback] = message;
+        faults[callback] = {message, standard};
     }
 
     // The acknowledgement callbacks received with onDeleting, in order; taking them empties the
@@ -103,16 +103,19 @@ class RecordingObserver : public OfflineServiceObserver {
         recorded.push_back(callback + details);
         changed.notify_all();
         if (auto fault = faults.find(callback); fault != faults.end()) {
-            const std::string message = fault->second;
+            const auto [message, standard] = fault->second;
             lock.unlock();
-            throw std::runtime_error(message);
+            if (standard) {
+                throw std::runtime_error(message);
+            }
+            throw message;
         }
     }
 
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     Lines recorded;
-    std::map<std::string, std::string> faults;
+    std::map<std::string, std::pair<std::string, bool>> faults;
     std::vector<std::function<void()>> acknowledgements;
 };
 
