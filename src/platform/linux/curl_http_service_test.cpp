@@ -42,15 +42,6 @@ using enum DownloadState;
 using enum DownloadErrorCode;
 using enum HttpRequestErrorType;
 
-std::vector<std::string> valuesOf(const test::ReceivedRequest& request, const std::string& name) {
-    std::vector<std::string> values;
-    for (auto [at, end] = request.headers.equal_range(name); at != end; ++at) {
-        values.push_back(at->second);
-    }
-    std::sort(values.begin(), values.end());
-    return values;
-}
-
 void waitUntil(const std::function<bool()>& condition) {
     while (!condition()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -220,8 +211,12 @@ TEST_F(CurlHttpServiceTest, RequestsGoOutAsAskedAndAnswersOfAnyStatusComeBackDec
             EXPECT_EQ(received.header("expect"), nullopt);
         }
         // The caller's Accept-Encoding goes out instead of libcurl's, not beside it.
-        EXPECT_EQ(valuesOf(received, "accept-encoding").size(), 1u);
-        EXPECT_EQ(valuesOf(received, "user-agent"), row.agents);
+        EXPECT_EQ(received.headers.count("accept-encoding"), 1u);
+        std::vector<std::string> agents;
+        for (auto [at, end] = received.headers.equal_range("user-agent"); at != end; ++at) {
+            agents.push_back(at->second);
+        }
+        EXPECT_THAT(agents, testing::UnorderedElementsAreArray(row.agents));
         for (const auto& [name, value] : row.headers) {
             if (name != "User-Agent" && name != "user-agent") {
                 EXPECT_EQ(received.header(name), value);
@@ -242,7 +237,6 @@ TEST_F(CurlHttpServiceTest, CallbacksMayCancelAndStartRequests) {
     });
     EXPECT_EQ(held.waitFor(1).result.error().type, RequestCancelled);
     EXPECT_EQ(started.waitFor(1).result->code, 404);
-    server_.release();
 }
 
 // Requests beyond those a host gets connections for, or beyond those the engine admits at once,
@@ -272,17 +266,6 @@ TEST_F(CurlHttpServiceTest, RequestsBeyondTheCapsWaitTheirTurnAndCanBeCancelled)
                                                test::bodyText(response) == "held";
                                     }),
               static_cast<std::ptrdiff_t>(requests - 1));
-}
-
-// Engine threads of this process, told apart by their name: a count of all threads would also
-// see the ones a sanitizer's runtime starts on its own.
-std::size_t engineThreads() {
-    std::size_t count = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
-        count += test::readWholeFile(entry.path() / "comm") ==
-                 std::string(CurlEngine::threadName) + "\n";
-    }
-    return count;
 }
 
 TEST_F(CurlHttpServiceTest, DownloadsReplaceTheDestinationOnlyWithTheFileAndResumeOnlyTheSame) {
@@ -409,9 +392,7 @@ TEST_F(CurlHttpServiceTest, ReleasingTheServiceEndsTransfersWithoutCallbacksAndK
     waitUntil([&] { return server_.heldNow() == 5; });
     EXPECT_FALSE(cancel(id));
     const auto reports = inbox.items().size();
-    EXPECT_EQ(engineThreads(), 1u);
-    service_.reset();  // joins the engine thread
-    EXPECT_EQ(engineThreads(), 0u);
+    service_.reset();
     server_.release();
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(inbox.items().size(), reports);
@@ -454,7 +435,6 @@ TEST_F(CurlHttpServiceTest, ACancelInItsOwnProgressCallbackKeepsResumeDataWithou
     EXPECT_EQ(
         decodeResumeData(test::readWholeFile(rd())),
         (ResumeData{server_.url("/pack?region=harbour"), part(), 128 * 1024, "\"v1\"", date}));
-    EXPECT_EQ(fs::file_size(part()), 128 * 1024);
     for (const auto& path : {part(), rd()}) {
         EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
                   fs::perms::owner_read | fs::perms::owner_write)
