@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <random>
 #include <stdexcept>
 
 // The Debian library is built with these; its classes change shape without them.
@@ -27,11 +28,8 @@ constexpr std::size_t kChunk = 16 * 1024;
 
 std::string testContent(std::size_t size, std::uint32_t seed) {
     std::string content(size, '\0');
-    std::uint32_t state = seed * 2654435761u + 1;
-    for (auto& byte : content) {
-        state = state * 1103515245u + 12345u;
-        byte = static_cast<char>(state >> 24);
-    }
+    std::minstd_rand random(seed);
+    std::ranges::generate(content, [&] { return static_cast<char>(random() >> 16); });
     return content;
 }
 
@@ -80,7 +78,7 @@ std::string HttpTestServer::url(std::string_view path) const {
 
 void HttpTestServer::serve(const std::string& path, TestFile file) {
     std::lock_guard lock(mutex_);
-    files_[path] = FileState{std::move(file), 0};
+    files_[path] = {std::move(file), 0};
 }
 
 void HttpTestServer::release() {
@@ -122,8 +120,8 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
         response.status = 404;
         return;
     }
-    const bool faulty = found->second.served++ < found->second.file.faultyResponses;
-    const TestFile file = found->second.file;
+    const bool faulty = found->second.second++ < found->second.first.faultyResponses;
+    const TestFile file = found->second.first;
     lock.unlock();
 
     if (file.holdHead) {

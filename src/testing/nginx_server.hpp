@@ -31,8 +31,8 @@ class NginxServer {
 
     static bool isInstalled() { return ::access(kExecutable, X_OK) == 0; }
 
-    // Serves `root` at "/" (with "Cache-Control: max-age=3600") and again at "/slow/" at 2 MiB
-    // per second per connection, so that a test can catch a transfer mid-way. A sendBuffer (for
+    // Serves `root` at "/" and again at "/slow/" at 2 MiB per second per connection, both with
+    // "Cache-Control: max-age=3600", so that a test can catch a transfer mid-way. A sendBuffer (for
     // example "32k") caps the socket's send buffer, which on loopback would otherwise take
     // megabytes in one burst before any rate limit applies. Throws std::runtime_error when nginx
     // does not come up.
@@ -51,7 +51,7 @@ class NginxServer {
             << "  default_type application/octet-stream;\n"
             << "  sendfile on;\n  tcp_nopush on;\n  keepalive_requests 100000;\n"
             << "  server {\n    include listen.conf;\n    root " << root.string() << ";\n"
-            << "    location / { add_header Cache-Control \"max-age=3600\"; }\n"
+            << "    add_header Cache-Control \"max-age=3600\";\n"
             << "    location /slow/ { alias " << root.string() << "/; limit_rate 2m; }\n  }\n}\n";
         start(5, true);
     }

@@ -20,18 +20,15 @@
 
 namespace terrane::common::test {
 
-// Collects what the callbacks of one exchange receive, with the thread and the time of each call.
+// Collects what the callbacks of one exchange receive, with the thread of each call.
 template <typename T>
 class Inbox {
   public:
-    using Clock = std::chrono::steady_clock;
-
     auto callback() {
         return [this](T&& item) {
             std::lock_guard lock(mutex_);
             items_.push_back(std::move(item));
             threads_.push_back(std::this_thread::get_id());
-            times_.push_back(Clock::now());
             arrived_.notify_all();
         };
     }
@@ -59,17 +56,12 @@ class Inbox {
         std::lock_guard lock(mutex_);
         return threads_;
     }
-    std::vector<Clock::time_point> times() const {
-        std::lock_guard lock(mutex_);
-        return times_;
-    }
 
   private:
     mutable std::mutex mutex_;
     std::condition_variable arrived_;
     std::vector<T> items_;
     std::vector<std::thread::id> threads_;
-    std::vector<Clock::time_point> times_;
 };
 
 using ResponseInbox = Inbox<HttpResponse>;

@@ -14,7 +14,6 @@ namespace {
 TEST(HostResolverTest, ANameIsLookedUpOffTheCallersThreadAndTheNewAddressesReported) {
     std::promise<std::thread::id> changed;
     HostResolver resolver("localhost", [&] { changed.set_value(std::this_thread::get_id()); });
-    EXPECT_THAT(resolver.addresses(), testing::IsEmpty());
     resolver.resolve();
     auto reported = changed.get_future();
     ASSERT_EQ(reported.wait_for(std::chrono::seconds(10)), std::future_status::ready);

@@ -15,18 +15,16 @@
 #include <string>
 #include <thread>
 
+#include "testing/storage_tree.hpp"
+
 namespace terrane::common {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A private message bus: dbus-daemon with the session configuration on a socket in a scratch
 // directory. It prints its pid only once it listens; the object stops it on destruction.
 class PrivateBus {
   public:
-    PrivateBus()
-        : directory_(fs::temp_directory_path() / ("terrane-bus-" + std::to_string(::getpid()))) {
-        fs::create_directories(directory_);
+    PrivateBus() {
         const std::string command =
             "dbus-daemon --session --fork --print-pid --address=" + address() + " 2>/dev/null";
         if (FILE* out = ::popen(command.c_str(), "r")) {
@@ -39,17 +37,15 @@ class PrivateBus {
         if (pid_ > 0) {
             ::kill(pid_, SIGTERM);
         }
-        std::error_code ignored;
-        fs::remove_all(directory_, ignored);
     }
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
     bool running() const { return pid_ > 0; }
-    std::string address() const { return "unix:path=" + (directory_ / "bus").string(); }
+    std::string address() const { return "unix:path=" + (directory_.path() / "bus").string(); }
 
   private:
-    fs::path directory_;
+    test::TemporaryDirectory directory_;
     pid_t pid_ = -1;
 };
 
