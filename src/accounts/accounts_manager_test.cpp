@@ -45,7 +45,6 @@ TEST_F(AccountsManagerTest, EachSkuHasItsCodeAndUnknownOnesShareACodelessToken) 
             << sku;
     }
     EXPECT_EQ(token(static_cast<SKUIdentifier>(4)), token(static_cast<SKUIdentifier>(0xFFFFFFFF)));
-    EXPECT_NE(token(static_cast<SKUIdentifier>(4)), token(SKUIdentifier::Code00));
 }
 
 TEST_F(AccountsManagerTest,
@@ -104,8 +103,6 @@ TEST(TokenGenerator, ThreadsAskingAtOnceShareTheProcessWideToken) {
     }
     EXPECT_EQ(seen, std::vector<std::string>(
                         4, AccountsManager::getInstance().getSKUToken(SKUIdentifier::Code04)));
-    const std::string service = TokenGenerator::getSKUToken(SKUIdentifier::Code03);
-    EXPECT_EQ(TokenGenerator::getSKUToken(SKUIdentifier::Code00), service);
 }
 
 }  // namespace

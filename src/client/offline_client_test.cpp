@@ -34,7 +34,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::FakeDownload;
-using ::testing::EndsWith;
 using ::testing::IsEmpty;
 using ::testing::PrintToString;
 
@@ -151,17 +150,20 @@ class OfflineClientTest : public ::testing::Test {
         return described;
     }
 
-    PackDownloadOptions withProgress(RetryPolicy retry = {}) {
+    PackDownloadOptions withProgress() {
         PackDownloadOptions options;
         options.progress = [log = progress](const PackProgress& record) { log->add(record); };
-        options.retry = retry;
         return options;
     }
 
     // Ends a download: with an HTTP status, dropped ("drop"), after 5 bytes and dropped,
-    // "corrupt" or "finish"ed, or cancelled by someone else, which leaves the pack Incomplete.
-    void end(const FakeDownload& download, const std::string& how) const {
-        if (how == "cancel") {
+    // "corrupt" or "finish"ed, cancelled by someone else, which leaves the pack Incomplete, or
+    // "stop"ped by the operation's own token.
+    void end(const FakeDownload& download, const std::string& how, std::stop_source& stop) const {
+        if (how == "stop") {
+            stop.request_stop();
+            EXPECT_EQ(http->nextCancellation().id(), download.id());
+        } else if (how == "cancel") {
             OfflineService::getInstance({}, {})->cancelPackDownload(maps, region());
         } else if (how == "finish" || how == "corrupt") {
             download.finish(how == "finish" ? content : "not the pack");
@@ -184,7 +186,8 @@ class OfflineClientTest : public ::testing::Test {
     // The tail of an available pack's path ("maps/1"), or the code of the error that ended it.
     static std::string outcome(const PackResult& result) {
         const auto& pack = result.outcome;
-        return pack ? pack->path.substr(pack->path.size() - 6) : PrintToString(pack.error().code);
+        return pack ? pack->path.substr(pack->path.size() - 6)
+                    : (result.cancelled ? "cancelled " : "") + PrintToString(pack.error().code);
     }
 
     const std::string content = "the bytes of the maps pack of region-a";
@@ -233,6 +236,7 @@ TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnABackoffScheduleUntilAFin
         // The second download starts from scratch by itself; the second failure is final.
         {{"corrupt", "corrupt"}, nullopt, "Corrupt"},
         {{"drop", "drop", "drop"}, 3, "1s 2s Connection"},
+        {{"stop"}, nullopt, "cancelled Unknown"},
         // Progress resets the schedule; a download cancelled by someone else is retried too.
         {{"drop", "503", "429", "cancel", "drop", "5 bytes, drop", "drop", "finish"},
          nullopt,
@@ -240,12 +244,14 @@ TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnABackoffScheduleUntilAFin
     };
     for (const auto& row : rows) {
         const std::size_t before = http->downloads().size();
-        RetryPolicy retry;
-        retry.maxAttempts = row.maxAttempts;
-        auto operation = client.download(region(), {maps}, withProgress(retry));
+        std::stop_source stop;
+        auto options = withProgress();
+        options.retry.maxAttempts = row.maxAttempts;
+        options.stop = stop.get_token();
+        auto operation = client.download(region(), {maps}, options);
         std::string transcript;
         for (std::size_t index = 0; index < row.endings.size(); ++index) {
-            end(http->nextDownload(), row.endings[index]);
+            end(http->nextDownload(), row.endings[index], stop);
             if (index + 1 < row.endings.size() && row.endings[index] != "corrupt") {
                 const auto waiting = progress->next(retryWaiting);
                 const auto delay = *waiting.nextRetry - clock->now();
@@ -264,29 +270,7 @@ TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnABackoffScheduleUntilAFin
     // domain the region does not offer is NotFound.
     const auto again = client.download(region(), {maps, navigation});
     EXPECT_EQ(outcome(again.result()[0]) + " " + outcome(again.result()[1]), "maps/1 NotFound");
-    EXPECT_EQ(http->downloads().size(), 14u);
-}
-
-TEST_F(OfflineClientTest, AStopTokenCancelsTheDownloadAndItsPartialFileStays) {
-    auto& client = makeClient();
-    std::stop_source stop;
-    auto options = withProgress();
-    options.stop = stop.get_token();
-    auto operation = client.download(region(), {maps}, options);
-    const auto download = http->nextDownload();
-    download.progress(10, content.size());
-    progress->next([](const PackProgress& record) { return record.bytesDone == 10; });
-    stop.request_stop();
-
-    const auto& result = operation.result()[0];
-    EXPECT_TRUE(result.cancelled);
-    EXPECT_EQ(result.outcome.error().message, cancelledMessage);
-    EXPECT_EQ(http->nextCancellation().id(), download.id());
-    const auto stored = client.stored();
-    ASSERT_EQ(stored.size(), 1u);
-    EXPECT_EQ(stored[0].pack.status, OfflineDataPackStatus::Incomplete);
-    EXPECT_EQ(stored[0].pack.bytes, 10u);
-    EXPECT_THAT(stored[0].pack.path, EndsWith("maps/1.tmp"));
+    EXPECT_EQ(http->downloads().size(), 15u);
 }
 
 TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackIsDeleted) {
@@ -380,10 +364,7 @@ TEST(OfflineClientEndToEnd, ADownloadSurvivesTwoDroppedConnectionsWithoutHelp) {
     const test::TestFile file{
         .content = test::testContent(256 * 1024), .dropAfter = 64 * 1024, .faultyResponses = 2};
     server.serve("/packs/harbour-maps.bin", file);
-
-    OfflineDataRegionMetadata region;
-    region.id = "harbour";
-    region.revision = 2;
+    auto region = test::sampleRegion("harbour", 2);
     region.mapPack =
         OfflineDataPackMetadata{server.url("/packs/harbour-maps.bin"),
                                 util::md5String(file.content), file.content.size(), 1, ""};

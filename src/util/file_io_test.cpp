@@ -72,18 +72,10 @@ class FileTest : public ::testing::Test {
     fs::path directory_;
 };
 
-TEST(Md5String, MatchesTheReferenceDigestsInLowerCaseHex) {
-    const std::vector<std::pair<std::string, std::string>> rows{
-        {"", "d41d8cd98f00b204e9800998ecf8427e"},
-        {std::string("a\0b", 3), "70350f6027bce3713f6b76473084309b"},
-    };
-    for (const auto& [input, digest] : rows) {
-        EXPECT_EQ(md5String(input), digest) << input;
-    }
-}
-
 // A FIFO is refused without waiting for a writer. md5File names the step and the path too.
 TEST_F(FileTest, ReadsAndDigestsWholeRegularFilesAndNamesWhatElseItFound) {
+    // The digest is libcrypto's; the length with its NUL and the lower-case hex are this code's.
+    EXPECT_EQ(md5String(std::string("a\0b", 3)), "70350f6027bce3713f6b76473084309b");
     // Sizes around the boundaries of the 1 MiB read buffer.
     for (const std::size_t size : {0, 1, 1 << 20, (1 << 20) + 1, 3 * (1 << 20) - 7}) {
         const std::string contents = patternedBytes(size);
