@@ -301,13 +301,6 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
         log->next(is(Deleted));
         EXPECT_EQ(log->all(), heard);
     }
-
-    // An observer removed from one client hears nothing more; the other client's still does.
-    downloader.removeObserver(downloaderLog);
-    auto again = remover.download(region(), {maps});
-    http->nextDownload().finish(content);
-    removerLog->next(is(Available));
-    EXPECT_EQ(downloaderLog->all(), heard);
 }
 
 TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkAndResumeAfter) {
