@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "value/json_reader.hpp"
@@ -68,10 +70,7 @@ TEST(OfflineStorage, RecordsAreWrittenMemberByMemberAndReadLeniently) {
 
     const OfflineDataPackHeaders defaults;
     const auto largest = std::numeric_limits<std::int64_t>::max();
-    const struct {
-        std::string text;
-        optional<OfflineDataPackHeaders> expected;
-    } rows[] = {
+    const std::pair<std::string, optional<OfflineDataPackHeaders>> rows[] = {
         {allMembers, headers},
         {"{}", defaults},
         // Wrong types keep their defaults; only the literal true counts.
@@ -85,8 +84,8 @@ TEST(OfflineStorage, RecordsAreWrittenMemberByMemberAndReadLeniently) {
         {"", nullopt},
         {"[]", nullopt},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(parsePackHeaders(row.text), row.expected) << row.text.substr(0, 80);
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(parsePackHeaders(text), expected) << text.substr(0, 80);
     }
 }
 
@@ -112,9 +111,7 @@ TEST(OfflineStorage, EachRegionDocumentReadsAsExpected) {
         return with(R"(}, "packs": [)" + entries + "]");
     };
     const std::string maps = R"({"domain": "maps", "format": 1, "url": "u", "md5_checksum": "c")";
-    const struct {
-        std::string document, outcome;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {with("}"), "r3 maps=- nav=- geo=0"},
         // Entries of other formats or domains are skipped unread; a later one of a domain wins.
         {packs(R"({"domain": "maps", "format": 2}, {"domain": "Maps", "format": 1},
@@ -132,8 +129,8 @@ TEST(OfflineStorage, EachRegionDocumentReadsAsExpected) {
         {with(R"("geography": {"type": "Feature"}})"),
          "Region geography must be a GeoJSON feature: Feature must have a geometry property"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(summary(readRegion("r", row.document)), row.outcome) << row.document;
+    for (const auto& [document, outcome] : rows) {
+        EXPECT_EQ(summary(readRegion("r", document)), outcome) << document;
     }
 }
 
@@ -163,10 +160,8 @@ TEST(OfflineStorage, RegionChecksRunInOrderAndTheFirstFailureWins) {
     for (const auto& [name, json] : broken) {
         set(name, json);
     }
-    const struct {
-        const char* name;
-        std::string fix, next;
-    } steps[] = {
+    // The member to set, if any, its new value and the failure that comes next.
+    const std::tuple<const char*, std::string, std::string> steps[] = {
         {nullptr, "", "Region must have a revision number"},
         {"revision", "3", "Region update time must be an RFC3339-formatted timestamp"},
         {"last_updated", R"("2021-03-04T05:06:07Z")",
@@ -182,11 +177,11 @@ TEST(OfflineStorage, RegionChecksRunInOrderAndTheFirstFailureWins) {
          R"([{"format": 1, "domain": "maps", "url": "u", "md5_checksum": "c", "size": 1}])",
          "r3 maps=u/1/ nav=- geo=0"},
     };
-    for (const auto& step : steps) {
-        if (step.name != nullptr) {
-            set(step.name, step.fix);
+    for (const auto& [name, fix, next] : steps) {
+        if (name != nullptr) {
+            set(name, fix);
         }
-        EXPECT_EQ(read(), step.next);
+        EXPECT_EQ(read(), next);
     }
 }
 
