@@ -14,6 +14,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "reachability/reachability_flags.hpp"
@@ -226,12 +227,8 @@ TEST_F(OfflineClientTest, TheCatalogueIsWaitedForUntilItArrivesTheTimeoutOrTheSt
 // that followed and then the pack's outcome.
 TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnABackoffScheduleUntilAFinalErrorOrTheLimit) {
     auto& client = makeClient();
-    struct Row {
-        std::vector<std::string> endings;
-        optional<std::uint32_t> maxAttempts;
-        std::string expected;
-    };
-    const Row rows[] = {
+    // The endings, the most attempts and the rendering.
+    const std::tuple<std::vector<std::string>, optional<std::uint32_t>, std::string> rows[] = {
         {{"401"}, nullopt, "Unauthorized"},
         // The second download starts from scratch by itself; the second failure is final.
         {{"corrupt", "corrupt"}, nullopt, "Corrupt"},
@@ -242,25 +239,25 @@ TEST_F(OfflineClientTest, TransientFailuresAreRetriedOnABackoffScheduleUntilAFin
          nullopt,
          "1s 2s 4s 8s 16s 1s 2s maps/1"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [endings, maxAttempts, expected] : rows) {
         const std::size_t before = http->downloads().size();
         std::stop_source stop;
         auto options = withProgress();
-        options.retry.maxAttempts = row.maxAttempts;
+        options.retry.maxAttempts = maxAttempts;
         options.stop = stop.get_token();
         auto operation = client.download(region(), {maps}, options);
         std::string transcript;
-        for (std::size_t index = 0; index < row.endings.size(); ++index) {
-            end(http->nextDownload(), row.endings[index], stop);
-            if (index + 1 < row.endings.size() && row.endings[index] != "corrupt") {
+        for (std::size_t index = 0; index < endings.size(); ++index) {
+            end(http->nextDownload(), endings[index], stop);
+            if (index + 1 < endings.size() && endings[index] != "corrupt") {
                 const auto waiting = progress->next(retryWaiting);
                 const auto delay = *waiting.nextRetry - clock->now();
                 transcript += std::to_string(delay / 1s) + "s ";
                 clock->advance(delay);
             }
         }
-        EXPECT_EQ(transcript + outcome(operation.result()[0]), row.expected);
-        EXPECT_EQ(http->downloads().size() - before, row.endings.size()) << row.expected;
+        EXPECT_EQ(transcript + outcome(operation.result()[0]), expected);
+        EXPECT_EQ(http->downloads().size() - before, endings.size()) << expected;
     }
     const auto last = progress->next(available);
     EXPECT_EQ(std::pair(last.bytesDone, last.bytesTotal),
@@ -307,14 +304,9 @@ TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkA
     auto& client = makeClient();
     using namespace reachability_flag;
     const ReachabilityFlags wifi = Reachable, wan = Reachable | IsWWAN, none = 0;
-    struct Row {
-        ReachabilityFlags start;
-        NetworkPolicy policy;
-        bool startsAtOnce;
-        // Where the network goes while the download runs, if anywhere.
-        optional<ReachabilityFlags> away;
-    };
-    const Row rows[] = {
+    // The network at the start, the policy, whether the download starts at once, and where the
+    // network goes while it runs, if anywhere.
+    const std::tuple<ReachabilityFlags, NetworkPolicy, bool, optional<ReachabilityFlags>> rows[] = {
         {wifi, NetworkPolicy::AnyNetwork, true, none},
         {wifi, NetworkPolicy::NotOverWAN, true, wan},
         {wan, NetworkPolicy::AnyNetwork, true, nullopt},
@@ -322,23 +314,23 @@ TEST_F(OfflineClientTest, DownloadsWaitWhileTheirNetworkPolicyForbidsTheNetworkA
     };
     const auto waiting = [](const PackProgress& record) { return record.waitingForNetwork; };
     int number = 0;
-    for (const auto& row : rows) {
-        setNetwork(row.start);
+    for (const auto& [start, policy, startsAtOnce, away] : rows) {
+        setNetwork(start);
         auto options = withProgress();
-        options.network = row.policy;
+        options.network = policy;
         const std::size_t before = http->downloads().size();
         auto operation =
             client.download(region("region-" + std::to_string(++number)), {maps}, options);
-        if (!row.startsAtOnce) {
+        if (!startsAtOnce) {
             progress->next(waiting);
             EXPECT_EQ(http->downloads().size(), before) << number;
             setNetwork(wifi);
         }
         auto download = http->nextDownload();
-        if (row.away) {
+        if (away) {
             download.progress(10, content.size());
             progress->next([](const PackProgress& record) { return record.bytesDone == 10; });
-            setNetwork(*row.away);
+            setNetwork(*away);
             EXPECT_EQ(http->nextCancellation().id(), download.id()) << number;
             progress->next(waiting);
             setNetwork(wifi);

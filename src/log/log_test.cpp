@@ -121,29 +121,26 @@ TEST(LogSinks, EachSinkWritesEveryLevelAndCategoryInItsFormat) {
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z " +
                               std::string(program_invocation_short_name) + "\\[" +
                               std::to_string(::getpid()) + "\\] ";
-    const struct {
-        LoggingLevel level;
-        const char* message;
-        optional<std::string> category;
-        std::string printed;  // by the default sink
-        std::string console;  // after the stamp
-    } rows[] = {
-        {LoggingLevel::Debug, "d", nullopt, "", "Debug:  d"},
-        {LoggingLevel::Info, "up", nullopt, "Info: up\n", "Info:  up"},
-        {LoggingLevel::Info, "i", "net", "<net>Info: i\n", "Info: <net> i"},
-        {LoggingLevel::Warning, "w", "", "<>Warning: w\n", "Warning:  w"},
-        {LoggingLevel::Error, "100%s done %d", "%n", "<%n>Error: 100%s done %d\n",
-         "Error: <%n> 100%s done %d"},
-    };
-    for (const auto& row : rows) {
+    // The level, the message and its category, what the default sink prints, and what the console
+    // sink writes after the stamp.
+    const std::tuple<LoggingLevel, const char*, optional<std::string>, std::string, std::string>
+        rows[] = {
+            {LoggingLevel::Debug, "d", nullopt, "", "Debug:  d"},
+            {LoggingLevel::Info, "up", nullopt, "Info: up\n", "Info:  up"},
+            {LoggingLevel::Info, "i", "net", "<net>Info: i\n", "Info: <net> i"},
+            {LoggingLevel::Warning, "w", "", "<>Warning: w\n", "Warning:  w"},
+            {LoggingLevel::Error, "100%s done %d", "%n", "<%n>Error: 100%s done %d\n",
+             "Error: <%n> 100%s done %d"},
+        };
+    for (const auto& [level, message, category, printed, written] : rows) {
         testing::internal::CaptureStdout();
-        standardOutput.writeLog(row.level, row.message, row.category);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.message;
-        console.writeLog(row.level, row.message, row.category);
+        standardOutput.writeLog(level, message, category);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), printed) << message;
+        console.writeLog(level, message, category);
         char buffer[512];
         const ssize_t length = ::recv(reader.get(), buffer, sizeof buffer, MSG_DONTWAIT);
         const std::string line = length > 0 ? std::string(buffer, length) : std::string();
-        EXPECT_THAT(line, MatchesRegex(stamp + row.console + "\n"));
+        EXPECT_THAT(line, MatchesRegex(stamp + written + "\n"));
     }
 }
 

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -116,32 +117,28 @@ TEST_F(FileTest, RewritesASameLengthRecordInPlaceAndReplacesAnythingElse) {
     put(directory_ / "linked", "0123");
     fs::create_symlink(directory_ / "linked", directory_ / "link");
     const std::string sector(512, 's');
-    struct Row {
-        std::string name;
-        common::optional<std::string> old;
-        std::string contents;
-        bool inPlace;
-    };
-    const std::vector<Row> rows{
-        {"same", "0123", "4567", true},
-        {"shorter", "012345", "4567", false},
-        {"absent", common::nullopt, "4567", false},
-        {"sector", sector, std::string(512, 't'), true},
-        {"beyond", sector + "s", std::string(513, 't'), false},
-        {"link", common::nullopt, "4567", false},
-    };
-    for (const auto& row : rows) {
-        const fs::path path = directory_ / row.name;
-        if (row.old) {
-            put(path, *row.old);
+    // The file, what it held before, what is written and whether it is written over in place.
+    const std::vector<std::tuple<std::string, common::optional<std::string>, std::string, bool>>
+        rows{
+            {"same", "0123", "4567", true},
+            {"shorter", "012345", "4567", false},
+            {"absent", common::nullopt, "4567", false},
+            {"sector", sector, std::string(512, 't'), true},
+            {"beyond", sector + "s", std::string(513, 't'), false},
+            {"link", common::nullopt, "4567", false},
+        };
+    for (const auto& [name, old, contents, inPlace] : rows) {
+        const fs::path path = directory_ / name;
+        if (old) {
+            put(path, *old);
         }
         struct stat before {};
         const bool existed = ::lstat(path.c_str(), &before) == 0;
-        ASSERT_TRUE(rewriteFile(path, row.contents).has_value()) << row.name;
-        EXPECT_EQ(readFile(path), row.contents) << row.name;
+        ASSERT_TRUE(rewriteFile(path, contents).has_value()) << name;
+        EXPECT_EQ(readFile(path), contents) << name;
         struct stat after {};
         ASSERT_EQ(::lstat(path.c_str(), &after), 0);
-        EXPECT_EQ(existed && before.st_ino == after.st_ino, row.inPlace) << row.name;
+        EXPECT_EQ(existed && before.st_ino == after.st_ino, inPlace) << name;
     }
 }
 
