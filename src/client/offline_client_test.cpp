@@ -283,6 +283,7 @@ TEST_F(OfflineClientTest, ClientsShareTheServiceAndARemovalCompletesOnceThePackI
     auto download = downloader.download(region(), {maps});
     http->nextDownload().finish(content);
     EXPECT_EQ(outcome(download.result()[0]), "maps/1");
+    EXPECT_EQ(remover.stored().at(0).pack.status, Available);
     const auto removing = remover.remove(region(), {});
     const auto& removal = removing.result();
     ASSERT_TRUE(removal.at(0).outcome) << removal[0].outcome.error();

@@ -34,6 +34,8 @@ TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
          "Atlas (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12)"},
         {"no app build", [](auto& c, auto&) { c.appBuildNumberComponent = "unknown"; },
          "Atlas/2.1 RouteKit/3.0.1 (routekit; 12)"},
+        {"no os version", [](auto& c, auto&) { c.osVersionComponent = ""; },
+         "Atlas/2.1 RouteKit/3.0.1 (routekit; 12)"},
         {"only the platform's os version",
          [](auto& c, auto& f) { c.osVersionComponent = "", f.osVersion = "6.1"; },
          "Atlas/2.1 (atlas-app; 77; iOS 6.1) RouteKit/3.0.1 (routekit; 12)"},
