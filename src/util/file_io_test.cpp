@@ -182,8 +182,8 @@ TEST_F(FileTest, RemovesOnlyTheInterruptedWritesOfTheDirectoryItself) {
 
 // A digest recorded for a file answers for it, after the library renamed it into place, only while
 // the file is the one recorded: the answer shows which it was, since the recorded digest is not the
-// file's.
-TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
+// file's. The cache keeps only the newest entries.
+TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheNewestFilesAsRecorded) {
     const std::string original = patternedBytes(100'000);
     const auto keepTimes = [](const fs::path& file, const std::function<void()>& change) {
         struct stat before {};
@@ -228,6 +228,15 @@ TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheFileAsRecorded) {
         const auto expected = row.recorded ? recorded : md5String(*readFile(file));
         EXPECT_EQ(md5File(file), expected) << row.change;
     }
+
+    std::vector<fs::path> files;
+    for (std::size_t index = 0; index <= DigestCache::kCapacity; ++index) {
+        files.push_back(put(directory_ / std::to_string(index), std::to_string(index)));
+        const FileDescriptor opened{::open(files.back().c_str(), O_RDONLY | O_CLOEXEC)};
+        ASSERT_TRUE(DigestCache::instance().record(opened.get(), "recorded"));
+    }
+    EXPECT_EQ(md5File(files.front()), md5String("0"));
+    EXPECT_EQ(md5File(files.back()), "recorded");
 }
 
 }  // namespace
