@@ -102,8 +102,8 @@ TEST_F(LogTest, SinksSwappedWhileAThreadLogsGetEveryMessageOnceAndInOrder) {
     }
     int next = 0;
     for (const auto& sink : sinks) {
-        for (const auto& entry : sink->entries()) {
-            EXPECT_EQ(std::get<1>(entry), std::to_string(next++));
+        for (const auto& [level, message, category] : sink->entries()) {
+            EXPECT_EQ(message, std::to_string(next++));
         }
     }
     EXPECT_EQ(next, kMessages);

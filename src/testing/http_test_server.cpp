@@ -78,7 +78,7 @@ std::string HttpTestServer::url(std::string_view path) const {
 
 void HttpTestServer::serve(const std::string& path, TestFile file) {
     std::lock_guard lock(mutex_);
-    files_[path] = {std::move(file), 0};
+    files_[path] = FileState{std::move(file)};
 }
 
 void HttpTestServer::release() {
@@ -120,8 +120,8 @@ void HttpTestServer::serveFile(const httplib::Request& request, httplib::Respons
         response.status = 404;
         return;
     }
-    const bool faulty = found->second.second++ < found->second.first.faultyResponses;
-    const TestFile file = found->second.first;
+    const bool faulty = found->second.served++ < found->second.file.faultyResponses;
+    const TestFile file = found->second.file;
     lock.unlock();
 
     if (file.holdHead) {

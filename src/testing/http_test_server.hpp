@@ -101,6 +101,11 @@ class HttpTestServer {
     std::vector<ReceivedRequest> requestsFor(std::string_view path) const;
 
   private:
+    struct FileState {
+        TestFile file;
+        int served = 0;
+    };
+
     void serveFile(const httplib::Request& request, httplib::Response& response);
     // Waits until release() or the server's end, counted in heldNow().
     void waitForRelease();
@@ -114,8 +119,7 @@ class HttpTestServer {
     bool stopping_ = false;
     int releases_ = 0;
     int held_ = 0;
-    // Each file with the number of responses served so far.
-    std::map<std::string, std::pair<TestFile, int>, std::less<>> files_;
+    std::map<std::string, FileState, std::less<>> files_;
     std::vector<ReceivedRequest> requests_;
 };
 

@@ -55,6 +55,11 @@ class FileTest : public ::testing::Test {
         return bytes;
     }
 
+    static void recordDigest(const fs::path& path, const std::string& digest) {
+        const FileDescriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+        ASSERT_TRUE(DigestCache::instance().record(file.get(), digest)) << path;
+    }
+
     // Names in the directory, to show that no temporary file was left behind.
     std::vector<std::string> entries() const {
         std::vector<std::string> names;
@@ -221,8 +226,7 @@ TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheNewestFilesAsRecorded
     const fs::path file = directory_ / "file";
     const std::string recorded = "digest recorded for the original";
     for (const auto& row : rows) {
-        const FileDescriptor written{::open(put(part, original).c_str(), O_RDONLY | O_CLOEXEC)};
-        ASSERT_TRUE(DigestCache::instance().record(written.get(), recorded));
+        recordDigest(put(part, original), recorded);
         ASSERT_EQ(DigestCache::instance().rename(part, file), 0);
         row.apply(file);
         const auto expected = row.recorded ? recorded : md5String(*readFile(file));
@@ -232,8 +236,7 @@ TEST_F(FileTest, Md5FileAnswersFromTheDigestCacheOnlyForTheNewestFilesAsRecorded
     std::vector<fs::path> files;
     for (std::size_t index = 0; index <= DigestCache::kCapacity; ++index) {
         files.push_back(put(directory_ / std::to_string(index), std::to_string(index)));
-        const FileDescriptor opened{::open(files.back().c_str(), O_RDONLY | O_CLOEXEC)};
-        ASSERT_TRUE(DigestCache::instance().record(opened.get(), "recorded"));
+        recordDigest(files.back(), "recorded");
     }
     EXPECT_EQ(md5File(files.front()), md5String("0"));
     EXPECT_EQ(md5File(files.back()), "recorded");
